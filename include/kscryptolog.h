@@ -1,0 +1,42 @@
+/* Encrypted log files: a 32-byte header ("KSCL", version 1, pid of the last key writer)
+ * followed by typed blocks: 1 = the AES key wrapped with the RSA public key, 2 = one record
+ * encrypted with AES-256-CBC under the latest key. */
+#ifndef KSCRYPTOLOG_H
+#define KSCRYPTOLOG_H
+
+#include <ksexport.h>
+#include <stddef.h>
+
+KS_EXTERN_C_BEGIN
+
+#define CRYPTO_LOG_HEADER_SIZE 32
+
+typedef struct crypto_log_writer crypto_log_writer;
+typedef struct crypto_log_reader crypto_log_reader;
+
+/* A writer with a fresh random key wrapped for `public_key_path`; null on any failure. */
+KS_EXPORT crypto_log_writer* crypto_log_writer_new(const char* public_key_path);
+KS_EXPORT int crypto_log_writer_regen_sym_key(crypto_log_writer* writer);
+/* Appends one record to `fd` (open, positioned at its end, header already written). */
+KS_EXPORT int crypto_log_writer_encrypt(crypto_log_writer* writer, int fd, const char* record, size_t length);
+KS_EXPORT int crypto_log_writer_write_with_key(crypto_log_writer* writer, int fd, const unsigned char* ciphertext,
+                                               size_t length);
+KS_EXPORT int crypto_log_writer_write_without_key(crypto_log_writer* writer, int fd,
+                                                  const unsigned char* ciphertext, size_t length);
+KS_EXPORT void crypto_log_writer_free(crypto_log_writer* writer);
+
+/* Writes the header at offset 0 with the caller's pid and returns to the previous position. */
+KS_EXPORT int crypto_log_layout_write_header(int fd);
+/* Reads the 32-byte header at offset 0 into `header`, restoring the position; 0 or -1. */
+KS_EXPORT int crypto_log_layout_read_header(int fd, unsigned char header[CRYPTO_LOG_HEADER_SIZE]);
+/* 0 when the magic and the version match, -1 otherwise. */
+KS_EXPORT int crypto_log_layout_is_valid_header(const unsigned char header[CRYPTO_LOG_HEADER_SIZE]);
+
+KS_EXPORT crypto_log_reader* crypto_log_reader_new(const char* private_key_path);
+KS_EXPORT void crypto_log_reader_free(crypto_log_reader* reader);
+/* Writes the plain records of `in_fd` to `out_fd`; 0 at the end of the file, -1 on error. */
+KS_EXPORT int crypto_log_reader_decrypt(crypto_log_reader* reader, int out_fd, int in_fd);
+
+KS_EXTERN_C_END
+
+#endif
