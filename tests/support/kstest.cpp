@@ -1,0 +1,70 @@
+// Shared test fixtures; see kstest.h.
+#include "kstest.h"
+
+#include <kspath.h>
+
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+namespace kstest {
+
+TempDir::TempDir() {
+    const char* base = std::getenv("TMPDIR");
+    std::string templ = std::string(base && *base ? base : "/tmp") + "/kstest.XXXXXX";
+    if (!::mkdtemp(templ.data())) throw std::runtime_error("mkdtemp failed");
+    path_ = templ;
+}
+
+TempDir::~TempDir() { run("rm -rf '" + path_ + "'"); }
+
+int run(const std::string& command, std::string* output) {
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), &::pclose);
+    if (!pipe) return -1;
+    char chunk[4096];
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, pipe.get())) > 0)
+        if (output) output->append(chunk, n);
+    int status = ::pclose(pipe.release());
+    if (status < 0 || !WIFEXITED(status)) return -1;
+    return WEXITSTATUS(status);
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream contents;
+    contents << in.rdbuf();
+    return contents.str();
+}
+
+bool write_file(const std::string& path, const std::string& contents) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << contents;
+    return static_cast<bool>(out);
+}
+
+bool make_rsa_keypair(const std::string& private_path, const std::string& public_path) {
+    return run("openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out '" + private_path +
+               "' 2>/dev/null && openssl pkey -in '" + private_path + "' -pubout -out '" + public_path +
+               "' 2>/dev/null") == 0;
+}
+
+InstallRoot::InstallRoot() {
+    for (const char* sub : {"etc/logging", "var/log", "var/run", "var/tmp", "bin"})
+        run("mkdir -p '" + dir_.path() + "/" + sub + "'");
+    private_key_ = keys_ / "logs-priv.pem";
+    public_key_ = dir_ / "etc/logs-pub.pem";
+    if (!make_rsa_keypair(private_key_, public_key_)) throw std::runtime_error("openssl key generation failed");
+    kspath_set_install_path(dir_.path().c_str());
+}
+
+InstallRoot::~InstallRoot() { kspath_set_install_path(nullptr); }
+
+std::string tool_path(const std::string& name) { return std::string(KS_BINARY_DIR) + "/tools/" + name; }
+
+}  // namespace kstest

@@ -1,0 +1,60 @@
+// Shared test fixtures: temporary directories, throw-away install roots with a log key
+// pair, and running shell commands (openssl, sha256sum, ...) as independent peers.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kstest {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its contents on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+// Runs `command` through /bin/sh; returns its exit status (-1 when it could not run or was
+// killed) and, when `output` is given, its standard output.
+int run(const std::string& command, std::string* output = nullptr);
+
+// Reads or writes a whole file; read_file returns "" for a missing file.
+std::string read_file(const std::string& path);
+bool write_file(const std::string& path, const std::string& contents);
+
+// Writes an RSA-2048 key pair with the openssl command: `private_path` (PKCS#8 PEM) and
+// `public_path` (SubjectPublicKeyInfo PEM). Keys are made at test time, never committed.
+bool make_rsa_keypair(const std::string& private_path, const std::string& public_path);
+
+// A temporary install root laid out like an installation: etc/, etc/logging/, var/log/,
+// var/run/, var/tmp/, bin/ and the log key pair etc/logs-pub.pem (+ private key beside the
+// root, not inside it). The constructor makes it the process's install root.
+class InstallRoot {
+public:
+    InstallRoot();
+    ~InstallRoot();
+
+    const std::string& path() const { return dir_.path(); }
+    std::string operator/(const std::string& relative) const { return dir_.path() + "/" + relative; }
+    const std::string& private_key() const { return private_key_; }
+    const std::string& public_key() const { return public_key_; }
+
+private:
+    TempDir keys_;
+    TempDir dir_;
+    std::string private_key_;
+    std::string public_key_;
+};
+
+// The build tree's directory of shipped programs (tools/).
+std::string tool_path(const std::string& name);
+
+}  // namespace kstest
