@@ -8,6 +8,8 @@ packages=(
   libjansson-dev libmbedtls-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   openssl coreutils util-linux iproute2
+  # benchmark baselines only: the library never links them
+  libuv1-dev redis-server redis-tools
 )
 
 missing=()
