@@ -1,0 +1,83 @@
+// A growable ring of bytes between a non-blocking socket (or pipe) and a protocol framed by
+// a delimiter character.
+//
+//   ks::ConnectionBuffer in(ks::ConnectionBufferType::receive, "ctl");   // logs as [rb-ctl]
+//   in.init(4096, 65536);
+//   if (in.recv(sock, 0) > 0)
+//       while (char* line = in.get('\n')) { handle(line); delete[] line; }
+//
+//   ks::ConnectionBuffer out(ks::ConnectionBufferType::send, "ctl");     // logs as [sb-ctl]
+//   out.init(4096, 65536);
+//   out.put(reply.data(), reply.size());    // may take less: put the rest again later
+//   out.send(sock, MSG_NOSIGNAL);           // one contiguous run per call
+//
+// The storage doubles when a put or a receive finds it full, up to the maximum given to
+// init. Every operation on the contents holds the buffer's mutex for its whole run, the
+// descriptor call included, so a producer and a consumer may live on different threads.
+#pragma once
+
+#include <ksexport.h>
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+
+namespace ks {
+
+enum class ConnectionBufferType : int { send = 0, receive = 1 };
+
+class KS_EXPORT ConnectionBuffer {
+public:
+    // No storage yet: call init before use. `name` goes into the tag of every log record.
+    ConnectionBuffer(ConnectionBufferType type, const std::string& name);
+    ~ConnectionBuffer();
+    ConnectionBuffer(const ConnectionBuffer&) = delete;
+    ConnectionBuffer& operator=(const ConnectionBuffer&) = delete;
+
+    // Allocates `initial` bytes (not zero) that may grow by doubling while the capacity is
+    // below `maximum`. Only for a buffer without storage (new or uninit-ed). Not locked.
+    bool init(size_t initial, size_t maximum);
+    // Frees the storage and forgets the contents. Not locked.
+    void uninit();
+
+    // Appends up to `len` bytes and returns how many were taken. A full buffer grows first;
+    // otherwise a put that does not fit takes what fits, and the caller puts the rest again.
+    // 0 when the buffer is full at its maximum.
+    size_t put(const void* data, size_t len);
+    // Takes the oldest message ending at `delimiter` and returns it NUL-terminated without
+    // the delimiter, allocated with new[] (release it with delete[]). Null when no complete
+    // message is held; nothing is consumed then.
+    char* get(char delimiter);
+
+    // Drain one contiguous run of the held bytes into the descriptor: a wrapped buffer
+    // needs two calls. The descriptor's result: bytes sent, or -1 (contents unchanged,
+    // errno tells why); 0 on an empty buffer, without calling the descriptor.
+    long send(int fd, int flags);
+    long write(int fd);
+    // Fill one contiguous run of free space from the descriptor. Bytes read, -1 on error
+    // (errno tells why), 0 at end of file or when the buffer is full at its maximum.
+    long recv(int fd, int flags);
+    long read(int fd);
+    // The same with any I/O function taking (pointer, length) and returning a count or -1.
+    long send_or_write(std::function<long(char*, unsigned long)> io);
+    long read_or_recv(std::function<long(char*, unsigned long)> io);
+
+    // Doubles the storage, keeping the contents in order; false at the maximum or when
+    // out of memory. The caller holds the mutex.
+    bool double_size();
+
+    ConnectionBufferType type;
+    char* begin;
+    char* end;
+    size_t capacity;
+    size_t maximum;
+    size_t count;  // bytes held
+    char* head;    // oldest byte
+    char* tail;    // next byte to fill
+    pthread_mutex_t mutex;
+    std::string tag;
+};
+
+}  // namespace ks
