@@ -28,16 +28,21 @@ KS_EXTERN_C_BEGIN
 /* Size of an RSA ciphertext or signature: keys are 2048 bits. */
 #define RSA_BLOCK_SIZE 256
 
-/* The keyed AES context of the crypto library (mbedtls_aes_context); callers of the
- * *_with_context and *_no_alloc forms key it themselves. */
+/* The keyed AES context of the crypto library (mbedtls_aes_context) used by the
+ * *_with_context and *_no_alloc forms. Callers that do not link the crypto library
+ * themselves get one from aes_context_new: keyed with the 32-byte `key` for encryption
+ * (`for_decryption` 0) or decryption; null on failure. Free it with aes_context_free. */
 struct mbedtls_aes_context;
+KS_EXPORT struct mbedtls_aes_context* aes_context_new(const unsigned char* key, int for_decryption);
+KS_EXPORT void aes_context_free(struct mbedtls_aes_context* ctx);
 
 /* Writes the text of `code` into `buffer`, at most size - 1 characters, always
  * NUL-terminated at the last byte; codes above 100 take the text of the current errno.
  * Returns `buffer`. */
 KS_EXPORT char* kscrypto_strerror(int code, char* buffer, size_t size);
 
-/* AES-256-CBC. `iv` (16 bytes) is advanced as CBC does, so consecutive calls chain.
+/* AES-256-CBC. `iv` (16 bytes) is advanced as CBC does, so consecutive calls chain. `in` may
+ * be null only when `in_len` is 0.
  * Encryption output is always longer than the input and a multiple of 16 bytes. The
  * allocating forms return a malloc'ed buffer that the caller frees; on failure *out is
  * null and *out_len 0. */

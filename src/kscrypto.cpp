@@ -22,6 +22,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
 namespace {
 
@@ -132,7 +134,7 @@ int decrypt_into(const unsigned char* in, size_t in_len, mbedtls_aes_context* ct
         mbedtls_platform_zeroize(last, sizeof last);
         return KSCRYPTO_EBUFSIZE;
     }
-    std::memcpy(out + body, last, keep);
+    if (keep > 0) std::memcpy(out + body, last, keep);
     mbedtls_platform_zeroize(last, sizeof last);
     *out_len = body + keep;
     return 0;
@@ -231,11 +233,38 @@ char* kscrypto_strerror(int code, char* buffer, size_t size) {
     return buffer;
 }
 
+struct mbedtls_aes_context* aes_context_new(const unsigned char* key, int for_decryption) {
+    if (!key) {
+        fail(KSCRYPTO_EPARAM, "aes_context_new");
+        return nullptr;
+    }
+    auto ctx = new (std::nothrow) mbedtls_aes_context;
+    if (!ctx) {
+        fail(KSCRYPTO_ENOMEM, "aes_context_new");
+        return nullptr;
+    }
+    mbedtls_aes_init(ctx);
+    int rc = for_decryption ? mbedtls_aes_setkey_dec(ctx, key, AES_KEY_SIZE * 8)
+                            : mbedtls_aes_setkey_enc(ctx, key, AES_KEY_SIZE * 8);
+    if (rc != 0) {
+        aes_context_free(ctx);
+        fail(rc, "aes_context_new");
+        return nullptr;
+    }
+    return ctx;
+}
+
+void aes_context_free(struct mbedtls_aes_context* ctx) {
+    if (!ctx) return;
+    mbedtls_aes_free(ctx);
+    delete ctx;
+}
+
 int aes_encrypt(const unsigned char* in, size_t in_len, const unsigned char* key, unsigned char* iv,
                 unsigned char** out, size_t* out_len) {
     if (out) *out = nullptr;
     if (out_len) *out_len = 0;
-    if (!in || !key || !iv || !out || !out_len) return fail(KSCRYPTO_EPARAM, "aes_encrypt");
+    if ((!in && in_len > 0) || !key || !iv || !out || !out_len) return fail(KSCRYPTO_EPARAM, "aes_encrypt");
     AesContext aes;
     int rc = mbedtls_aes_setkey_enc(&aes.ctx, key, AES_KEY_SIZE * 8);
     if (rc != 0) return fail(rc, "aes_encrypt");
@@ -246,14 +275,15 @@ int aes_encrypt_with_context(const unsigned char* in, size_t in_len, struct mbed
                              unsigned char* iv, unsigned char** out, size_t* out_len) {
     if (out) *out = nullptr;
     if (out_len) *out_len = 0;
-    if (!in || !ctx || !iv || !out || !out_len) return fail(KSCRYPTO_EPARAM, "aes_encrypt");
+    if ((!in && in_len > 0) || !ctx || !iv || !out || !out_len) return fail(KSCRYPTO_EPARAM, "aes_encrypt");
     return encrypt_alloc(in, in_len, ctx, iv, out, out_len);
 }
 
 int aes_encrypt_no_alloc(const unsigned char* in, size_t in_len, struct mbedtls_aes_context* ctx,
                          unsigned char* iv, unsigned char* out, size_t out_capacity, size_t* out_len) {
     if (out_len) *out_len = 0;
-    if (!in || !ctx || !iv || !out || !out_len) return fail(KSCRYPTO_EPARAM, "aes_encrypt");
+    if ((!in && in_len > 0) || !ctx || !iv || (!out && out_capacity > 0) || !out_len)
+        return fail(KSCRYPTO_EPARAM, "aes_encrypt");
     if (in_len >= out_capacity || padded_length(in_len) > out_capacity)
         return fail(KSCRYPTO_EBUFSIZE, "aes_encrypt");
     int rc = encrypt_into(in, in_len, ctx, iv, out);
@@ -266,7 +296,7 @@ int aes_decrypt(const unsigned char* in, size_t in_len, const unsigned char* key
                 unsigned char** out, size_t* out_len) {
     if (out) *out = nullptr;
     if (out_len) *out_len = 0;
-    if (!in || !key || !iv || !out || !out_len) return fail(KSCRYPTO_EPARAM, "aes_decrypt");
+    if ((!in && in_len > 0) || !key || !iv || !out || !out_len) return fail(KSCRYPTO_EPARAM, "aes_decrypt");
     AesContext aes;
     int rc = mbedtls_aes_setkey_dec(&aes.ctx, key, AES_KEY_SIZE * 8);
     if (rc != 0) return fail(rc, "aes_decrypt");
@@ -277,14 +307,15 @@ int aes_decrypt_with_context(const unsigned char* in, size_t in_len, struct mbed
                              unsigned char* iv, unsigned char** out, size_t* out_len) {
     if (out) *out = nullptr;
     if (out_len) *out_len = 0;
-    if (!in || !ctx || !iv || !out || !out_len) return fail(KSCRYPTO_EPARAM, "aes_decrypt");
+    if ((!in && in_len > 0) || !ctx || !iv || !out || !out_len) return fail(KSCRYPTO_EPARAM, "aes_decrypt");
     return decrypt_alloc(in, in_len, ctx, iv, out, out_len);
 }
 
 int aes_decrypt_no_alloc(const unsigned char* in, size_t in_len, struct mbedtls_aes_context* ctx,
                          unsigned char* iv, unsigned char* out, size_t out_capacity, size_t* out_len) {
     if (out_len) *out_len = 0;
-    if (!in || !ctx || !iv || !out || !out_len) return fail(KSCRYPTO_EPARAM, "aes_decrypt");
+    if ((!in && in_len > 0) || !ctx || !iv || (!out && out_capacity > 0) || !out_len)
+        return fail(KSCRYPTO_EPARAM, "aes_decrypt");
     int rc = decrypt_into(in, in_len, ctx, iv, out, out_capacity, out_len);
     return rc == 0 ? 0 : fail(rc, "aes_decrypt");
 }
@@ -354,7 +385,7 @@ int aes_decrypt_file(int out_fd, int in_fd, const unsigned char* key, const unsi
 }
 
 int rsa_encrypt(const unsigned char* in, size_t in_len, unsigned char* out, const char* public_key_file) {
-    if (!in || !out || !public_key_file) return fail(KSCRYPTO_EPARAM, "rsa_encrypt");
+    if ((!in && in_len > 0) || !out || !public_key_file) return fail(KSCRYPTO_EPARAM, "rsa_encrypt");
     PublicKey key;
     int rc = key.load(public_key_file, false);
     if (rc != 0) return fail(rc, "rsa_encrypt");

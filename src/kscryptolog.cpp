@@ -13,6 +13,7 @@
 #include <ksutils/error.h>
 
 #include <mbedtls/aes.h>
+#include <mbedtls/pk.h>
 #include <mbedtls/platform_util.h>
 
 #include <fcntl.h>
@@ -305,9 +306,20 @@ crypto_log_reader* crypto_log_reader_new(const char* private_key_path) {
         return nullptr;
     }
     // Refuse an unusable key now rather than at the first key block of every file.
-    if (::access(private_key_path, R_OK) != 0) {
-        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot read the private key {:s}: {:s}", private_key_path,
-                               std::strerror(errno));
+    mbedtls_pk_context pk;
+    mbedtls_pk_init(&pk);
+    int rc = mbedtls_pk_parse_keyfile(&pk, private_key_path, nullptr);
+    const bool is_rsa = rc == 0 && mbedtls_pk_get_type(&pk) == MBEDTLS_PK_RSA;
+    mbedtls_pk_free(&pk);
+    if (rc != 0) {
+        char text[128];
+        kscrypto_strerror(rc, text, sizeof text);
+        ks::_get_kserrno().set(ks::E_INVAL, "cannot load the private key {:s}: {:s}", private_key_path,
+                               static_cast<const char*>(text));
+        return nullptr;
+    }
+    if (!is_rsa) {
+        ks::_get_kserrno().set(ks::E_INVAL, "{:s} is not an RSA private key", private_key_path);
         return nullptr;
     }
     auto reader = new (std::nothrow) crypto_log_reader;

@@ -1,0 +1,120 @@
+// Digests, Base64 and the class face of the encrypted log writer and reader.
+//
+//   ks::MessageDigest md(ks::MessageDigest::SHA256);
+//   md.update(data, 0, size);
+//   std::string hex = md.hexdigest();
+//
+// The crypto library stays private to libksutils: its digest context is held by pointer,
+// so this header needs none of its declarations.
+#pragma once
+
+#include <ksexport.h>
+#include <kscryptolog.h>
+#include <ksutils/buffer.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+struct mbedtls_md_context_t;
+struct mbedtls_md_info_t;
+
+namespace ks {
+
+enum class HashFunction : int { MD5 = 0, SHA256 = 1 };
+
+// An incremental MD5 or SHA-256 digest. Movable, not copyable.
+class KS_EXPORT MessageDigest {
+public:
+    enum Algorithm : int { MD5 = 0, SHA256 = 1 };
+
+    // No algorithm selected: setup() must come before update().
+    MessageDigest();
+    explicit MessageDigest(Algorithm algorithm);
+    ~MessageDigest();
+    MessageDigest(MessageDigest&& other) noexcept;
+    MessageDigest& operator=(MessageDigest&& other) noexcept;
+    MessageDigest(const MessageDigest&) = delete;
+    MessageDigest& operator=(const MessageDigest&) = delete;
+
+    // Selects MD5 (0) or SHA-256 (1) and discards any digest in progress; any other value
+    // keeps the current selection (and fails when there is none).
+    bool setup(Algorithm algorithm);
+    // Hashes `length` bytes starting `offset` bytes into `data`. Fails after digest()
+    // until reset().
+    bool update(const unsigned char* data, unsigned long offset, unsigned long length);
+    // Finishes once; later calls return the same 16 or 32 bytes. Empty on failure. The view
+    // stays valid until the next reset(), setup() or move.
+    ks::buffer_view digest();
+    // The digest as lower-case hexadecimal text; empty on failure.
+    std::string hexdigest();
+    // Starts over with the same algorithm.
+    void reset();
+
+private:
+    struct ContextDeleter {
+        void operator()(mbedtls_md_context_t* context) const noexcept;
+    };
+    std::unique_ptr<mbedtls_md_context_t, ContextDeleter> context_;
+    const mbedtls_md_info_t* info_ = nullptr;
+    std::vector<unsigned char> digest_;
+    bool started_ = false;
+};
+
+// The hexadecimal digest of `length` bytes at `offset` in `data`; "" for an unknown function.
+KS_EXPORT std::string compute_hash(HashFunction function, const char* data, unsigned long offset,
+                                   unsigned long length);
+
+// Standard alphabet, 6 bits per character, the last group completed with zero bits and no
+// "=" padding. An empty input returns false.
+KS_EXPORT bool base64_encode(const std::string& in, std::string& out);
+// Tolerant decoder: white space is skipped, letters and digits decode by the standard
+// alphabet, '+' as 62 and every other character as 63 (so "=" padding is not understood:
+// strip it first); bits left over at the end are dropped. An empty input returns false.
+KS_EXPORT bool base64_decode(const std::string& in, std::string& out);
+
+// Owner of a crypto_log_writer: one per process, keyed for the public key file given.
+class KS_EXPORT CryptoLogWriter {
+public:
+    explicit CryptoLogWriter(const char* public_key_path);
+    ~CryptoLogWriter();
+    CryptoLogWriter(CryptoLogWriter&& other) noexcept;
+    CryptoLogWriter& operator=(CryptoLogWriter&& other) noexcept;
+    CryptoLogWriter(const CryptoLogWriter&) = delete;
+    CryptoLogWriter& operator=(const CryptoLogWriter&) = delete;
+
+    // False when the key could not be generated or wrapped (see the error record).
+    explicit operator bool() const noexcept { return writer_ != nullptr; }
+    crypto_log_writer* get() const noexcept { return writer_; }
+
+    bool regen_sym_key();
+    bool encrypt(int fd, const char* data, unsigned long size);
+    bool write_with_key(int fd, const std::vector<unsigned char>& ciphertext);
+    bool write_without_key(int fd, const std::vector<unsigned char>& ciphertext);
+
+private:
+    crypto_log_writer* writer_;
+};
+
+// Owner of a crypto_log_reader for one private key file.
+class KS_EXPORT CryptoLogReader {
+public:
+    explicit CryptoLogReader(const char* private_key_path);
+    ~CryptoLogReader();
+    CryptoLogReader(CryptoLogReader&& other) noexcept;
+    CryptoLogReader& operator=(CryptoLogReader&& other) noexcept;
+    CryptoLogReader(const CryptoLogReader&) = delete;
+    CryptoLogReader& operator=(const CryptoLogReader&) = delete;
+
+    explicit operator bool() const noexcept { return reader_ != nullptr; }
+    crypto_log_reader* get() const noexcept { return reader_; }
+
+    // Writes the plain records of `in_fd` to `out_fd`; false on a bad file or key (see the
+    // error record), after writing everything readable before the fault.
+    bool decrypt(int out_fd, int in_fd);
+
+private:
+    crypto_log_reader* reader_;
+};
+
+}  // namespace ks

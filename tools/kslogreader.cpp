@@ -1,0 +1,126 @@
+// kslogreader: turns encrypted log files back into plain text for operators.
+//
+// Files are read in the order given (for one output: the rotated files first, the current
+// one last) and their records written to standard output. A damaged file or a key that
+// does not match is reported on standard error with the file's name after everything
+// readable in it has been printed; the remaining files are still read, and the exit status
+// tells that something was lost.
+#include <ksutils/crypto.h>
+#include <ksutils/error.h>
+#include <ksutils/unique_fd.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitBadFile = 1;
+constexpr int kExitUsage = 2;
+
+const char* program = "kslogreader";
+
+void print_help(FILE* out) {
+    std::fprintf(out,
+                 "Usage: %s [-k PRIVATE_KEY | PRIVATE_KEY] LOGFILE...\n"
+                 "\n"
+                 "Decrypts encrypted log files and writes their plain records to standard output.\n"
+                 "Give the files of one output oldest first (e.g. name.1 then name.0) to read them\n"
+                 "in the order they were written; \"-\" reads a log file from standard input.\n"
+                 "\n"
+                 "Options:\n"
+                 "  -k, --key FILE   the RSA private key (PEM or DER) matching the device's log\n"
+                 "                   public key; without -k the first argument is the key\n"
+                 "  -h, --help       show this help and exit\n"
+                 "\n"
+                 "A file with a bad header, a truncated or corrupt block, or records written for\n"
+                 "another key is reported on standard error with its name, after everything\n"
+                 "readable in it has been printed; the other files are still read.\n"
+                 "\n"
+                 "Exit status: 0 when every file was read completely, 1 when any file could not\n"
+                 "be read completely, 2 for a usage error or an unusable key.\n",
+                 program);
+}
+
+int usage_error(const char* message, const char* argument = nullptr) {
+    if (argument)
+        std::fprintf(stderr, "%s: %s: %s\n", program, message, argument);
+    else
+        std::fprintf(stderr, "%s: %s\n", program, message);
+    std::fprintf(stderr, "Try '%s --help' for more information.\n", program);
+    return kExitUsage;
+}
+
+std::string last_error() { return std::string(ks::_get_kserrno().message_view()); }
+
+// Decrypts one file to standard output; false (after reporting it) when anything was lost.
+bool read_log(ks::CryptoLogReader& reader, const std::string& name) {
+    ks::unique_fd owned;
+    int fd = STDIN_FILENO;
+    if (name != "-") {
+        owned.reset(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!owned) {
+            std::fprintf(stderr, "%s: %s: %s\n", program, name.c_str(), std::strerror(errno));
+            return false;
+        }
+        fd = owned.get();
+    }
+    if (reader.decrypt(STDOUT_FILENO, fd)) return true;
+    std::fprintf(stderr, "%s: %s: %s\n", program, name == "-" ? "(standard input)" : name.c_str(),
+                 last_error().c_str());
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 0 && argv[0] && *argv[0]) {
+        const char* slash = std::strrchr(argv[0], '/');
+        program = slash ? slash + 1 : argv[0];
+    }
+
+    std::string key;
+    std::vector<std::string> files;
+    bool options_done = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (!options_done && (arg == "-h" || arg == "--help")) {
+            print_help(stdout);
+            return kExitOk;
+        }
+        if (!options_done && (arg == "-k" || arg == "--key")) {
+            if (i + 1 >= argc) return usage_error("option requires an argument", arg.c_str());
+            key = argv[++i];
+        } else if (!options_done && arg.rfind("--key=", 0) == 0) {
+            key = arg.substr(6);
+        } else if (!options_done && arg == "--") {
+            options_done = true;
+        } else if (!options_done && arg.size() > 1 && arg[0] == '-') {
+            return usage_error("unknown option", arg.c_str());
+        } else {
+            files.push_back(arg);
+        }
+    }
+    if (key.empty() && !files.empty()) {
+        key = files.front();
+        files.erase(files.begin());
+    }
+    if (key.empty()) return usage_error("no private key given");
+    if (files.empty()) return usage_error("no log file given");
+
+    ks::CryptoLogReader reader(key.c_str());
+    if (!reader) {
+        std::fprintf(stderr, "%s: %s\n", program, last_error().c_str());
+        return kExitUsage;
+    }
+    int status = kExitOk;
+    for (const std::string& name : files)
+        if (!read_log(reader, name)) status = kExitBadFile;
+    return status;
+}
