@@ -1,0 +1,232 @@
+// The client end of the settings socket: framing into a reusable buffer, whole sends,
+// fixed-length receives, and the rules for a server that goes away mid-request. A lost
+// connection is noticed by isUp() before the next request, which then reconnects; while the
+// thread holds the settings lock a lost connection is reported as such, because the lock
+// went with it.
+#include <kssetter/ksconnection.h>
+
+#include "kssetter/kssetmgmt/protocol.h"
+#include "kssetter/kssetmgmt/setmgmt_private.h"
+
+#include <ksutils/error.h>
+#include <ksutils/kslog.h>
+#include <ksutils/path.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <utility>
+
+namespace ks {
+namespace setMgmt {
+
+namespace {
+
+constexpr uint64_t kInitialCapacity = 4096;
+
+// The socket address is derived from the install root once per process.
+const sockaddr_un& serverAddress() {
+    static sockaddr_un address;
+    static std::once_flag once;
+    std::call_once(once, [] {
+        std::memset(&address, 0, sizeof address);
+        address.sun_family = AF_UNIX;
+        const path socketPath(common_path::run, setter::kSocketName);
+        const size_t n = std::min(socketPath.size(), sizeof address.sun_path - 1);
+        std::memcpy(address.sun_path, socketPath.c_str(), n);
+    });
+    return address;
+}
+
+}  // namespace
+
+Connection::~Connection() { reset(); }
+
+Connection::Connection(Connection&& other) noexcept
+    : fd(std::exchange(other.fd, -1)),
+      buffer(std::move(other.buffer)),
+      capacity(std::exchange(other.capacity, 0)),
+      lockHeld(std::exchange(other.lockHeld, false)) {}
+
+Connection& Connection::operator=(Connection&& other) noexcept {
+    if (this != &other) {
+        reset();
+        fd = std::exchange(other.fd, -1);
+        buffer = std::move(other.buffer);
+        capacity = std::exchange(other.capacity, 0);
+        lockHeld = std::exchange(other.lockHeld, false);
+    }
+    return *this;
+}
+
+int Connection::init() {
+    if (isUp()) return 0;
+    reset();
+    fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        _get_kserrno().set(E_SYSTEM);
+        KSLOG_INFO(_log_channel(), "Failed to connect to kssetter");
+        return -1;
+    }
+    const sockaddr_un& address = serverAddress();
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        _get_kserrno().set(E_SYSTEM);
+        reset();
+        KSLOG_INFO(_log_channel(), "Failed to connect to kssetter");
+        return -1;
+    }
+    KSLOG_DEBUG(_log_channel(), "Successfully connected to kssetter.");
+    if (!buffer) {
+        buffer.reset(new (std::nothrow) unsigned char[kInitialCapacity]);
+        capacity = buffer ? kInitialCapacity : 0;
+    }
+    return 0;
+}
+
+bool Connection::isUp() {
+    if (fd < 1) return false;
+    unsigned char byte;
+    ssize_t n;
+    do {
+        n = ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    } while (n < 0 && errno == EINTR);
+    if (n > 0 || (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))) return true;
+    KSLOG_INFO(_log_channel(), "Connection with kssetter seems down...");
+    reset();
+    return false;
+}
+
+void Connection::reset() {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+}
+
+bool Connection::resizeBuffer(unsigned long length) {
+    const uint64_t newCapacity = std::max<uint64_t>(capacity * 2, length);
+    unsigned char* grown = new (std::nothrow) unsigned char[newCapacity];
+    if (!grown) {
+        errno = ENOMEM;
+        _get_kserrno().set(E_SYSTEM);
+        return false;
+    }
+    buffer.reset(grown);
+    capacity = newCapacity;
+    KSLOG_INFO(_log_channel(), "Increased buffer size to {:d} for socket {:d}", capacity, fd);
+    return true;
+}
+
+int64_t Connection::setCmdIntro(setter::CmdType cmd, unsigned long bodyLength) {
+    const uint64_t total = setter::kHeaderSize + bodyLength;
+    if (total > capacity && !resizeBuffer(total)) return -1;
+    setter::encodeHeader(buffer.get(), cmd, bodyLength);
+    return static_cast<int64_t>(setter::kHeaderSize);
+}
+
+int64_t Connection::setCmdIntroAndKey(setter::CmdType cmd, const std::string& key, bool withLockByte) {
+    const unsigned long bodyLength = key.size() + (withLockByte ? 1 : 0);
+    int64_t offset = setCmdIntro(cmd, bodyLength);
+    if (offset < 0) return -1;
+    if (withLockByte) buffer[offset++] = lockHeld ? 1 : 0;
+    std::memcpy(buffer.get() + offset, key.data(), key.size());
+    return offset + static_cast<int64_t>(key.size());
+}
+
+void Connection::fillBuffer(unsigned long offset, const unsigned char* data, unsigned long length) {
+    if (length) std::memcpy(buffer.get() + offset, data, length);
+}
+
+int64_t Connection::failIo(bool resetOnError) {
+    if (resetOnError) reset();
+    if (lockHeld) _get_kserrno().set(E_DISCONNECTED, "Can't communicate with server");
+    return -1;
+}
+
+int64_t Connection::send(const unsigned char* data, unsigned long length, bool resetOnError) {
+    unsigned long sent = 0;
+    while (sent < length) {
+        const ssize_t n = ::send(fd, data + sent, length - sent, MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            _get_kserrno().set(E_SYSTEM);
+            return failIo(resetOnError);
+        }
+        sent += static_cast<unsigned long>(n);
+    }
+    return static_cast<int64_t>(sent);
+}
+
+int64_t Connection::send(unsigned long length, bool resetOnError) { return send(buffer.get(), length, resetOnError); }
+
+int64_t Connection::recv(unsigned char* out, unsigned long length, bool resetOnError, bool blocking) {
+    const int flags = MSG_NOSIGNAL | (blocking ? 0 : MSG_DONTWAIT);
+    unsigned long got = 0;
+    while (got < length) {
+        const ssize_t n = ::recv(fd, out + got, length - got, flags);
+        if (n > 0) {
+            got += static_cast<unsigned long>(n);
+            continue;
+        }
+        if (n == 0) {
+            _get_kserrno().set(E_FAULT, "Peer has closed socket");
+            return failIo(resetOnError);
+        }
+        if (errno == EINTR) continue;
+        if (!blocking && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+        _get_kserrno().set(E_SYSTEM);
+        return failIo(resetOnError);
+    }
+    return static_cast<int64_t>(got);
+}
+
+int64_t Connection::recv(unsigned long length, bool resetOnError, bool blocking) {
+    if (length > capacity && !resizeBuffer(length)) return -1;
+    return recv(buffer.get(), length, resetOnError, blocking);
+}
+
+bool Connection::inputDataAvailable(int timeoutMs) {
+    if (fd < 0) {
+        // poll() would ignore the descriptor and wait out the whole time-out.
+        errno = EBADF;
+        _get_kserrno().set(E_SYSTEM);
+        return false;
+    }
+    pollfd p{fd, POLLIN, 0};
+    int n;
+    do {
+        n = ::poll(&p, 1, timeoutMs);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        _get_kserrno().set(E_SYSTEM);
+        return false;
+    }
+    if (n == 0) {
+        _get_kserrno().set(E_TIMEDOUT);
+        return false;
+    }
+    if (p.revents != POLLIN) {
+        _get_kserrno().set(E_FAULT, "revents = {:d}", static_cast<int>(p.revents));
+        return false;
+    }
+    return true;
+}
+
+void Connection::setErrno(int64_t result) {
+    switch (result) {
+        case setter::kResultKeyNotFound: _get_kserrno().set(E_INVAL, "Key not found"); break;
+        case setter::kResultOutOfMemory: _get_kserrno().set(E_FAULT, "Out of memory"); break;
+        case setter::kResultParseError: _get_kserrno().set(E_FAULT, "Failed to parse data"); break;
+        case setter::kResultInvalidOperation: _get_kserrno().set(E_INVAL, "Invalid operation"); break;
+        case setter::kResultLockLost: _get_kserrno().set(E_DISCONNECTED); break;
+        default: break;  // codes without a meaning leave the error as it was
+    }
+}
+
+}  // namespace setMgmt
+}  // namespace ks

@@ -1,0 +1,618 @@
+// The settings client API: key checks, one request connection per thread, the one settings
+// lock a thread may hold, the offline fallback, subscriptions, and the plain functions of
+// the scripting-language binding.
+//
+// Requests of different threads never share a socket, so the request path takes no lock at
+// all; the init mutex only serialises init/uninit and offline-mode changes, and the offline
+// mutex guards the lazily loaded copy of the settings file that reads fall back to when the
+// server cannot be reached.
+#include <kssetter/kssetmgmt.h>
+
+#include "kssetter/kssetmgmt/protocol.h"
+#include "kssetter/kssetmgmt/setmgmt_private.h"
+
+#include <ksutils/error.h>
+#include <ksutils/fork.h>
+#include <ksutils/kslog.h>
+#include <ksutils/path.h>
+
+#include <poll.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+namespace ks {
+namespace setMgmt {
+
+namespace {
+
+using storage::NodeInfo;
+
+constexpr char kDelimiter = '/';
+
+std::atomic<int> g_initCount{0};
+std::mutex g_initMutex;
+std::atomic<bool> g_offlineMode{false};
+std::atomic<long> g_logChannel{-1};
+
+std::mutex g_offlineMutex;
+bool g_offlineLoaded = false;
+storage::Store& offlineStore() {
+    static storage::Store store;
+    return store;
+}
+
+const std::string& offlineFile() {
+    static const std::string file = path(common_path::etc, setter::kStorageFileName).str();
+    return file;
+}
+
+thread_local Connection t_connection;
+
+void setNotInitialized() { _get_kserrno().set(E_FAULT, "ks::setMgmt is not initialized"); }
+
+void setLostServer() { _get_kserrno().set(E_DISCONNECTED, "Can't communicate with server"); }
+
+bool checkKeyFormat(const std::string& key) {
+    if (key.empty() || key[0] != kDelimiter) {
+        _get_kserrno().set(E_INVAL, "Invalid key format (key must start with {:c})", kDelimiter);
+        return false;
+    }
+    if (key.size() == 1) return true;
+    if (key.back() == kDelimiter) {
+        _get_kserrno().set(E_INVAL, "Invalid key format (key must not end with {:c})", kDelimiter);
+        return false;
+    }
+    if (key.find("//") != std::string::npos) {
+        _get_kserrno().set(E_INVAL, "Invalid key format (no consecutive '{:c}' allowed)", kDelimiter);
+        return false;
+    }
+    return true;
+}
+
+// A forked child must not wait on a mutex some other thread of the parent held at the
+// fork, nor talk over the forking thread's socket, which the parent keeps using.
+void childAfterFork() {
+    if (g_initCount.load() <= 0) return;
+    new (&g_initMutex) std::mutex();
+    new (&g_offlineMutex) std::mutex();
+    t_connection.reset();
+    t_connection.lockHeld = false;
+}
+
+enum class Route { fail, server, offline };
+
+// The common preamble: initialised, well-formed key, a connection that is up. Reads may
+// be routed to the offline store instead.
+Route prepare(const std::string* key, bool read) {
+    if (g_initCount.load() <= 0) {
+        setNotInitialized();
+        return Route::fail;
+    }
+    if (key && !checkKeyFormat(*key)) return Route::fail;
+    Connection& c = t_connection;
+    if (c.lockHeld) {
+        // Reconnecting would silently drop the lock the caller believes it holds.
+        if (c.isUp()) return Route::server;
+        setLostServer();
+        return Route::fail;
+    }
+    if (c.init() == 0) return Route::server;
+    if (read && g_offlineMode.load()) return Route::offline;
+    return Route::fail;
+}
+
+// Sends the framed request and reads the 8-byte result: the result, or -1 with the error
+// set (a negative result mapped to its error).
+int64_t exchange(Connection& c, int64_t frameLength) {
+    if (frameLength < 0) return -1;
+    if (c.send(static_cast<unsigned long>(frameLength), true) < 0) return -1;
+    int64_t result = 0;
+    if (c.recv(reinterpret_cast<unsigned char*>(&result), sizeof result, true, true) < 0) return -1;
+    if (result < 0) {
+        Connection::setErrno(result);
+        return -1;
+    }
+    return result;
+}
+
+template <class Read>
+int64_t readOffline(Read&& read) {
+    std::lock_guard<std::mutex> lock(g_offlineMutex);
+    if (!g_offlineLoaded) {
+        KSLOG_INFO(_log_channel(), "Offline mode enabled. Loading data...");
+        if (offlineStore().load(offlineFile()) < 0) return -1;
+        g_offlineLoaded = true;
+    }
+    return read(offlineStore());
+}
+
+void invalidateOffline() {
+    std::lock_guard<std::mutex> lock(g_offlineMutex);
+    g_offlineLoaded = false;
+}
+
+unsigned char* allocateValue(uint64_t size) {
+    unsigned char* value = new (std::nothrow) unsigned char[size];
+    if (!value) {
+        errno = ENOMEM;
+        _get_kserrno().set(E_SYSTEM);
+    }
+    return value;
+}
+
+int64_t offlineGet(const std::string& key, unsigned char*& value) {
+    return readOffline([&](storage::Store& store) -> int64_t {
+        NodeInfo info;
+        if (store.keyInfo(key, info) < 0) return -1;
+        if (info.type == storage::None || info.size == 0) return 0;
+        unsigned char* bytes = allocateValue(info.size);
+        if (!bytes) return -1;
+        const int64_t n = store.getKey(key, bytes);
+        if (n < 0) {
+            delete[] bytes;
+            return -1;
+        }
+        value = bytes;
+        return n;
+    });
+}
+
+int64_t setRequest(const std::string& key, const unsigned char* value, unsigned long size, storage::ValueType type) {
+    if (prepare(&key, false) != Route::server) return -1;
+    Connection& c = t_connection;
+    const uint32_t wireType = type;
+    const unsigned long body = 1 + key.size() + 1 + sizeof wireType + size;
+    int64_t offset = c.setCmdIntro(setter::CMD_SET, body);
+    if (offset < 0) return -1;
+    const unsigned char lockByte = c.lockHeld ? 1 : 0;
+    const unsigned char nul = 0;
+    c.fillBuffer(offset, &lockByte, 1);
+    offset += 1;
+    c.fillBuffer(offset, reinterpret_cast<const unsigned char*>(key.data()), key.size());
+    offset += key.size();
+    c.fillBuffer(offset, &nul, 1);
+    offset += 1;
+    c.fillBuffer(offset, reinterpret_cast<const unsigned char*>(&wireType), sizeof wireType);
+    offset += sizeof wireType;
+    c.fillBuffer(offset, value, size);
+    offset += size;
+    if (exchange(c, offset) < 0) return -1;
+    invalidateOffline();
+    return 0;
+}
+
+bool toInt(const std::string& key, const std::string& text, int& out) {
+    errno = 0;
+    char* end = nullptr;
+    const long n = std::strtol(text.c_str(), &end, 10);
+    if (end == text.c_str() || errno == ERANGE || n < INT_MIN || n > INT_MAX) {
+        KSLOG_ERROR(_log_channel(), "Failed to convert value {:s} of key {:s} to int", text, key);
+        return false;
+    }
+    out = static_cast<int>(n);
+    return true;
+}
+
+}  // namespace
+
+unsigned long _log_channel() noexcept {
+    const long channel = g_logChannel.load(std::memory_order_relaxed);
+    return channel >= 0 ? static_cast<unsigned long>(channel) : 0;
+}
+
+Connection& _thread_connection() { return t_connection; }
+
+int init() {
+    std::lock_guard<std::mutex> lock(g_initMutex);
+    if (g_initCount.load() > 0) {
+        ++g_initCount;
+        return 0;
+    }
+    g_offlineMode = true;
+    invalidateOffline();
+    const unsigned long channel = log::open_channel(log::kKSSetMgmtChannel);
+    if (static_cast<long>(channel) < 0) {
+        _get_kserrno().set(E_FAULT, "Cannot open log channel '{:s}'.", log::kKSSetMgmtChannel);
+        return -1;
+    }
+    g_logChannel = static_cast<long>(channel);
+    ks::lib_atfork(childAfterFork);
+    KSLOG_DEBUG(_log_channel(), "ks::setMgmt successfully initialized");
+    ++g_initCount;
+    return 0;
+}
+
+int uninit() {
+    std::lock_guard<std::mutex> lock(g_initMutex);
+    if (g_initCount.load() < 1) return 0;
+    if (--g_initCount > 0) return 0;
+    if (g_offlineMode.load()) {
+        std::lock_guard<std::mutex> offline(g_offlineMutex);
+        offlineStore().clear();
+        g_offlineLoaded = false;
+    }
+    KSLOG_DEBUG(_log_channel(), "ks::setMgmt successfully uninitialized");
+    log::close_channel(static_cast<unsigned long>(g_logChannel.exchange(-1)));
+    return 0;
+}
+
+bool initialized() { return g_initCount.load() > 0; }
+
+int64_t getKey(const std::string& key, unsigned char*& value) {
+    value = nullptr;
+    const Route route = prepare(&key, true);
+    if (route == Route::offline) return offlineGet(key, value);
+    if (route == Route::fail) return -1;
+    Connection& c = t_connection;
+    const int64_t size = exchange(c, c.setCmdIntroAndKey(setter::CMD_GET, key, true));
+    if (size <= 0) return size;
+    unsigned char* bytes = allocateValue(static_cast<uint64_t>(size));
+    if (!bytes) {
+        c.reset();  // the value is still in the socket; the next request starts afresh
+        return -1;
+    }
+    if (c.recv(bytes, static_cast<unsigned long>(size), true, true) < 0) {
+        delete[] bytes;
+        return -1;
+    }
+    value = bytes;
+    return size;
+}
+
+int64_t getKey(const std::string& key, std::string& value) {
+    const Route route = prepare(&key, true);
+    if (route == Route::offline) {
+        unsigned char* bytes = nullptr;
+        const int64_t n = offlineGet(key, bytes);
+        if (n >= 0) value.assign(reinterpret_cast<const char*>(bytes), static_cast<size_t>(n));
+        delete[] bytes;
+        return n;
+    }
+    if (route == Route::fail) return -1;
+    Connection& c = t_connection;
+    const int64_t size = exchange(c, c.setCmdIntroAndKey(setter::CMD_GET, key, true));
+    if (size < 0) return -1;
+    if (size > 0 && c.recv(static_cast<unsigned long>(size), true, true) < 0) {
+        if (c.fd >= 0) c.reset();
+        return -1;
+    }
+    value.assign(reinterpret_cast<const char*>(c.buffer.get()), static_cast<size_t>(size));
+    return size;
+}
+
+std::string getKeyValue(const std::string& key, const std::string& fallback) {
+    std::string value;
+    return getKey(key, value) < 0 ? fallback : value;
+}
+
+std::string getKeyValue(const std::vector<std::string>& keys, const std::string& fallback) {
+    std::string value;
+    for (const std::string& key : keys)
+        if (getKey(key, value) >= 0 && !value.empty()) return value;
+    return fallback;
+}
+
+int getKeyValue(const std::string& key, int fallback) {
+    std::string value;
+    int number;
+    if (getKey(key, value) < 0 || value.empty() || !toInt(key, value, number)) return fallback;
+    return number;
+}
+
+int getKeyValue(const std::vector<std::string>& keys, int fallback) {
+    std::string value;
+    for (const std::string& key : keys) {
+        if (getKey(key, value) < 0 || value.empty()) continue;
+        int number;
+        return toInt(key, value, number) ? number : fallback;
+    }
+    return fallback;
+}
+
+int setKey(const std::string& key, const std::string& value) {
+    return static_cast<int>(setRequest(key, reinterpret_cast<const unsigned char*>(value.data()), value.size(),
+                                       value.empty() ? storage::None : storage::String));
+}
+
+int setKey(const std::string& key, const unsigned char* value, unsigned long size) {
+    return static_cast<int>(setRequest(key, value, size, size ? storage::Binary : storage::None));
+}
+
+int deleteKey(const std::string& key) {
+    if (prepare(&key, false) != Route::server) return -1;
+    Connection& c = t_connection;
+    if (exchange(c, c.setCmdIntroAndKey(setter::CMD_DELETE, key, true)) < 0) return -1;
+    invalidateOffline();
+    return 0;
+}
+
+int statKey(const std::string& key, NodeInfo& info) {
+    const Route route = prepare(&key, true);
+    if (route == Route::offline)
+        return static_cast<int>(readOffline([&](storage::Store& store) -> int64_t { return store.keyInfo(key, info); }));
+    if (route == Route::fail) return -1;
+    Connection& c = t_connection;
+    if (exchange(c, c.setCmdIntroAndKey(setter::CMD_STAT, key, true)) < 0) return -1;
+    if (c.recv(reinterpret_cast<unsigned char*>(&info), sizeof info, true, true) < 0) return -1;
+    return 0;
+}
+
+bool keyDeleted(const std::string& key) {
+    if (!initialized()) {
+        setNotInitialized();
+        return true;
+    }
+    NodeInfo info;
+    if (statKey(key, info) == 0) return false;
+    return _get_kserrno().code == E_INVAL;
+}
+
+int enumSubkeys(const std::string& key, std::vector<std::string>& names) {
+    const Route route = prepare(&key, true);
+    if (route == Route::offline) {
+        return static_cast<int>(readOffline([&](storage::Store& store) -> int64_t {
+            int count = 0;
+            for (std::string& name : store.enumSubkeys(key)) {
+                if (name.empty()) continue;
+                names.push_back(std::move(name));
+                ++count;
+            }
+            return count;
+        }));
+    }
+    if (route == Route::fail) return -1;
+    Connection& c = t_connection;
+    const int64_t length = exchange(c, c.setCmdIntroAndKey(setter::CMD_ENUM, key, true));
+    if (length <= 0) return static_cast<int>(length);
+    if (c.recv(static_cast<unsigned long>(length), true, true) < 0) return -1;
+    const char* p = reinterpret_cast<const char*>(c.buffer.get());
+    const char* end = p + length;
+    int count = 0;
+    while (p < end) {
+        const char* nul = static_cast<const char*>(std::memchr(p, '\0', static_cast<size_t>(end - p)));
+        const char* stop = nul ? nul : end;
+        if (stop == p) {
+            KSLOG_ERROR(_log_channel(), "BUG: Empty subkey");
+        } else {
+            names.emplace_back(p, stop);
+            ++count;
+        }
+        p = stop + 1;
+    }
+    return count;
+}
+
+int lockKey(const std::string& key) {
+    if (!initialized()) {
+        setNotInitialized();
+        return -1;
+    }
+    if (!checkKeyFormat(key)) return -1;
+    Connection& c = t_connection;
+    if (c.lockHeld) {
+        _get_kserrno().set(E_INVAL, "Can't lock more than one key.");
+        return -1;
+    }
+    if (prepare(&key, false) != Route::server) return -1;
+    if (exchange(c, c.setCmdIntroAndKey(setter::CMD_LOCK, key, false)) < 0) return -1;
+    c.lockHeld = true;
+    return 0;
+}
+
+int unlockKey(const std::string& key) {
+    if (!initialized()) {
+        setNotInitialized();
+        return -1;
+    }
+    if (!checkKeyFormat(key)) return -1;
+    Connection& c = t_connection;
+    if (!c.lockHeld) return 0;
+    if (!c.isUp()) {
+        c.lockHeld = false;
+        setLostServer();
+        return -1;
+    }
+    // Sent with the lock byte still set, so that a failure in flight reads as a lost lock.
+    const int64_t result = exchange(c, c.setCmdIntroAndKey(setter::CMD_UNLOCK, key, true));
+    c.lockHeld = false;
+    return result < 0 ? -1 : 0;
+}
+
+int setOfflineMode(bool on) {
+    std::lock_guard<std::mutex> lock(g_initMutex);
+    if (g_initCount.load() <= 0) {
+        setNotInitialized();
+        return -1;
+    }
+    g_offlineMode = on;
+    if (!on) {
+        std::lock_guard<std::mutex> offline(g_offlineMutex);
+        offlineStore().clear();
+        g_offlineLoaded = false;
+    }
+    KSLOG_DEBUG(_log_channel(), "ks::setMgmt - offline mode set to {:d}", on ? 1 : 0);
+    return 0;
+}
+
+bool getOfflineMode() {
+    std::lock_guard<std::mutex> lock(g_initMutex);
+    return g_offlineMode.load();
+}
+
+int getDebugInfo(storage::DebugInfo& info) {
+    if (prepare(nullptr, false) != Route::server) return -1;
+    Connection& c = t_connection;
+    if (exchange(c, c.setCmdIntro(setter::CMD_DEBUG_INFO, 0)) < 0) return -1;
+    static_assert(sizeof info == 24, "the debug record is 24 bytes on the wire");
+    if (c.recv(reinterpret_cast<unsigned char*>(&info), sizeof info, true, true) < 0) return -1;
+    return 0;
+}
+
+int checkHash(const std::string& file) { return storage::Store::checkHash(file); }
+
+// ---- subscriptions ----
+
+NotifyHandle::NotifyHandle(const std::string& subscribedKey, bool keys) : key(subscribedKey), reportKeys(keys) {}
+
+int NotifyHandle::init() {
+    if (connection.init() < 0) return -1;
+    const setter::CmdType cmd = reportKeys ? setter::CMD_NOTIFY_KEYS : setter::CMD_NOTIFY;
+    return exchange(connection, connection.setCmdIntroAndKey(cmd, key, false)) < 0 ? -1 : 0;
+}
+
+int NotifyHandle::getNotifications(int timeoutMs) {
+    if (reportKeys) {
+        std::set<std::string> keys;
+        return getNotifications(timeoutMs, keys);
+    }
+    if (!connection.inputDataAvailable(timeoutMs)) return -1;
+    // Each byte is one change; read them in chunks rather than one recv per byte.
+    unsigned char chunk[256];
+    int count = 0;
+    for (;;) {
+        const int64_t n = connection.recv(chunk, sizeof chunk, false, false);
+        if (n < 0) return count > 0 ? count : -1;
+        count += static_cast<int>(n);
+        if (n < static_cast<int64_t>(sizeof chunk)) return count;
+    }
+}
+
+int NotifyHandle::getNotifications(int timeoutMs, std::set<std::string>& keys) {
+    if (!reportKeys) {
+        const int count = getNotifications(timeoutMs);
+        if (count < 1) return count;
+        keys.insert(key);
+        return count;
+    }
+    if (!connection.inputDataAvailable(timeoutMs)) return -1;
+    int count = 0;
+    for (;;) {
+        uint64_t length = 0;
+        if (connection.recv(reinterpret_cast<unsigned char*>(&length), sizeof length, false, true) < 0)
+            return count > 0 ? count : -1;
+        if (length > setter::kMaxBodyLength) {
+            _get_kserrno().set(E_FAULT, "Failed to parse data");
+            return -1;
+        }
+        if (length > 0 && connection.recv(static_cast<unsigned long>(length), false, true) < 0)
+            return count > 0 ? count : -1;
+        keys.emplace(reinterpret_cast<const char*>(connection.buffer.get()), static_cast<size_t>(length));
+        ++count;
+        // Another record ready? Checked without touching the error record.
+        pollfd p{connection.fd, POLLIN, 0};
+        if (::poll(&p, 1, 0) != 1 || !(p.revents & POLLIN)) return count;
+    }
+}
+
+int NotifyHandle::uninit() {
+    if (connection.fd < 0) return -1;
+    const int64_t length = connection.setCmdIntro(setter::CMD_NOTIFY_END, 0);
+    if (length > 0) connection.send(static_cast<unsigned long>(length), false);
+    // The server answers the end by closing the stream once what is queued is out.
+    int result;
+    do {
+        result = getNotifications(-1);
+    } while (result > 0);
+    return result;
+}
+
+NotifyHandle* setNotification(const std::string& key, bool reportKeys) {
+    if (!initialized()) {
+        setNotInitialized();
+        return nullptr;
+    }
+    if (!checkKeyFormat(key)) return nullptr;
+    NotifyHandle* handle = new (std::nothrow) NotifyHandle(key, reportKeys);
+    if (!handle) {
+        errno = ENOMEM;
+        _get_kserrno().set(E_SYSTEM);
+        return nullptr;
+    }
+    if (handle->init() < 0) {
+        delete handle;
+        return nullptr;
+    }
+    return handle;
+}
+
+namespace {
+
+bool checkWait(NotifyHandle* handle) {
+    if (!initialized()) {
+        setNotInitialized();
+        return false;
+    }
+    if (!handle) {
+        _get_kserrno().set(E_INVAL, "Invalid notification handle");
+        return false;
+    }
+    if (t_connection.lockHeld) {
+        _get_kserrno().set(E_INVAL, "Invalid operation (waitNotification not allowed while holding a lock)");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int waitNotification(NotifyHandle* handle, int timeoutMs) {
+    return checkWait(handle) ? handle->getNotifications(timeoutMs) : -1;
+}
+
+int waitNotification(NotifyHandle* handle, int timeoutMs, std::set<std::string>& keys) {
+    return checkWait(handle) ? handle->getNotifications(timeoutMs, keys) : -1;
+}
+
+void cancelNotification(NotifyHandle*& handle) {
+    if (!handle) return;
+    // Without the module the handle is still destroyed (its socket closed), just not
+    // ended politely: leaking it would be worse.
+    if (initialized())
+        handle->uninit();
+    else
+        setNotInitialized();
+    delete handle;
+    handle = nullptr;
+}
+
+int getNotificationFd(NotifyHandle* handle) {
+    if (!initialized()) {
+        setNotInitialized();
+        return -1;
+    }
+    if (!handle) {
+        _get_kserrno().set(E_INVAL, "Invalid notification handle");
+        return -1;
+    }
+    return handle->connection.fd;
+}
+
+}  // namespace setMgmt
+}  // namespace ks
+
+// ---- scripting-language binding ----
+
+int init_py_wrapper(void) { return ks::setMgmt::init(); }
+
+int uninit_py_wrapper(void) { return ks::setMgmt::uninit(); }
+
+int64_t getKey_py_wrapper(const char* key, char** value) {
+    std::string text;
+    const int64_t n = ks::setMgmt::getKey(std::string(key), text);
+    *value = ::strdup(n < 0 ? "" : text.c_str());
+    return n;
+}
+
+int enumSubkeys_py_wrapper(const char* key, char** names) {
+    std::vector<std::string> found;
+    const int n = ks::setMgmt::enumSubkeys(std::string(key), found);
+    if (n < 0) return -1;
+    for (size_t i = 0; i < found.size(); ++i) names[i] = ::strdup(found[i].c_str());
+    return n;
+}
