@@ -1,8 +1,11 @@
 // Executor dispatch rules, timers, cross-thread wake-ups and the timer/eventfd helpers.
 #include <ksutils/error.h>
 #include <ksutils/executor.h>
+#include <ksutils/kslog.h>
 
 #include <gtest/gtest.h>
+
+#include "kstest.h"
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
@@ -11,6 +14,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <memory>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -65,6 +69,37 @@ long remaining_ms(int tfd, bool interval = false) {
     EXPECT_EQ(::timerfd_gettime(tfd, &t), 0);
     const struct timespec& ts = interval ? t.it_interval : t.it_value;
     return ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
+
+// The default channel at trace level on standard error, in a throw-away install root.
+class LogCapture {
+public:
+    LogCapture() {
+        const std::string config = root_ / "etc/logging/capture.json";
+        kstest::write_file(config, R"({"action":"update","channels":{"default":[{"file":":stderr","level":"trace"}]}})");
+        started_ = ks::log::start("executor_test", root_.path().c_str(), config.c_str());
+    }
+    ~LogCapture() {
+        if (started_) ks::log::stop();
+    }
+    bool started() const { return started_; }
+    // What was logged while `fn` ran.
+    template <class Fn>
+    std::string during(Fn fn) {
+        testing::internal::CaptureStderr();
+        fn();
+        return testing::internal::GetCapturedStderr();
+    }
+
+private:
+    kstest::InstallRoot root_;
+    bool started_ = false;
+};
+
+size_t occurrences(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
 }
 
 }  // namespace
@@ -449,4 +484,54 @@ TEST(EpollEventsToString, FormatsModifiersThenEvents) {
     const char* mine = ks::epoll_events_to_string(EPOLLIN);
     std::thread([] { ks::epoll_events_to_string(EPOLLOUT | EPOLLET); }).join();
     EXPECT_STREQ(mine, "MODS: (none), EVENTS: IN");
+}
+
+TEST(ExecutorLog, RecordsMisuseAndChanges) {
+    LogCapture log;
+    ASSERT_TRUE(log.started());
+    Fds fds;
+    const int efd = fds.eventfd();
+    const std::string fd = std::to_string(efd);
+    const std::string other = std::to_string(efd + 1);
+    auto loop = std::make_unique<ks::Executor>();
+    int tfd = -1;
+
+    // Each case's texts must appear in this order in what it logged.
+    const struct {
+        const char* what;
+        std::function<void()> run;
+        std::vector<std::string> expected;
+    } cases[] = {
+        {"add", [&] { loop->add(efd, EPOLLIN, [] { return 0; }); }, {"trace [executorutl.cpp:", "epoll: Add fd=" + fd}},
+        {"add invalid", [&] { loop->add(-1, EPOLLIN, nullptr); },
+         {"error [executorutl.cpp:", "BUG: Can not register invalid fd=-1\n"}},
+        {"add too large", [&] { loop->add(1024, EPOLLIN, nullptr); }, {"error [", "BUG: Can not register fd=1024"}},
+        {"add duplicate", [&] { loop->add(efd, EPOLLIN, nullptr); }, {"error [", "BUG: fd=" + fd + " already tracked\n"}},
+        {"mod", [&] { loop->mod(efd, EPOLLOUT, nullptr); }, {"trace [", "epoll: Modify fd=" + fd + "\n"}},
+        {"mod unknown", [&] { loop->mod(efd + 1, EPOLLOUT, nullptr); },
+         {"error [", "fd=" + other + " was not registered with this executor instance\n"}},
+        {"del", [&] { loop->del(efd); }, {"trace [", "epoll: Delete fd=" + fd + "\n"}},
+        {"del unknown", [&] { loop->del(efd); },
+         {"error [", "fd=" + fd + " was not registered with this executor instance\n"}},
+        {"timer", [&] { tfd = loop->start_timer(250ms, 0ms, nullptr); },
+         {"trace [", "Starting timer tfd=", " timeout=250 milliseconds=0\n"}},
+        {"notify", [&] { ks::eventfd_notify(-1); }, {"error [miscutl.cpp:", "write[9] Bad file descriptor\n"}},
+        {"drain", [&] { ks::eventfd_read_notification(efd); },
+         {"error [miscutl.cpp:", "read[11] Resource temporarily unavailable\n"}},
+    };
+    for (const auto& c : cases) {
+        const std::string text = log.during(c.run);
+        size_t at = 0;
+        for (const std::string& e : c.expected) {
+            at = text.find(e, at);
+            ASSERT_NE(at, std::string::npos) << c.what << ": no \"" << e << "\" in:\n" << text;
+        }
+    }
+
+    // The destructor reports each registration left behind, once.
+    ASSERT_GE(tfd, 0);
+    fds.keep(tfd);
+    ASSERT_EQ(loop->add(efd, EPOLLIN, [] { return 0; }), 0);
+    const std::string text = log.during([&] { loop.reset(); });
+    EXPECT_EQ(occurrences(text, "]: BUG: Please executor->del() all file descriptors on cleanup.\n"), 2u) << text;
 }
