@@ -1,0 +1,585 @@
+// The settings store: key syntax, reads and writes through the tree, branch copies and
+// merges, change counting, and the settings file.
+//
+// Saving serialises the tree once into memory, digests it, and then writes each target
+// through "<name>.shadow": only a shadow that was written completely and synced is renamed
+// over the target, so the previous file survives any failure or crash in between. Loading
+// reads the file in large chunks and splits lines in place; a record is only copied when it
+// becomes a node, which keeps a load of a large file close to the cost of building the tree.
+#include <kssetter/ksstorage.h>
+#include <ksutils/crypto.h>
+#include <ksutils/error.h>
+#include <ksutils/kslog.h>
+#include <ksutils/streams.h>
+#include <ksutils/unique_fd.h>
+#include <kswrite.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace ks {
+namespace storage {
+
+namespace {
+
+constexpr char kDelimiter = '/';
+// The record separators of the settings file; the NUL makes this six characters long.
+constexpr ks::string_view kForbidden("\t\r\n|=\0", 6);
+constexpr ks::string_view kVolatileRoot = "/tmp";
+constexpr ks::string_view kHashRecord = "/tmp/hash=s|";
+constexpr ks::string_view kHashKey = "/tmp/hash";
+constexpr size_t kHexDigestSize = 64;
+// The checksum line without and with its line end.
+constexpr size_t kHashLineSize = 76;
+constexpr size_t kSerialiseStep = 513;
+constexpr size_t kReadChunk = 64 * 1024;
+constexpr ks::HashFunction kSha256 = ks::HashFunction::SHA256;
+
+const char* system_error(int err) { return std::strerror(err); }
+
+unsigned long open_store_channel() { return ks::log::open_channel(ks::log::kKSSetMgmtChannel); }
+
+// Calls `visit(component)` for every component of `path` (a key without its leading "/"),
+// splitting at every delimiter and keeping empty components. `visit` returns false to stop.
+// One scratch string is reused for the components, so short keys allocate nothing.
+template <class Visit>
+void for_each_component(ks::string_view path, Visit&& visit) {
+    std::string component;
+    size_t start = 0;
+    for (;;) {
+        const size_t slash = path.find(kDelimiter, start);
+        const size_t end = slash == ks::string_view::npos ? path.size() : slash;
+        component.assign(path.data() + start, end - start);
+        if (!visit(component, slash == ks::string_view::npos) || slash == ks::string_view::npos) return;
+        start = slash + 1;
+    }
+}
+
+// Reads a descriptor in large chunks and hands out the lines (without "\n") as views into
+// its buffer; a view stays valid until the next call. A last line without "\n" counts.
+class LineReader {
+public:
+    explicit LineReader(int fd) : fd_(fd), buffer_(kReadChunk) {}
+
+    // 1 with a line, 0 at end of file, -1 on a read error (errno set).
+    int next(ks::string_view& line) {
+        for (;;) {
+            const char* start = buffer_.data() + begin_;
+            const void* end = std::memchr(start + scanned_, '\n', end_ - begin_ - scanned_);
+            if (end != nullptr) {
+                const size_t length = static_cast<size_t>(static_cast<const char*>(end) - start);
+                line = ks::string_view(start, length);
+                begin_ += length + 1;
+                scanned_ = 0;
+                return 1;
+            }
+            scanned_ = end_ - begin_;
+            if (eof_) {
+                if (begin_ == end_) return 0;
+                line = ks::string_view(start, end_ - begin_);
+                begin_ = end_;
+                scanned_ = 0;
+                return 1;
+            }
+            if (fill() < 0) return -1;
+        }
+    }
+
+private:
+    int fill() {
+        if (begin_ > 0) {
+            std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+            end_ -= begin_;
+            begin_ = 0;
+        }
+        if (end_ == buffer_.size()) buffer_.resize(buffer_.size() * 2);
+        for (;;) {
+            const ssize_t n = ::read(fd_, buffer_.data() + end_, buffer_.size() - end_);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) return -1;
+            if (n == 0) eof_ = true;
+            end_ += static_cast<size_t>(n);
+            return 0;
+        }
+    }
+
+    int fd_;
+    std::vector<char> buffer_;
+    size_t begin_ = 0;    // first unread byte
+    size_t end_ = 0;      // end of the bytes read
+    size_t scanned_ = 0;  // bytes after begin_ known to hold no line end
+    bool eof_ = false;
+};
+
+// Writes the checksum line and the content to "<file>.shadow", syncs it and renames it over
+// `file`. Sets E_SYSTEM, logs and removes the shadow on failure.
+bool save_one(unsigned long channel, const std::string& file, ks::string_view hashLine, ks::string_view content) {
+    KSLOG_DEBUG(channel, "Saving storage to file {:s}", file);
+    const std::string shadow = file + ".shadow";
+    ks::unique_fd fd(::open(shadow.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd) {
+        const int err = errno;
+        _get_kserrno().set(E_SYSTEM, "Failed to open file {:s}: {:s}", shadow, system_error(err));
+        KSLOG_ERROR(channel, "Failed to open file: {}", system_error(err));
+        return false;
+    }
+    auto fail = [&](const char* what) {
+        const int err = errno;
+        _get_kserrno().set(E_SYSTEM, "{:s}({:s}): {:s}", what, shadow, system_error(err));
+        fd.reset();
+        ::unlink(shadow.c_str());
+        return false;
+    };
+    if (write_all(fd.get(), hashLine.data(), hashLine.size(), 1) < 0) return fail("write");
+    if (!content.empty() && write_all(fd.get(), content.data(), content.size(), 1) < 0) return fail("write");
+    KSLOG_DEBUG(channel, "Wrote data to {:s}", shadow);
+    if (::fsync(fd.get()) != 0) {
+        KSLOG_WARN(channel, "sync({:s}): {}", shadow, system_error(errno));
+        return fail("sync");
+    }
+    KSLOG_DEBUG(channel, "fsync on {:s} finished", shadow);
+    if (::close(fd.release()) != 0) return fail("close");
+    if (::rename(shadow.c_str(), file.c_str()) != 0) {
+        const int err = errno;
+        KSLOG_ERROR(channel, "Failed to rename file: {}", system_error(err));
+        errno = err;
+        return fail("rename");
+    }
+    // Make the rename itself durable; a directory that cannot be synced is no reason to
+    // call a complete save failed.
+    const size_t slash = file.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+    ks::unique_fd dirfd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dirfd) ::fsync(dirfd.get());
+    KSLOG_DEBUG(channel, "Successfully saved to {:s}", file);
+    return true;
+}
+
+}  // namespace
+
+// ---- construction --------------------------------------------------------------------
+
+Store::Store() = default;
+
+Store::Store(const Store& other, const std::string& key) {
+    logChannel = static_cast<int>(ks::log::open_channel(ks::log::kKSSetMgmtChannel));
+    if (logChannel < 0) KSLOG_ERROR(0, "Cannot open log channel {}", ks::log::kKSSetMgmtChannel);
+    if (!other.root) return;
+    if (key == "/") {
+        root = std::make_unique<TreeNode>(other.root.get(), true, nullptr);
+        return;
+    }
+    if (!isValidKey(key)) return;
+    const TreeNode* source = other.lookup(key);
+    if (source == nullptr) return;
+    root = std::make_unique<TreeNode>("", nullptr);
+    TreeNode* node = root.get();
+    for_each_component(ks::string_view(key).substr(1), [&](const std::string& component, bool last) {
+        std::unique_ptr<TreeNode> child = last ? std::make_unique<TreeNode>(source, true, node)
+                                               : std::make_unique<TreeNode>(component.c_str(), node);
+        TreeNode* next = child.get();
+        if (node->addChild(component, next)) child.release();
+        node = next;
+        return true;
+    });
+}
+
+Store::~Store() = default;
+Store::Store(Store&& other) noexcept = default;
+Store& Store::operator=(Store&& other) noexcept = default;
+
+// ---- key syntax ----------------------------------------------------------------------
+
+bool Store::isValidKey(ks::string_view key) {
+    if (key.find_first_of(kForbidden) != ks::string_view::npos) {
+        _get_kserrno().set(E_INVAL);
+        return false;
+    }
+    if (key.empty()) {
+        _get_kserrno().set(E_INVAL, "Empty key");
+        return false;
+    }
+    if (key[0] != kDelimiter) {
+        _get_kserrno().set(E_INVAL, "Key does not start with delimiter: {:s}", key);
+        return false;
+    }
+    return true;
+}
+
+bool Store::isVolatileKey(ks::string_view key) noexcept {
+    return key.substr(0, kVolatileRoot.size()) == kVolatileRoot &&
+           (key.size() == kVolatileRoot.size() || key[kVolatileRoot.size()] == kDelimiter);
+}
+
+void Store::count(const std::string& key) {
+    if (isVolatileKey(key))
+        ++volatileChanges;
+    else
+        ++persistentChanges;
+}
+
+unsigned long Store::channel() const {
+    // The log core may have started after this store was made: retry until it opens.
+    if (logChannel < 0) logChannel = static_cast<int>(open_store_channel());
+    return static_cast<unsigned long>(static_cast<long>(logChannel));
+}
+
+// ---- lookups -------------------------------------------------------------------------
+
+// `key` begins with the delimiter.
+TreeNode* Store::lookup(ks::string_view key) const {
+    if (!root) return nullptr;
+    if (key.size() == 1) return root.get();
+    TreeNode* node = root.get();
+    for_each_component(key.substr(1), [&](const std::string& component, bool) {
+        node = node->getChild(component);
+        return node != nullptr;
+    });
+    return node;
+}
+
+TreeNode* Store::findNode(const char* path) const {
+    if (path == nullptr || !root) return nullptr;
+    // The empty path is the root, just as the key "/" is.
+    if (*path == '\0') return root.get();
+    return lookup(std::string(1, kDelimiter) + path);
+}
+
+int64_t Store::getMemoryCount() const { return root ? root->getMemoryCount() : 0; }
+
+bool Store::operator==(const Store& other) const {
+    if (!root || !other.root) return !root && !other.root;
+    return *root == *other.root;
+}
+
+std::pair<int, int64_t> Store::locateKey(const std::string& key, unsigned char* out) const {
+    if (!isValidKey(key)) return {2, -1};
+    if (!root) return {2, 0};
+    if (key.size() == 1) return {1, static_cast<int64_t>(root->getValue(out))};
+    TreeNode* node = root.get();
+    bool found = true;
+    for_each_component(ks::string_view(key).substr(1), [&](const std::string& component, bool) {
+        TreeNode* child = node->getChild(component);
+        if (child == nullptr) return found = false;
+        node = child;
+        return true;
+    });
+    return {found ? 1 : 0, static_cast<int64_t>(node->getValue(out))};
+}
+
+std::vector<std::string> Store::getInheritance(const std::string& key) const {
+    std::vector<std::string> values;
+    if (!isValidKey(key) || !root) return values;
+    if (!root->getValueBytes().empty()) values.push_back(root->getValueBytes());
+    if (key.size() == 1) return values;
+    const TreeNode* node = root.get();
+    for_each_component(ks::string_view(key).substr(1), [&](const std::string& component, bool) {
+        node = node->getChild(component);
+        if (node == nullptr) return false;
+        if (!node->getValueBytes().empty()) values.push_back(node->getValueBytes());
+        return true;
+    });
+    return values;
+}
+
+int64_t Store::getKey(const std::string& key, unsigned char* out) const {
+    if (!root) return -1;
+    if (!isValidKey(key)) return -1;
+    const TreeNode* node = lookup(key);
+    if (node == nullptr) {
+        _get_kserrno().set(E_NOENT, "Key {:s} not found", key);
+        return -1;
+    }
+    return static_cast<int64_t>(node->getValue(out));
+}
+
+int64_t Store::getKey(const std::string& key, std::string& out) const {
+    if (!isValidKey(key)) return -1;
+    NodeInfo info;
+    if (keyInfo(key, info) < 0) return -1;
+    out.assign(info.size, '\0');
+    return getKey(key, reinterpret_cast<unsigned char*>(out.data()));
+}
+
+int Store::keyInfo(const std::string& key, NodeInfo& out) const {
+    if (!isValidKey(key)) return -1;
+    const TreeNode* node = lookup(key);
+    if (node == nullptr) {
+        _get_kserrno().set(E_NOENT, "Key {:s} not found", key);
+        return -1;
+    }
+    return node->getNodeInfo(out);
+}
+
+// ---- changes -------------------------------------------------------------------------
+
+int Store::setKey(const std::string& key, const unsigned char* value, ValueType type, unsigned long size) {
+    if (key.find_first_of(kForbidden) != std::string::npos) {
+        _get_kserrno().set(E_INVAL);
+        return -1;
+    }
+    if (setKey_(key, value, type, size) < 0) return -1;
+    count(key);
+    return 0;
+}
+
+int Store::setKey_(const std::string& key, const unsigned char* value, ValueType type, unsigned long size) {
+    if (key.empty()) {
+        _get_kserrno().set(E_INVAL, "Empty key");
+        return -1;
+    }
+    if (key[0] != kDelimiter) {
+        _get_kserrno().set(E_INVAL, "Key does not start with delimiter: {:s}", key);
+        return -1;
+    }
+    if (!root) root = std::make_unique<TreeNode>("", nullptr);
+    TreeNode* node = root.get();
+    if (key.size() > 1) {
+        for_each_component(ks::string_view(key).substr(1), [&](const std::string& component, bool) {
+            TreeNode* child = node->getChild(component);
+            if (child == nullptr) {
+                auto created = std::make_unique<TreeNode>(component.c_str(), node);
+                node->addChild(component, created.get());
+                child = created.release();
+            }
+            node = child;
+            return true;
+        });
+    }
+    return node->setValue(value, type, size);
+}
+
+int Store::delKey(const std::string& key, bool prune, bool leafOnly) {
+    if (key.find_first_of(kForbidden) != std::string::npos) {
+        _get_kserrno().set(E_INVAL);
+        return -1;
+    }
+    if (delKey_(key, prune, leafOnly) < 0) return -1;
+    count(key);
+    return 0;
+}
+
+int Store::delKey_(const std::string& key, bool prune, bool leafOnly) {
+    if (!root) {
+        _get_kserrno().set(E_NOENT, "Key {:s} not found", key);
+        return -1;
+    }
+    if (key.empty()) {
+        _get_kserrno().set(E_INVAL, "Empty key");
+        return -1;
+    }
+    if (key[0] != kDelimiter) {
+        _get_kserrno().set(E_INVAL, "Key does not start with delimiter: {:s}", key);
+        return -1;
+    }
+    if (key.size() == 1) {
+        if (leafOnly && root->childCount() > 0) {
+            _get_kserrno().set(E_FAULT, "Key {:s} is not leaf", key);
+            return -1;
+        }
+        root.reset();
+        return 0;
+    }
+    TreeNode* node = lookup(key);
+    if (node == nullptr) {
+        _get_kserrno().set(E_NOENT, "Key {:s} not found", key);
+        return -1;
+    }
+    if (leafOnly && node->childCount() > 0) {
+        _get_kserrno().set(E_FAULT, "Key {:s} is not leaf", key);
+        return -1;
+    }
+    node->del(prune);
+    if (prune && root->childCount() == 0 && root->getType() == None) root.reset();
+    return 0;
+}
+
+bool Store::clear() { return delKey("/", false, false) == 0; }
+
+void Store::merge(Store& other, const std::string& key) {
+    if (!isValidKey(key) || !other.root) return;
+    persistentChanges += other.persistentChanges;
+    volatileChanges += other.volatileChanges;
+    delKey_(key, true, false);
+    // Deliberately the whole of `other`, even for a branch key, when nothing is left here.
+    if (key.size() == 1 || !root) {
+        root = std::move(other.root);
+        return;
+    }
+    TreeNode* mine = root.get();
+    TreeNode* theirs = other.root.get();
+    for_each_component(ks::string_view(key).substr(1), [&](const std::string& component, bool last) {
+        TreeNode* theirChild = theirs->getChild(component);
+        TreeNode* myChild = mine->getChild(component);
+        if (theirChild != nullptr && myChild == nullptr) {
+            theirs->removeChild(component);
+            mine->addChild(component, theirChild);
+            return false;
+        }
+        if (last || theirChild == nullptr || myChild == nullptr) return false;
+        mine = myChild;
+        theirs = theirChild;
+        return true;
+    });
+}
+
+// ---- enumeration ---------------------------------------------------------------------
+
+std::vector<std::string> Store::enumSubkeys(const std::string& key) const {
+    if (!isValidKey(key) || !root) return {};
+    const TreeNode* node = lookup(key);
+    if (node == nullptr) {
+        KSLOG_DEBUG(channel(), "Key {:s} not found", key);
+        _get_kserrno().set(E_NOENT, "Key {:s} not found", key);
+        return {};
+    }
+    return node->getChildren();
+}
+
+std::vector<std::string> Store::enumDescendantsValues(const std::string& key) const {
+    if (!isValidKey(key) || !root) return {};
+    const TreeNode* node = lookup(key);
+    if (node == nullptr) {
+        KSLOG_DEBUG(channel(), "Key {:s} not found", key);
+        _get_kserrno().set(E_NOENT, "Key {:s} not found", key);
+        return {};
+    }
+    return node->getOffspringValues();
+}
+
+void Store::fillDebugInfo(DebugInfo& info) const {
+    info.memoryCount = static_cast<uint64_t>(getMemoryCount());
+    info.persistentChanges = persistentChanges;
+    info.volatileChanges = volatileChanges;
+}
+
+// ---- the settings file ---------------------------------------------------------------
+
+int Store::save(const std::vector<std::string>& files) {
+    _get_kserrno().set(E_OK);
+    if (persistentChanges == 0) return 0;
+    const unsigned long ch = channel();
+    basic_memstream content(kSerialiseStep);
+    if (root) root->save(content);
+    const std::string digest = ks::compute_hash(kSha256, content.view().data(), 0, content.size());
+    KSLOG_DEBUG(ch, "Hash for storage content: {:s}", digest);
+    std::string hashLine;
+    hashLine.reserve(kHashLineSize + 1);
+    hashLine.append(kHashRecord).append(digest).push_back('\n');
+    for (const std::string& file : files) {
+        if (!save_one(ch, file, hashLine, content.view()))
+            KSLOG_ERROR(ch, "There was an error while saving to {:s}: {}", file, _get_kserrno().message_view());
+    }
+    persistentChanges = 0;
+    return 0;
+}
+
+int Store::load(const std::string& file) {
+    root.reset();
+    const unsigned long ch = channel();
+    ks::unique_fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
+        if (errno == ENOENT) return 0;
+        const int err = errno;
+        _get_kserrno().set(E_SYSTEM, "Failed to open {:s}: {:s}", file, system_error(err));
+        return -1;
+    }
+
+    LineReader reader(fd.get());
+    std::string key, pendingKey, pendingValue, encoded, decoded;
+    bool pending = false;
+    auto commit = [&] {
+        if (!pending) return;
+        setKey_(pendingKey, reinterpret_cast<const unsigned char*>(pendingValue.data()), String, pendingValue.size());
+        pending = false;
+    };
+
+    ks::string_view line;
+    int rc;
+    while ((rc = reader.next(line)) > 0) {
+        // The writer never produces an empty line: anything after one is not ours.
+        if (line.empty()) break;
+        if (line[0] == ' ') {
+            if (pending) pendingValue.append(1, '\n').append(line.substr(1));
+            continue;
+        }
+        commit();
+        const size_t eq = line.find('=');
+        const ks::string_view keyText = line.substr(0, eq);
+        if (keyText.empty() || keyText[0] != kDelimiter || (eq != ks::string_view::npos && eq + 3 > line.size())) {
+            KSLOG_ERROR(ch, "Error while parsing line {:s}", line);
+            continue;
+        }
+        key.assign(keyText);
+        if (eq == ks::string_view::npos) {
+            setKey_(key, nullptr, None, 0);
+            continue;
+        }
+        const ks::string_view text = line.substr(eq + 3);
+        switch (line[eq + 1]) {
+            case 's':
+                pendingKey.swap(key);
+                pendingValue.assign(text);
+                pending = true;
+                break;
+            case 'b':
+                encoded.assign(text);
+                if (!ks::base64_decode(encoded, decoded)) {
+                    KSLOG_ERROR(ch, "Failed to base64 decode value for key {:s}", key);
+                    break;
+                }
+                setKey_(key, reinterpret_cast<const unsigned char*>(decoded.data()), Binary, decoded.size());
+                break;
+            default:
+                KSLOG_ERROR(ch, "Unknown key value type");
+                break;
+        }
+    }
+    if (rc < 0) {
+        const int err = errno;
+        root.reset();
+        _get_kserrno().set(E_SYSTEM, "Failed to read {:s}: {:s}", file, system_error(err));
+        return -1;
+    }
+    commit();
+    return 0;
+}
+
+int Store::checkHash(const std::string& file) {
+    const unsigned long ch = open_store_channel();
+    ks::fstream stream;
+    if (!stream.open(file, std::ios_base::in)) return -1;
+    struct stat st;
+    if (::fstat(stream.fd(), &st) != 0) {
+        _get_kserrno().set(E_SYSTEM);
+        return -1;
+    }
+    ks::memorymap map;
+    if (!map.map(true, stream)) return -1;
+    const size_t size = static_cast<size_t>(st.st_size);
+    const char* data = static_cast<const char*>(map.data());
+
+    if (size < kHashKey.size() || ks::string_view(data, kHashKey.size()) != kHashKey) return 0;
+    if (size < kHashLineSize) {
+        KSLOG_ERROR(ch, "Invalid hash size in {:s}", file);
+        _get_kserrno().set(E_INVAL, "Invalid hash size in {:s}", file);
+        return -1;
+    }
+    const std::string saved(data + kHashRecord.size(), kHexDigestSize);
+    const size_t from = size == kHashLineSize ? kHashLineSize : kHashLineSize + 1;
+    const std::string computed = ks::compute_hash(kSha256, data, from, size - from);
+    if (saved == computed) {
+        KSLOG_DEBUG(ch, "Checksums match for file: {:s}", file);
+        return 0;
+    }
+    KSLOG_ERROR(ch, "Checksums don't match for file: {:s}, saved_hash={:s}, crt_hash={:s}", file, saved, computed);
+    _get_kserrno().set(E_INVAL, "Checksums don't match for file: {:s}", file);
+    return -1;
+}
+
+}  // namespace storage
+}  // namespace ks
