@@ -1,0 +1,121 @@
+// Monitored keys against the settings server we ship: lazy subscription, the start-up
+// call, callbacks per changed key, and resubscription after a server restart.
+#include "kssetter_fixture.h"
+
+#include <kssetter/ksmonitoredkey>
+
+#include <poll.h>
+
+#include <utility>
+
+using namespace kssetter_test;
+namespace sm = ks::setMgmt;
+
+namespace {
+
+struct Calls {
+    std::vector<std::string> keys;
+    bool record(const ks::path& key, void* context) {
+        keys.push_back(key.str());
+        if (context) ++*static_cast<int*>(context);
+        return true;
+    }
+};
+
+bool readable(int fd, int timeoutMs = 2000) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, timeoutMs) == 1;
+}
+
+}  // namespace
+
+class MonitoredKeyTest : public ::testing::Test {
+protected:
+    ClientScope client;
+    ServerProcess server;
+    Calls calls;
+    sm::MonitoredKey::Callback callback = [this](const ks::path& k, void* ctx) { return calls.record(k, ctx); };
+};
+
+TEST_F(MonitoredKeyTest, CallAtStartAndChanges) {
+    int contextCalls = 0;
+    sm::MonitoredKey key("/mon/a", callback, true, &contextCalls, true);
+    EXPECT_EQ(nullptr, key.handle);  // nothing before get_fd
+    EXPECT_TRUE(calls.keys.empty());
+
+    const int fd = key.get_fd();
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ((std::vector<std::string>{"/mon/a"}), calls.keys);
+    EXPECT_EQ(fd, key.get_fd());  // already subscribed: no second start-up call
+    EXPECT_EQ(1u, calls.keys.size());
+
+    calls.keys.clear();
+    ASSERT_EQ(0, sm::setKey("/mon/a/z", "1"));
+    ASSERT_EQ(0, sm::setKey("/mon/a/b", "1"));
+    ASSERT_EQ(0, sm::setKey("/mon/a/z", "2"));
+    // Both changes may arrive in one read or in two; callbacks come sorted per read.
+    std::set<std::string> seen;
+    while (seen.size() < 2) {
+        ASSERT_TRUE(readable(fd));
+        ASSERT_TRUE(key.read_notifications());
+        seen.insert(calls.keys.begin(), calls.keys.end());
+    }
+    EXPECT_EQ((std::set<std::string>{"/mon/a/b", "/mon/a/z"}), seen);
+    EXPECT_EQ(static_cast<int>(calls.keys.size()) + 1, contextCalls);
+}
+
+TEST_F(MonitoredKeyTest, PlainSubscriptionReportsItsOwnKey) {
+    sm::MonitoredKey key("/mon/plain", callback);
+    const int fd = key.get_fd();
+    ASSERT_GE(fd, 0);
+    EXPECT_TRUE(calls.keys.empty());
+    ASSERT_EQ(0, sm::setKey("/mon/plain/x", "1"));
+    ASSERT_EQ(0, sm::setKey("/mon/plain/y", "1"));
+    ASSERT_TRUE(readable(fd));
+    ASSERT_TRUE(key.read_notifications());
+    ASSERT_FALSE(calls.keys.empty());
+    for (const auto& k : calls.keys) EXPECT_EQ("/mon/plain", k);
+}
+
+TEST_F(MonitoredKeyTest, ResubscribesAfterServerRestart) {
+    sm::MonitoredKey key("/mon/restart", callback, true, nullptr, true);
+    int fd = key.get_fd();
+    ASSERT_GE(fd, 0);
+    server.restart();
+    ASSERT_TRUE(readable(fd));
+    EXPECT_FALSE(key.read_notifications());  // the stream ended with the old server
+    EXPECT_EQ(nullptr, key.handle);
+
+    calls.keys.clear();
+    fd = key.get_fd();
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ((std::vector<std::string>{"/mon/restart"}), calls.keys);  // start-up call again
+    ASSERT_EQ(0, sm::setKey("/mon/restart", "after"));
+    ASSERT_TRUE(readable(fd));
+    ASSERT_TRUE(key.read_notifications());
+    EXPECT_EQ("/mon/restart", calls.keys.back());
+}
+
+TEST_F(MonitoredKeyTest, FailuresAndMoves) {
+    sm::MonitoredKey bad("mon/bad", callback, false, nullptr, true);
+    EXPECT_EQ(-1, bad.get_fd());
+    EXPECT_TRUE(calls.keys.empty());
+    EXPECT_FALSE(bad.read_notifications());  // no subscription
+
+    std::vector<sm::MonitoredKey> keys;
+    keys.emplace_back("/mon/m1", callback);
+    const int fd = keys[0].get_fd();
+    ASSERT_GE(fd, 0);
+    for (int i = 0; i < 8; ++i) keys.emplace_back(ks::path("/mon/other"), callback);  // moves keys[0]
+    EXPECT_EQ(fd, keys[0].get_fd());
+    ASSERT_EQ(0, sm::setKey("/mon/m1", "1"));
+    ASSERT_TRUE(readable(fd));
+    EXPECT_TRUE(keys[0].read_notifications());
+
+    keys[0].cancel();
+    EXPECT_EQ(nullptr, keys[0].handle);
+    keys.clear();
+    ks::storage::DebugInfo debug;
+    ASSERT_EQ(0, sm::getDebugInfo(debug));
+    EXPECT_EQ(0u, debug.notificationStreams);
+}
