@@ -356,8 +356,11 @@ int crypto_log_reader_decrypt(crypto_log_reader* reader, int out_fd, int in_fd) 
         if (::lseek(in_fd, CRYPTO_LOG_HEADER_SIZE, SEEK_SET) < 0) return read_failure("header", 0);
     }
     if (crypto_log_layout_is_valid_header(header) != 0) {
-        ks::_get_kserrno().set(ks::E_INVAL, "bad header: not an encrypted log file (version {:d})",
-                               static_cast<int>(header[4]));
+        if (std::memcmp(header, kMagic, sizeof kMagic) != 0)
+            ks::_get_kserrno().set(ks::E_INVAL, "bad header: not an encrypted log file");
+        else
+            ks::_get_kserrno().set(ks::E_INVAL, "bad header: unsupported format version {:d}",
+                                   static_cast<int>(header[4]));
         return -1;
     }
 
