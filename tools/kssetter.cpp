@@ -28,6 +28,7 @@
 
 #include <kspath.h>
 
+#include <pthread.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -95,6 +96,14 @@ bool validKey(const std::string& key) {
 std::string parentKey(const std::string& key) {
     const size_t slash = key.rfind('/');
     return slash == 0 ? std::string("/") : key.substr(0, slash);
+}
+
+// SIGTERM and SIGINT are read from a signalfd, so they must be blocked in every thread,
+// including any the log core starts: main() blocks them before anything else runs.
+void stopSignals(sigset_t& mask) {
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGTERM);
+    sigaddset(&mask, SIGINT);
 }
 
 void appendResult(std::string& out, int64_t result) { out.append(reinterpret_cast<const char*>(&result), 8); }
@@ -208,11 +217,7 @@ bool Server::start() {
     }
 
     sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGTERM);
-    sigaddset(&mask, SIGINT);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
-    ::signal(SIGPIPE, SIG_IGN);
+    stopSignals(mask);
     signals_.reset(::signalfd(-1, &mask, SFD_NONBLOCK | SFD_CLOEXEC));
     watchingSignals_ = signals_ && loop_.add(signals_.get(), EPOLLIN, [this] { return onSignal(); }) == 0;
     listening_ = loop_.add(listen_.get(), EPOLLIN, [this] { return onListen(); }) == 0;
@@ -641,6 +646,11 @@ void usage(FILE* out) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    sigset_t mask;
+    stopSignals(mask);
+    pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+    ::signal(SIGPIPE, SIG_IGN);
+
     const char* root = nullptr;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
