@@ -1,8 +1,11 @@
 // Connection buffer: growth, delimiter framing, descriptor I/O, and a randomized run
 // against a plain byte queue over a real socket pair.
 #include <ksutils/cbuffer.h>
+#include <ksutils/kslog.h>
 
 #include <gtest/gtest.h>
+
+#include "kstest.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -49,6 +53,30 @@ struct SocketPair {
         while ((n = ::read(peer, chunk, sizeof chunk)) > 0) out.append(chunk, static_cast<size_t>(n));
         return out;
     }
+};
+
+// The default channel at trace level on standard error, in a throw-away install root.
+class LogCapture {
+public:
+    LogCapture() {
+        const std::string config = root_ / "etc/logging/capture.json";
+        kstest::write_file(config, R"({"action":"update","channels":{"default":[{"file":":stderr","level":"trace"}]}})");
+        started_ = ks::log::start("cbuffer_test", root_.path().c_str(), config.c_str());
+    }
+    ~LogCapture() {
+        if (started_) ks::log::stop();
+    }
+    bool started() const { return started_; }
+    template <class Fn>
+    std::string during(Fn fn) {
+        testing::internal::CaptureStderr();
+        fn();
+        return testing::internal::GetCapturedStderr();
+    }
+
+private:
+    kstest::InstallRoot root_;
+    bool started_ = false;
 };
 
 }  // namespace
@@ -345,4 +373,52 @@ TEST(ConnectionBuffer, ProducerAndConsumerOnTwoThreads) {
     }
     producer.join();
     EXPECT_EQ(b.count, 0u);
+}
+
+TEST(ConnectionBufferLog, EveryRecordCarriesTheTag) {
+    LogCapture log;
+    ASSERT_TRUE(log.started());
+    SocketPair sp;
+    ASSERT_GE(sp.ours, 0);
+    ks::ConnectionBuffer out(Type::send, "ctl");
+    ks::ConnectionBuffer in(Type::receive, "ctl");
+    ASSERT_TRUE(out.init(4, 8));
+    ASSERT_TRUE(in.init(4, 4));
+    ks::ConnectionBuffer eof(Type::receive, "eof");
+    ASSERT_TRUE(eof.init(8, 8));
+
+    // Each case's records, in order; every one must start with the level and source.
+    const struct {
+        const char* what;
+        std::function<void()> run;
+        std::vector<std::string> records;
+    } cases[] = {
+        {"send empty", [&] { out.send(sp.ours, 0); }, {"trace [cbuffer.cpp:", "[sb-ctl] send on empty connection buffer\n"}},
+        {"put", [&] { out.put("abcd", 4); }, {"trace [", "[sb-ctl] put 4 bytes, new count = 4, capacity = 4\n"}},
+        {"grow", [&] { out.put("ef", 2); },
+         {"[sb-ctl] put on full connection buffer\n", "[sb-ctl] count = 4, new capacity = 8\n",
+          "[sb-ctl] put 2 bytes, new count = 6, capacity = 8\n"}},
+        {"at maximum", [&] { out.put("ghij", 4), out.put("k", 1); },
+         {"[sb-ctl] put 2 bytes, new count = 8, capacity = 8\n", "[sb-ctl] put on full connection buffer\n",
+          "error [cbuffer.cpp:", "[sb-ctl] cannot exceed maximum capacity of connection buffer\n"}},
+        {"send", [&] { out.send(sp.ours, MSG_NOSIGNAL); }, {"[sb-ctl] sent 8 bytes, new count = 0, capacity = 8\n"}},
+        {"send failure", [&] { out.put("x", 1), out.send(-1, 0); }, {"error [", "[sb-ctl] failed to send\n"}},
+        {"get empty", [&] { delete[] in.get('\n'); }, {"trace [", "[rb-ctl] get on empty connection buffer\n"}},
+        {"would block", [&] { in.recv(sp.ours, 0); }, {"error [", "[rb-ctl] failed to recv\n"}},
+        {"recv", [&] { EXPECT_EQ(::write(sp.peer, "ab\ncd", 5), 5); in.recv(sp.ours, 0); },
+         {"[rb-ctl] recv 4 bytes, new count = 4, capacity = 4\n"}},
+        {"get", [&] { delete[] in.get('\n'); }, {"[rb-ctl] get 3 bytes, new count = 1, capacity = 4\n"}},
+        {"recv full", [&] { in.put("xyz", 3), in.recv(sp.ours, 0); },
+         {"[rb-ctl] recv on full connection buffer\n", "[rb-ctl] cannot exceed maximum capacity of connection buffer\n"}},
+        {"peer closed", [&] { sp.drain_peer(), ::close(sp.peer), sp.peer = -1, eof.recv(sp.ours, 0), eof.recv(sp.ours, 0); },
+         {"[rb-eof] recv 1 bytes, new count = 1, capacity = 8\n", " info [cbuffer.cpp:", "[rb-eof] connection closed by peer\n"}},
+    };
+    for (const auto& c : cases) {
+        const std::string text = log.during(c.run);
+        size_t at = 0;
+        for (const std::string& e : c.records) {
+            at = text.find(e, at);
+            ASSERT_NE(at, std::string::npos) << c.what << ": no \"" << e << "\" in:\n" << text;
+        }
+    }
 }
