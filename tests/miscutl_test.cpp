@@ -1,0 +1,176 @@
+// Foundation utilities: string splitting, hex text, sizes, abort, fork hooks, process
+// locks between processes, and the environment block.
+#include <ksplock.h>
+#include <ksutils/buffer.h>
+#include <ksutils/environ.h>
+#include <ksutils/error.h>
+#include <ksutils/fork.h>
+#include <ksutils/miscutl.h>
+#include <ksutils/process_lock.h>
+
+#include "kstest.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+TEST(StringView, Split) {
+    struct Case {
+        const char* text;
+        char sep;
+        size_t max;
+        std::vector<std::string> pieces;
+    } cases[] = {
+        {"a/b/c", '/', 0, {"a", "b", "c"}},
+        {"/a//b/", '/', 0, {"", "a", "", "b", ""}},
+        {"", '/', 0, {""}},
+        {"a b c d", ' ', 2, {"a", "b c d"}},
+        {"a b", ' ', 1, {"a b"}},
+        {"abc", ',', 5, {"abc"}},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> got;
+        for (auto piece : ks::string_view(c.text).split(c.sep, c.max)) got.emplace_back(piece);
+        EXPECT_EQ(got, c.pieces) << '"' << c.text << "\" max " << c.max;
+    }
+}
+
+TEST(Hex, RoundTripsAndAgreesWithCoreutils) {
+    std::string all;
+    for (int i = 0; i < 256; ++i) all.push_back(static_cast<char>(i));
+    std::string hex = ks::hex_encode(all);
+    kstest::TempDir dir;
+    ASSERT_TRUE(kstest::write_file(dir / "bytes", all));
+    std::string od;
+    ASSERT_EQ(kstest::run("od -An -v -tx1 '" + dir / "bytes" + "' | tr -d ' \\n'", &od), 0);
+    EXPECT_EQ(hex, od);
+    ks::buffer back;
+    ASSERT_TRUE(ks::hex_decode(hex, back));
+    EXPECT_EQ(back.as_text(), all);
+    ks::buffer upper;
+    ASSERT_TRUE(ks::hex_decode("DEADbeef", upper));
+    EXPECT_EQ(ks::hex_encode(upper.data(), upper.size()), "deadbeef");
+}
+
+TEST(Hex, BadTextFailsAndKeepsOutput) {
+    for (const char* bad : {"abc", "zz", "0g", "12 4"}) {
+        ks::buffer out{1, 2};
+        EXPECT_FALSE(ks::hex_decode(bad, out)) << bad;
+        EXPECT_EQ(out.size(), 2u) << bad;
+        EXPECT_EQ(ks::_get_kserrno().code, ks::E_INVAL);
+    }
+}
+
+TEST(HumanSize, Units) {
+    const std::pair<uint64_t, const char*> cases[] = {
+        {0, "0 B"},
+        {1023, "1023 B"},
+        {1024, "1.0 KiB"},
+        {1536, "1.5 KiB"},
+        {262144, "256.0 KiB"},
+        {20ull << 20, "20.0 MiB"},
+        {3ull << 40, "3.0 TiB"},
+        {UINT64_MAX, "16.0 EiB"},
+    };
+    for (const auto& [bytes, text] : cases) EXPECT_EQ(ks::human_size(bytes), text) << bytes;
+}
+
+TEST(AbortDeathTest, WritesMessageAndNewline) {
+    EXPECT_DEATH(ks::abort_if(true, "declaration is wrong"), "^declaration is wrong\n$");
+    ks::abort_if(false, "never");
+}
+
+std::atomic<int> g_hook_calls{0};
+void count_hook() { ++g_hook_calls; }
+
+TEST(ForkHooks, RunInChildOnlyForLibraryForks) {
+    ASSERT_EQ(ks::lib_atfork(count_hook), 0);
+    ASSERT_EQ(ks::lib_atfork(count_hook), 0) << "registering twice keeps one entry";
+    EXPECT_EQ(kslib_atfork(nullptr), -1);
+    auto child_count = [](pid_t pid) {
+        if (pid == 0) _exit(g_hook_calls.load());
+        int status = 0;
+        waitpid(pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    EXPECT_EQ(child_count(ks::fork()), 1);
+    EXPECT_EQ(child_count(::fork()), 0) << "a plain fork runs no hooks";
+    EXPECT_EQ(g_hook_calls.load(), 0) << "the parent never runs them";
+}
+
+TEST(ProcessLock, HolderPidVisibleToOtherProcesses) {
+    kstest::TempDir dir;
+    const std::string file = dir / "daemon.pid";
+    int to_child[2], to_parent[2];
+    ASSERT_EQ(pipe(to_child), 0);
+    ASSERT_EQ(pipe(to_parent), 0);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(to_child[1]);
+        ks::ProcessLock lock;
+        char c = lock.open(file) && lock.lock() == 1 ? 'L' : 'E';
+        if (write(to_parent[1], &c, 1) != 1 || read(to_child[0], &c, 1) < 0) _exit(1);
+        _exit(0);
+    }
+    char c = 0;
+    ASSERT_EQ(read(to_parent[0], &c, 1), 1);
+    ASSERT_EQ(c, 'L');
+
+    ks::ProcessLock other;
+    ASSERT_TRUE(other.open(file));
+    pid_t holder = 0;
+    EXPECT_EQ(other.holder_pid(holder), 1);
+    EXPECT_EQ(holder, pid);
+    EXPECT_EQ(other.is_locked(), 1);
+    EXPECT_EQ(other.lock(), 0);
+    EXPECT_EQ(kstest::read_file(file), std::to_string(pid) + "\n") << "pid text for start-stop-daemon";
+
+    close(to_child[1]);  // the holder exits, which releases the lock
+    waitpid(pid, nullptr, 0);
+    EXPECT_EQ(other.holder_pid(holder), 0);
+    EXPECT_EQ(other.wait_lock(), 1);
+    EXPECT_EQ(kstest::read_file(file), std::to_string(getpid()) + "\n");
+    EXPECT_EQ(other.unlock(), 0);
+    close(to_child[0]);
+    close(to_parent[0]);
+    close(to_parent[1]);
+
+    EXPECT_EQ(plock_open((dir / "no/such/dir/x.pid").c_str(), O_RDWR | O_CREAT), -1);
+    EXPECT_EQ(ks::_get_kserrno().code, ks::E_SYSTEM);
+    EXPECT_EQ(plock_lock(-1), -1);
+}
+
+TEST(Environ, CopiesEditsAndServesEnvp) {
+    setenv("KSTEST_ENV", "one", 1);
+    ks::Environ env;
+    EXPECT_EQ(env.get("KSTEST_ENV").value_or(""), "one");
+    EXPECT_FALSE(env.get("KSTEST_ENV_MISSING").has_value());
+    ASSERT_TRUE(env.set("KSTEST_ENV", "two=2"));
+    ASSERT_TRUE(env.set("KSTEST_NEW", ""));
+    env.unset("KSTEST_ENV_MISSING");
+    EXPECT_FALSE(env.set("BAD=NAME", "x"));
+    EXPECT_FALSE(env.set("", "x"));
+    EXPECT_STREQ(getenv("KSTEST_ENV"), "one") << "the process environment is untouched";
+
+    std::string out;
+    pid_t pid = fork();
+    if (pid == 0) {
+        char* const argv[] = {const_cast<char*>("/bin/sh"), const_cast<char*>("-c"),
+                              const_cast<char*>("test \"$KSTEST_ENV\" = two=2 && test -z \"$KSTEST_NEW\" && "
+                                                "env | grep -q '^KSTEST_NEW=$'"),
+                              nullptr};
+        execve("/bin/sh", argv, env.envp());
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    env.unset("KSTEST_NEW");
+    EXPECT_FALSE(env.get("KSTEST_NEW").has_value());
+    EXPECT_EQ(env.envp()[env.size()], nullptr);
+}
+
+}  // namespace

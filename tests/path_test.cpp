@@ -1,0 +1,305 @@
+// ks::path joining, the standard directories, directory and temp-file operations, and the
+// install-root search (run in a private mount namespace so the machine's /etc and /opt are
+// never looked at, let alone changed).
+#include <kspath.h>
+#include <ksutils/error.h>
+#include <ksutils/path.h>
+
+#include "kstest.h"
+
+#include <gtest/gtest.h>
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <sstream>
+
+namespace {
+
+struct RootGuard {
+    explicit RootGuard(const char* root) { kspath_set_install_path(root); }
+    ~RootGuard() { kspath_set_install_path(nullptr); }
+};
+
+TEST(Path, JoinsPiecesWithSingleSlashes) {
+    struct Case {
+        std::vector<std::string> pieces;
+        const char* expected;
+    } cases[] = {
+        {{"a", "b/"}, "a/b"},
+        {{"/", "x//y"}, "/x/y"},
+        {{"a", "/x"}, "a/x"},
+        {{"/network/", "/interfaces//", "list"}, "/network/interfaces/list"},
+        {{"//"}, "/"},
+        {{""}, ""},
+        {{"", "a"}, "a"},
+        {{"a/./b", "../c"}, "a/./b/../c"},
+        {{"///a///b///"}, "/a/b"},
+        {{"rel", ""}, "rel"},
+    };
+    for (const Case& c : cases) {
+        ks::path p;
+        bool first = true;
+        for (const std::string& piece : c.pieces) {
+            p.add_piece(first, piece);
+            first = false;
+        }
+        EXPECT_EQ(p.view(), c.expected) << "pieces starting " << c.pieces[0];
+    }
+}
+
+TEST(Path, ResetFlagRestartsOnlyAtAbsolutePieces) {
+    ks::path p("a", "b");
+    p.add_piece(true, "c");
+    EXPECT_EQ(p.view(), "a/b/c");
+    p.add_piece(true, "/d");
+    EXPECT_EQ(p.view(), "/d");
+    p.reset("e/f");
+    EXPECT_EQ(p.view(), "e/f");
+}
+
+TEST(Path, BasenameAndDirname) {
+    struct Case {
+        const char* text;
+        const char* base;
+        const char* dir;
+    } cases[] = {
+        {"", "", "."},          {"name", "name", "."},   {"/", "/", "/"},       {"/etc", "etc", "/"},
+        {"/a/b/c", "c", "/a/b"}, {"a/b", "b", "a"},       {"/tmp/x.json", "x.json", "/tmp"},
+    };
+    for (const Case& c : cases) {
+        ks::path p(c.text);
+        EXPECT_EQ(p.basename(), c.base) << c.text;
+        EXPECT_EQ(p.dirname(), c.dir) << c.text;
+    }
+}
+
+TEST(Path, CommonPathsUnderTheRoot) {
+    RootGuard root("/opt/kestrum");
+    const std::pair<int, const char*> cases[] = {
+        {0, "/opt/kestrum"},
+        {1, "/opt/kestrum/bin"},
+        {2, "/opt/kestrum/etc"},
+        {3, "/opt/kestrum/lib"},
+        {4, "/opt/kestrum/share"},
+        {5, "/opt/kestrum/share/scripts"},
+        {6, "/opt/kestrum/var/run"},
+        {7, "/opt/kestrum/var/tmp"},
+        {8, "/tmp/kslogs/opt/kestrum/var/crash"},
+        {9, "/opt/kestrum/var/log"},
+        {10, "/opt/kestrum/etc/logging"},
+        {11, "/opt/kestrum/etc/stats"},
+        {12, "/opt/kestrum/va"},
+        {13, "/opt/kestrum/va/bin"},
+        {14, "/etc"},
+        {15, "/tmp"},
+        {16, "/opt/kestrum/bin/helpers"},
+        {19, ""},
+    };
+    for (const auto& [value, expected] : cases) {
+        std::ostringstream os;
+        os << static_cast<ks::common_path>(value);
+        EXPECT_EQ(os.str(), expected) << value;
+    }
+    char cwd[4096];
+    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+    EXPECT_EQ(ks::path(ks::common_path::cwd).view(), cwd);
+    EXPECT_EQ(ks::path(ks::common_path::exe).basename(), "path_test");
+    EXPECT_EQ(ks::path(ks::common_path::run, "kssetmgmt.skt").view(), "/opt/kestrum/var/run/kssetmgmt.skt");
+}
+
+TEST(Path, MkdirpTempFilesAndRemoval) {
+    kstest::TempDir dir;
+    ks::path deep(dir.path(), "a/b/c");
+    ASSERT_TRUE(deep.mkdirp());
+    EXPECT_TRUE(deep.is_directory());
+    EXPECT_TRUE(deep.mkdirp()) << "an existing directory is no error";
+
+    ks::path file;
+    ASSERT_TRUE(deep.temp_file(file));
+    EXPECT_EQ(file.dirname(), deep.view());
+    EXPECT_EQ(file.basename().size(), 6u);
+
+    ks::path below_file(file.view(), "sub/dir");
+    EXPECT_FALSE(below_file.mkdirp());
+    EXPECT_EQ(ks::_get_kserrno().code, ks::E_INVAL);
+    EXPECT_EQ(ks::_get_kserrno().message.view(), "Path has non directory");
+
+    EXPECT_FALSE(file.mkdir());
+    EXPECT_EQ(ks::_get_kserrno().message.view(), "Path is not a directory");
+
+    ks::path tmp;
+    ASSERT_TRUE(deep.temp_dir(tmp));
+    EXPECT_TRUE(tmp.is_directory());
+    EXPECT_TRUE(tmp.rmdir());
+    EXPECT_TRUE(file.unlink());
+    EXPECT_FALSE(file.unlink());
+    EXPECT_EQ(ks::_get_kserrno().code, ks::E_SYSTEM);
+
+    struct stat st;
+    EXPECT_FALSE(file.status(st));
+    EXPECT_EQ(ks::_get_kserrno().code, ks::E_NOENT);
+}
+
+TEST(Path, EmptyPathsAreRejected) {
+    ks::path empty, out;
+    const std::pair<const char*, std::function<bool()>> ops[] = {
+        {"temp_file", [&] { return empty.temp_file(out); }},
+        {"temp_dir", [&] { return empty.temp_dir(out); }},
+        {"unlink", [&] { return empty.unlink(); }},
+        {"rmdir", [&] { return empty.rmdir(); }},
+    };
+    for (const auto& [name, op] : ops) {
+        ks::_get_kserrno().set(ks::E_OK);
+        EXPECT_FALSE(op()) << name;
+        EXPECT_EQ(ks::_get_kserrno().code, ks::E_INVAL) << name;
+    }
+}
+
+TEST(Path, CpathInternsEqualTexts) {
+    const char* a = ks::path::cpath(ks::path("/x", "y"));
+    const char* b = ks::path::cpath(ks::path("/x/y"));
+    const char* c = ks::path::cpath(ks::path("/x/z"));
+    EXPECT_EQ(a, b);
+    EXPECT_NE(a, c);
+    EXPECT_STREQ(a, "/x/y");
+    RootGuard root("/r");
+    EXPECT_STREQ(ks::path::cpath(ks::common_path::log, "f"), "/r/var/log/f");
+}
+
+TEST(Path, SetInstallPathWithCurrentRootForgetsIt) {
+    kspath_set_install_path("/some/root");
+    EXPECT_STREQ(kspath_default_install_path(), "/some/root");
+    kspath_set_install_path("/some/root");  // same root: unknown again, next query searches
+    const char* found = kspath_default_install_path();
+    if (found) {
+        EXPECT_STRNE(found, "/some/root");
+    }
+    kspath_set_install_path(nullptr);
+}
+
+// Runs `body` in a child inside a private mount namespace where `etc` and `opt` are
+// bind-mounted over /etc and /opt; returns what the body wrote, or "SKIP".
+std::string in_private_namespace(const std::string& etc, const std::string& opt,
+                                 const std::function<std::string()>& body) {
+    int fds[2];
+    if (pipe(fds) != 0) return "SKIP";
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        std::string result = "SKIP";
+        if (unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+            mount(etc.c_str(), "/etc", nullptr, MS_BIND, nullptr) == 0 &&
+            mount(opt.c_str(), "/opt", nullptr, MS_BIND, nullptr) == 0) {
+            kspath_set_install_path(nullptr);
+            result = body();
+        }
+        ssize_t rc = write(fds[1], result.data(), result.size());
+        _exit(rc < 0 ? 1 : 0);
+    }
+    close(fds[1]);
+    std::string out;
+    char buf[512];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    close(fds[0]);
+    int status;
+    waitpid(pid, &status, 0);
+    return out;
+}
+
+std::string query() {
+    const char* root = kspath_default_install_path();
+    return root ? root : "(null)";
+}
+
+TEST(Path, InstallRootSearchOrder) {
+    kstest::TempDir dir;
+    const std::string etc = dir / "etc", opt = dir / "opt", app = dir / "data/app";
+    ASSERT_EQ(kstest::run("mkdir -p '" + etc + "' '" + opt + "' '" + app + "/etc'"), 0);
+    const std::string user_line = "kestrum-box:x:999:999::/home/ksbox:/bin/false\n";
+    struct Case {
+        const char* name;
+        std::string link;     // target of /etc/kestrum-box, "" for none
+        std::string passwd;   // contents of /etc/passwd
+        bool opt_root;        // whether /opt/kestrum exists
+        std::string expected;
+    } cases[] = {
+        {"link wins", app + "/etc", user_line, true, app},
+        {"link without /etc falls to user", app, user_line, true, "/home/ksbox"},
+        {"link to missing dir falls to user", dir / "missing/etc", user_line, false, "/home/ksbox"},
+        {"user home is not checked", "", "# comment\nroot:x:0:0:root:/root:/bin/sh\n" + user_line, false,
+         "/home/ksbox"},
+        {"opt fallback", "", "root:x:0:0:root:/root:/bin/sh\n", true, "/opt/kestrum"},
+        {"nothing found", "", "root:x:0:0:root:/root:/bin/sh\n", false, "(null)"},
+    };
+    for (const Case& c : cases) {
+        kstest::run("rm -rf '" + etc + "'/* '" + opt + "'/*");
+        ASSERT_TRUE(kstest::write_file(etc + "/passwd", c.passwd));
+        if (!c.link.empty()) {
+            ASSERT_EQ(symlink(c.link.c_str(), (etc + "/kestrum-box").c_str()), 0);
+        }
+        if (c.opt_root) {
+            ASSERT_EQ(kstest::run("mkdir '" + opt + "/kestrum'"), 0);
+        }
+        std::string got = in_private_namespace(etc, opt, query);
+        if (got == "SKIP") GTEST_SKIP() << "no private mount namespace here";
+        EXPECT_EQ(got, c.expected) << c.name;
+    }
+}
+
+TEST(Path, FailedSearchIsNotCached) {
+    kstest::TempDir dir;
+    const std::string etc = dir / "etc", opt = dir / "opt";
+    ASSERT_EQ(kstest::run("mkdir -p '" + etc + "' '" + opt + "'"), 0);
+    ASSERT_TRUE(kstest::write_file(etc + "/passwd", "root:x:0:0:root:/root:/bin/sh\n"));
+    std::string got = in_private_namespace(etc, opt, [] {
+        std::string first = query();
+        bool made = ::mkdir("/opt/kestrum", 0755) == 0;
+        std::ostringstream common;
+        common << ks::common_path::log_config;
+        return first + "|" + (made ? query() : "mkdir failed") + "|" + common.str();
+    });
+    if (got == "SKIP") GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(got, "(null)|/opt/kestrum|/opt/kestrum/etc/logging");
+}
+
+TEST(Path, UnknownRootSetsFailBit) {
+    kstest::TempDir dir;
+    const std::string etc = dir / "etc", opt = dir / "opt";
+    ASSERT_EQ(kstest::run("mkdir -p '" + etc + "' '" + opt + "'"), 0);
+    std::string got = in_private_namespace(etc, opt, [] {
+        ks::path p(ks::common_path::log, "x");
+        return std::string(p.good() ? "good" : "fail") + ":" + p.str();
+    });
+    if (got == "SKIP") GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(got, "fail:x");
+}
+
+TEST(Path, UserHomeLookup) {
+    kstest::TempDir dir;
+    const std::string etc = dir / "etc", opt = dir / "opt";
+    ASSERT_EQ(kstest::run("mkdir -p '" + etc + "' '" + opt + "'"), 0);
+    ASSERT_TRUE(kstest::write_file(etc + "/passwd",
+                                   "#alice:x:1:1::/commented:/bin/sh\n"
+                                   "bob:x:2:2:Bob:/home/bob:/bin/sh\n"
+                                   "short:x:3\n"
+                                   "alice:x:1:1::/home/alice:/bin/sh\n"
+                                   "carol:x:4:4::/home/carol:/bin/sh"));  // no newline: stops the search
+    std::string got = in_private_namespace(etc, opt, [] {
+        std::string out;
+        for (const char* user : {"bob", "alice", "short", "carol", "nobody"}) {
+            char home[4096] = "";
+            int rc = get_userhome(user, home);
+            out += std::string(user) + "=" + (rc == 0 ? home : "-1") + ";";
+        }
+        return out;
+    });
+    if (got == "SKIP") GTEST_SKIP() << "no private mount namespace here";
+    EXPECT_EQ(got, "bob=/home/bob;alice=/home/alice;short=-1;carol=-1;nobody=-1;");
+}
+
+}  // namespace

@@ -1,0 +1,183 @@
+// Memory streams, open-mode translation, cross-process file locks and private maps.
+#include <ksutils/error.h>
+#include <ksutils/streams.h>
+
+#include "kstest.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using std::ios_base;
+
+TEST(Memstream, GrowsKeepsNulAndRewinds) {
+    ks::basic_memstream s(4);
+    EXPECT_EQ(s.capacity(), 4u);
+    s << "abc";
+    EXPECT_STREQ(s.c_str(), "abc");
+    s << "defghij" << 42 << 'x';
+    EXPECT_EQ(s.view(), "abcdefghij42x");
+    EXPECT_STREQ(s.c_str(), "abcdefghij42x");
+    const size_t grown = s.capacity();
+    s.reset();
+    s << "z";
+    EXPECT_STREQ(s.c_str(), "z") << "no remnant of the longer text";
+    EXPECT_EQ(s.capacity(), grown) << "storage is kept";
+    EXPECT_EQ(s.tellp(), 1);
+    ks::basic_memstream copy(s);
+    copy << "q";
+    EXPECT_EQ(copy.view(), "zq");
+    EXPECT_EQ(s.view(), "z");
+}
+
+TEST(Memstream, ReadFileAppendsOrReplaces) {
+    kstest::TempDir dir;
+    std::string big(10000, 'b');
+    ASSERT_TRUE(kstest::write_file(dir / "f", big));
+    ks::basic_memstream s(128);
+    s << "head:";
+    ASSERT_TRUE(s.read_file(dir / "f", false));
+    EXPECT_EQ(s.str(), "head:" + big);
+    ASSERT_TRUE(s.read_file(dir / "f", true));
+    EXPECT_EQ(s.str(), big);
+    EXPECT_FALSE(s.read_file(dir / "missing", true));
+    EXPECT_EQ(ks::_get_kserrno().code, ks::E_SYSTEM);
+    EXPECT_EQ(s.str(), big) << "a failed read leaves the stream as it was";
+}
+
+TEST(TranslateMode, FromModeText) {
+    const std::pair<const char*, ios_base::openmode> cases[] = {
+        {"", ios_base::in | ios_base::out},
+        {"x", ios_base::in | ios_base::out},
+        {"r", ios_base::in},
+        {"rb", ios_base::in | ios_base::binary},
+        {"r+", ios_base::in | ios_base::out},
+        {"rb+", ios_base::in},
+        {"r+b", ios_base::in | ios_base::out | ios_base::binary},
+        {"w", ios_base::out | ios_base::trunc},
+        {"w+", ios_base::in | ios_base::out | ios_base::trunc},
+        {"wb", ios_base::out | ios_base::trunc | ios_base::binary},
+        {"a", ios_base::out | ios_base::app},
+        {"a+", ios_base::in | ios_base::out | ios_base::app},
+    };
+    for (const auto& [mode, expected] : cases)
+        EXPECT_EQ(ks::detail::translate_mode(ks::string_view(mode)), expected) << '"' << mode << '"';
+}
+
+TEST(TranslateMode, FromOpenFlags) {
+    const std::pair<int, ios_base::openmode> cases[] = {
+        {O_RDONLY, ios_base::in | ios_base::out | ios_base::binary},
+        {O_WRONLY, ios_base::out | ios_base::binary},
+        {O_WRONLY | O_TRUNC, ios_base::out | ios_base::trunc | ios_base::binary},
+        {O_RDWR | O_APPEND, ios_base::in | ios_base::out | ios_base::app | ios_base::binary},
+        {O_WRONLY | O_RDWR, ios_base::in | ios_base::out | ios_base::binary},
+    };
+    for (const auto& [flags, expected] : cases) EXPECT_EQ(ks::detail::translate_mode(flags), expected) << flags;
+}
+
+TEST(Fstream, ReadsWritesAndReportsOpenFailure) {
+    kstest::TempDir dir;
+    {
+        ks::fstream out(dir / "f", "w");
+        ASSERT_TRUE(out.is_open());
+        EXPECT_NE(out.fh(), nullptr);
+        out << "line " << 1 << "\n";
+    }
+    EXPECT_EQ(kstest::read_file(dir / "f"), "line 1\n");
+    ks::fstream in(dir / "f", "r");
+    std::string word;
+    int n = 0;
+    in >> word >> n;
+    EXPECT_EQ(word, "line");
+    EXPECT_EQ(n, 1);
+    ks::fstream missing(dir / "nope/f", "r");
+    EXPECT_FALSE(missing.is_open());
+    EXPECT_TRUE(missing.fail());
+    EXPECT_EQ(missing.fd(), -1);
+    EXPECT_EQ(ks::_get_kserrno().code, ks::E_SYSTEM);
+}
+
+// A child that holds the lock on `file` until told to let go through a pipe.
+struct LockHolder {
+    pid_t pid = -1;
+    int release_fd = -1;
+
+    explicit LockHolder(const std::string& file) {
+        int ready[2], release[2];
+        if (pipe(ready) != 0 || pipe(release) != 0) return;
+        pid = fork();
+        if (pid == 0) {
+            close(release[1]);
+            ks::fstream f(file, "r+");
+            char c = f.lock() == 1 ? 'L' : 'E';
+            if (write(ready[1], &c, 1) != 1) _exit(1);
+            if (read(release[0], &c, 1) < 0) _exit(1);
+            _exit(0);
+        }
+        close(ready[1]);
+        close(release[0]);
+        char c = 0;
+        if (read(ready[0], &c, 1) != 1 || c != 'L') pid = -1;
+        close(ready[0]);
+        release_fd = release[1];
+    }
+    void release() {
+        if (release_fd >= 0) close(release_fd);
+        release_fd = -1;
+    }
+    ~LockHolder() {
+        release();
+        if (pid > 0) waitpid(pid, nullptr, 0);
+    }
+};
+
+TEST(Fstream, LocksAreExclusiveBetweenProcesses) {
+    kstest::TempDir dir;
+    ASSERT_TRUE(kstest::write_file(dir / "lock", ""));
+    ks::fstream f(dir / "lock", "r+");
+    ASSERT_TRUE(f.is_open());
+    EXPECT_EQ(f.is_locked(), 0);
+    {
+        LockHolder holder(dir / "lock");
+        ASSERT_GT(holder.pid, 0);
+        int pid = 0;
+        EXPECT_EQ(f.is_locked(pid), 1);
+        EXPECT_EQ(pid, holder.pid);
+        EXPECT_EQ(f.lock(), 0) << "held by another process: answered at once";
+        holder.release();
+        EXPECT_EQ(f.wait_lock(), 1) << "waits until the holder lets go";
+    }
+    EXPECT_EQ(f.unlock(), 0);
+    ks::fstream closed;
+    EXPECT_EQ(closed.lock(), -1);
+}
+
+TEST(Memorymap, ClipsToFileAndNeverWritesBack) {
+    kstest::TempDir dir;
+    ASSERT_TRUE(kstest::write_file(dir / "f", "0123456789"));
+    ks::fstream f(dir / "f", "r+");
+    void* addr = ks::basic_memorymap_base::failed;
+    size_t size = 0;
+    ASSERT_EQ(ks::basic_memorymap_base::do_map(false, f, 0, 1 << 20, addr, size), 0);
+    EXPECT_EQ(size, 10u);
+    static_cast<char*>(addr)[0] = 'X';
+    ks::basic_memorymap_base::do_unmap(addr, size);
+    EXPECT_EQ(addr, ks::basic_memorymap_base::failed);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(kstest::read_file(dir / "f"), "0123456789");
+
+    ks::memorymap map;
+    ASSERT_TRUE(map.map(true, f, 0, 0));
+    EXPECT_EQ(map.size(), 1u) << "a length of 0 maps one byte";
+    EXPECT_EQ(*static_cast<const char*>(map.data()), '0');
+
+    ks::fstream closed;
+    EXPECT_FALSE(map.map(true, closed));
+    EXPECT_EQ(map.data(), nullptr);
+}
+
+}  // namespace
