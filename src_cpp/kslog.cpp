@@ -81,8 +81,8 @@ void vlog(unsigned long channel, level l, const char* file, int line, const char
     fmt::format_to(std::back_inserter(record), KSLOG_HEADER_TEMPLATE "[{:s}:{:d}][{:s}()]: ", file, line, function);
     fmt::vformat_to(std::back_inserter(record), format, args);
     record.push_back('\n');
-    // The core may write a NUL after the 4095th byte of a cut record.
-    if (record.size() > KSLOG_MAX_RECORD) record.reserve(record.size() + 1);
+    // A record over 4095 bytes is cut in place; the NUL the core then writes at byte 4095
+    // still lies inside the buffer.
     emit(channel, l, record.data(), record.size());
 }
 
