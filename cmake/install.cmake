@@ -17,5 +17,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/ksutilsConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/ksutilsConfig.cmake ${PROJECT_BINARY_DIR}/ksutilsConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/ksutils)
 
+# The .pc file locates the prefix from its own place, so an installed tree can be moved.
+file(RELATIVE_PATH KS_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" KS_PC_TO_PREFIX "${KS_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/ksutils.pc.in ${PROJECT_BINARY_DIR}/ksutils.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/ksutils.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
