@@ -267,3 +267,52 @@ TEST_F(KssetterTest, SecondServerRefusesToStart) {
     EXPECT_EQ(1, kstest::run("'" + kstest::tool_path("kssetter") + "' -bogus 2>/dev/null"));
     EXPECT_TRUE(serverAnswers());
 }
+
+TEST_F(KssetterTest, CommandLineClient) {
+    const std::string cli = "'" + kstest::tool_path("kssetmgmt") + "' -root '" + root().path() + "' ";
+    const std::string binFile = root() / "var/tmp/blob";
+    ASSERT_TRUE(kstest::write_file(binFile, std::string("\0\1\2\xff", 4)));
+    const struct {
+        std::string args;
+        int status;
+        std::string output;  // null-free expectation of standard output
+    } steps[] = {
+        {"set /cli/name 'the box'", 0, ""},
+        {"get /cli/name", 0, "the box"},
+        {"stat /cli/name", 0, "string 7\n"},
+        {"set-file /cli/blob '" + binFile + "'", 0, ""},
+        {"stat /cli/blob", 0, "binary 4\n"},
+        {"set /cli/empty ''", 0, ""},
+        {"stat /cli/empty", 0, "none 0\n"},
+        {"lock-set /cli/locked yes", 0, ""},
+        {"get /cli/locked", 0, "yes"},
+        {"enum /cli", 0, "blob\nempty\nlocked\nname\n"},
+        {"delete /cli/name", 0, ""},
+        {"get /cli/name 2>&1", 2, "kssetmgmt: get /cli/name: Key not found (E_INVAL)\n"},
+        {"get cli/name 2>/dev/null", 2, ""},
+        {"set-file /cli/x /nonexistent 2>/dev/null", 2, ""},
+        {"frobnicate 2>/dev/null", 1, ""},
+        {"watch /cli 0 2>/dev/null", 1, ""},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.args);
+        std::string out;
+        EXPECT_EQ(s.status, kstest::run(cli + s.args, &out));
+        EXPECT_EQ(s.output, out);
+    }
+    std::string blob;
+    EXPECT_EQ(0, kstest::run(cli + "get /cli/blob", &blob));
+    EXPECT_EQ(std::string("\0\1\2\xff", 4), blob);
+
+    // watch prints the changed keys as they come and stops after the count.
+    std::string watched;
+    std::thread watcher([&] { kstest::run(cli + "watch /cli 2", &watched); });
+    ks::storage::DebugInfo debug;
+    while (sm::getDebugInfo(debug) == 0 && debug.notificationStreams == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_EQ(0, sm::setKey("/cli/one", "1"));
+    ASSERT_EQ(0, sm::setKey("/cli/one", "2"));
+    watcher.join();
+    // One line per changed key and wake-up: the two changes may come in one wake-up or two.
+    EXPECT_TRUE(watched == "/cli/one\n" || watched == "/cli/one\n/cli/one\n") << watched;
+}

@@ -1,0 +1,225 @@
+// Round trips per second of the settings client against kssetter, next to Redis on a Unix
+// socket (redis-benchmark, measured in the same run) and to the floor of the machine: a
+// bare 12-byte-request / 8-byte-reply ping-pong over a socket pair.
+//
+// Usage: kssetmgmt_bench [ROUND_TRIPS]   (default 100000 per measurement)
+// Runs kssetter from the build tree (../tools/kssetter next to this program) on a
+// temporary install root, and redis-server/redis-benchmark from PATH when installed.
+#include <kssetter/kssetmgmt.h>
+#include <ksutils/kslog.h>
+
+#include <kspath.h>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace sm = ks::setMgmt;
+using Clock = std::chrono::steady_clock;
+
+std::string g_dir;
+
+int sh(const std::string& command, std::string* out = nullptr) {
+    FILE* p = ::popen(command.c_str(), "r");
+    if (!p) return -1;
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0)
+        if (out) out->append(buf, n);
+    const int status = ::pclose(p);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool canConnect(const std::string& socketPath) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::strncpy(a.sun_path, socketPath.c_str(), sizeof a.sun_path - 1);
+    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    ::close(fd);
+    return ok;
+}
+
+// A child process that is stopped with SIGTERM when this object goes.
+class Child {
+public:
+    Child(std::vector<std::string> args, const std::string& readySocket) {
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(&a[0]);
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        if (::posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        for (int i = 0; pid_ > 0 && i < 500 && !canConnect(readySocket); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        ready_ = pid_ > 0 && canConnect(readySocket);
+    }
+    ~Child() {
+        if (pid_ <= 0) return;
+        ::kill(pid_, SIGTERM);
+        ::waitpid(pid_, nullptr, 0);
+    }
+    bool ready() const { return ready_; }
+
+private:
+    pid_t pid_ = -1;
+    bool ready_ = false;
+};
+
+// Round trips per second of `threads` threads doing `total` calls of `op` between them.
+double measure(int threads, long total, const std::function<void(int, long)>& op) {
+    std::vector<std::thread> workers;
+    std::atomic<int> ready{0};
+    std::atomic<bool> go{false};
+    Clock::time_point start;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            op(t, -1);  // warm-up: connect, first allocation
+            ++ready;
+            while (!go) std::this_thread::yield();
+            for (long i = 0; i < total / threads; ++i) op(t, i);
+        });
+    }
+    while (ready < threads) std::this_thread::yield();
+    start = Clock::now();
+    go = true;
+    for (auto& w : workers) w.join();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return static_cast<double>(total / threads * threads) / seconds;
+}
+
+double pingPongFloor(int pairs, long total) {
+    std::vector<int> serverEnds, clientEnds;
+    std::vector<std::thread> servers;
+    for (int i = 0; i < pairs; ++i) {
+        int sv[2];
+        ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv);
+        clientEnds.push_back(sv[0]);
+        serverEnds.push_back(sv[1]);
+        servers.emplace_back([fd = sv[1]] {
+            unsigned char request[12], reply[8] = {};
+            while (::recv(fd, request, sizeof request, MSG_WAITALL) == sizeof request)
+                if (::send(fd, reply, sizeof reply, MSG_NOSIGNAL) != sizeof reply) break;
+        });
+    }
+    const double rate = measure(pairs, total, [&](int t, long) {
+        unsigned char request[12] = {2}, reply[8];
+        if (::send(clientEnds[t], request, sizeof request, MSG_NOSIGNAL) == sizeof request)
+            ::recv(clientEnds[t], reply, sizeof reply, MSG_WAITALL);
+    });
+    for (int fd : clientEnds) ::shutdown(fd, SHUT_RDWR);
+    for (auto& s : servers) s.join();
+    for (int fd : clientEnds) ::close(fd);
+    for (int fd : serverEnds) ::close(fd);
+    return rate;
+}
+
+// {SET, GET} requests per second from redis-benchmark with `clients` connections, or 0.
+std::pair<double, double> redisRates(const std::string& socketPath, int clients, long total) {
+    std::string out;
+    const std::string command = "redis-benchmark -s '" + socketPath + "' -t set,get -P 1 -q -n " +
+                                std::to_string(total) + " -c " + std::to_string(clients) + " 2>/dev/null";
+    if (sh(command, &out) != 0) return {0, 0};
+    std::pair<double, double> rates{0, 0};
+    // Progress lines end in '\r'; result lines look like "SET: 52910.05 requests per second, ...".
+    for (char& c : out)
+        if (c == '\r') c = '\n';
+    size_t pos = 0;
+    while (pos < out.size()) {
+        const size_t end = out.find('\n', pos);
+        const std::string line = out.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+        pos = end == std::string::npos ? out.size() : end + 1;
+        double rate;
+        if (std::sscanf(line.c_str(), "SET: %lf requests per second", &rate) == 1) rates.first = rate;
+        if (std::sscanf(line.c_str(), "GET: %lf requests per second", &rate) == 1) rates.second = rate;
+    }
+    return rates;
+}
+
+std::string exeDir() {
+    char buf[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) return ".";
+    std::string p(buf, static_cast<size_t>(n));
+    return p.substr(0, p.rfind('/'));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const long total = argc > 1 ? std::atol(argv[1]) : 100000;
+    char templ[] = "/tmp/kssetmgmt_bench.XXXXXX";
+    if (!::mkdtemp(templ)) return 1;
+    g_dir = templ;
+    sh("mkdir -p '" + g_dir + "/etc' '" + g_dir + "/var/run' '" + g_dir + "/var/log'");
+    if (sh("openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 2>/dev/null | openssl pkey -pubout -out '" +
+           g_dir + "/etc/logs-pub.pem' 2>/dev/null") != 0) {
+        std::fprintf(stderr, "openssl is needed for the log key of the temporary install root\n");
+        return 1;
+    }
+    kspath_set_install_path(g_dir.c_str());
+    int status = 0;
+    {
+        Child server({exeDir() + "/../tools/kssetter", "-root", g_dir}, g_dir + "/var/run/kssetmgmt.skt");
+        const std::string redisSocket = g_dir + "/redis.sock";
+        Child redis({"redis-server", "--port", "0", "--unixsocket", redisSocket, "--save", "", "--appendonly", "no"},
+                    redisSocket);
+        if (!server.ready() || !ks::log::start("kssetmgmt_bench", g_dir.c_str(), nullptr) || sm::init() != 0) {
+            std::fprintf(stderr, "cannot start kssetter or the settings client\n");
+            status = 1;
+        } else {
+            if (!redis.ready()) std::printf("(redis-server not available: no Redis column)\n");
+            std::printf("%ld round trips per measurement, small values, Unix socket\n\n", total);
+            std::printf("%-22s %7s %12s %12s %8s %12s %8s\n", "request", "clients", "kssetter/s", "redis/s",
+                        "vs redis", "floor/s", "vs floor");
+            for (int clients : {1, 4}) {
+                const double floor = pingPongFloor(clients, total);
+                const auto redisRate = redis.ready() ? redisRates(redisSocket, clients, total) : std::make_pair(0.0, 0.0);
+                const double set = measure(clients, total, [](int t, long i) {
+                    sm::setKey("/tmp/bench/t" + std::to_string(t), i & 1 ? "value-one" : "value-two");
+                });
+                const double get = measure(clients, total, [](int t, long) {
+                    std::string v;
+                    sm::getKey("/tmp/bench/t" + std::to_string(t), v);
+                });
+                const double persistent = measure(clients, total / 4, [](int t, long i) {
+                    sm::setKey("/bench/t" + std::to_string(t), i & 1 ? "value-one" : "value-two");
+                });
+                auto row = [&](const char* name, double ours, double theirs) {
+                    if (theirs > 0)
+                        std::printf("%-22s %7d %12.0f %12.0f %7.2fx %12.0f %7.2fx\n", name, clients, ours, theirs,
+                                    ours / theirs, floor, ours / floor);
+                    else
+                        std::printf("%-22s %7d %12.0f %12s %8s %12.0f %7.2fx\n", name, clients, ours, "-", "-", floor,
+                                    ours / floor);
+                };
+                row("SET /tmp key", set, redisRate.first);
+                row("GET", get, redisRate.second);
+                row("SET persistent key", persistent, 0);
+            }
+            sm::uninit();
+            ks::log::stop();
+        }
+    }
+    sh("rm -rf '" + g_dir + "'");
+    return status;
+}

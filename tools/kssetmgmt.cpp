@@ -1,0 +1,175 @@
+// kssetmgmt: the settings of a running kssetter from the command line, for people and scripts.
+//
+// Each invocation is one request through the settings client library, so it sees what a
+// daemon sees, including the offline fallback to "etc/storage.data" for reads when the
+// server is down. Values go to standard output as they are (no newline added to "get"), so
+// binary values can be redirected to a file. Exit status: 0 success, 1 usage error, 2 the
+// request failed (the reason goes to standard error).
+#include <kssetter/kssetmgmt.h>
+#include <ksutils/error.h>
+#include <ksutils/kslog.h>
+
+#include <kspath.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace sm = ks::setMgmt;
+
+constexpr int kUsage = 1;
+constexpr int kFailed = 2;
+
+void usage(FILE* out) {
+    std::fputs(
+        "usage: kssetmgmt [-root DIR] COMMAND ARGS\n"
+        "  get KEY                 print the value\n"
+        "  set KEY VALUE           store a text value (\"\" stores the key without value)\n"
+        "  set-file KEY FILE       store the file's bytes as a binary value\n"
+        "  delete KEY              delete the key and everything below it\n"
+        "  stat KEY                print the value's type (string, binary, none) and size\n"
+        "  enum KEY                print the names of the key's children, one per line\n"
+        "  lock-set KEY VALUE      lock KEY, store VALUE, unlock (waits for other holders)\n"
+        "  watch [-plain] KEY [N]  print the changed keys (KEY or below) as changes arrive;\n"
+        "                          stop after N changes. -plain prints KEY once per wake-up\n"
+        "DIR is the install root (default: the installation's).\n",
+        out);
+}
+
+int fail(const std::string& what) {
+    const auto& e = ks::_get_kserrno();
+    std::fprintf(stderr, "kssetmgmt: %s: %.*s (%.*s)\n", what.c_str(), static_cast<int>(e.message_view().size()),
+                 e.message_view().data(), static_cast<int>(e.name_view().size()), e.name_view().data());
+    return kFailed;
+}
+
+int get(const std::string& key) {
+    std::string value;
+    if (sm::getKey(key, value) < 0) return fail("get " + key);
+    std::fwrite(value.data(), 1, value.size(), stdout);
+    return 0;
+}
+
+int setFile(const std::string& key, const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in) {
+        std::fprintf(stderr, "kssetmgmt: cannot read %s\n", file.c_str());
+        return kFailed;
+    }
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (sm::setKey(key, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()) < 0)
+        return fail("set " + key);
+    return 0;
+}
+
+int stat(const std::string& key) {
+    ks::storage::NodeInfo info;
+    if (sm::statKey(key, info) < 0) return fail("stat " + key);
+    const char* type = info.type == ks::storage::String ? "string" : info.type == ks::storage::Binary ? "binary" : "none";
+    std::printf("%s %llu\n", type, static_cast<unsigned long long>(info.size));
+    return 0;
+}
+
+int enumerate(const std::string& key) {
+    std::vector<std::string> names;
+    if (sm::enumSubkeys(key, names) < 0) return fail("enum " + key);
+    for (const std::string& name : names) std::printf("%s\n", name.c_str());
+    return 0;
+}
+
+int lockSet(const std::string& key, const std::string& value) {
+    if (sm::lockKey(key) < 0) return fail("lock " + key);
+    const int set = sm::setKey(key, value);
+    if (set < 0) fail("set " + key);
+    if (sm::unlockKey(key) < 0) return fail("unlock " + key);
+    return set < 0 ? kFailed : 0;
+}
+
+int watch(const std::string& key, bool plain, long limit) {
+    sm::NotifyHandle* handle = sm::setNotification(key, !plain);
+    if (!handle) return fail("watch " + key);
+    long seen = 0;
+    int status = 0;
+    while (limit <= 0 || seen < limit) {
+        std::set<std::string> keys;
+        const int n = sm::waitNotification(handle, -1, keys);
+        if (n < 0) {
+            status = fail("watch " + key);
+            break;
+        }
+        for (const std::string& changed : keys) std::printf("%s\n", changed.c_str());
+        std::fflush(stdout);
+        seen += plain ? 1 : n;
+    }
+    sm::cancelNotification(handle);
+    return status;
+}
+
+int dispatch(const std::vector<std::string>& args) {
+    const std::string& cmd = args[0];
+    const size_t n = args.size();
+    if (cmd == "get" && n == 2) return get(args[1]);
+    if (cmd == "set" && n == 3) return sm::setKey(args[1], args[2]) < 0 ? fail("set " + args[1]) : 0;
+    if (cmd == "set-file" && n == 3) return setFile(args[1], args[2]);
+    if (cmd == "delete" && n == 2) return sm::deleteKey(args[1]) < 0 ? fail("delete " + args[1]) : 0;
+    if (cmd == "stat" && n == 2) return stat(args[1]);
+    if (cmd == "enum" && n == 2) return enumerate(args[1]);
+    if (cmd == "lock-set" && n == 3) return lockSet(args[1], args[2]);
+    if (cmd == "watch" && n >= 2) {
+        size_t i = 1;
+        const bool plain = args[i] == "-plain";
+        if (plain) ++i;
+        if (i >= n || n - i > 2) return -1;
+        char* end = nullptr;
+        const long limit = n - i == 2 ? std::strtol(args[i + 1].c_str(), &end, 10) : 0;
+        if (n - i == 2 && (*end != '\0' || limit <= 0)) return -1;
+        return watch(args[i], plain, limit);
+    }
+    return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    const char* root = nullptr;
+    if (!args.empty() && (args[0] == "-root" || args[0] == "--root")) {
+        if (args.size() < 2) {
+            usage(stderr);
+            return kUsage;
+        }
+        root = argv[2];
+        args.erase(args.begin(), args.begin() + 2);
+    }
+    if (args.empty() || args[0] == "-h" || args[0] == "-help" || args[0] == "--help") {
+        usage(args.empty() ? stderr : stdout);
+        return args.empty() ? kUsage : 0;
+    }
+    if (root) kspath_set_install_path(root);
+
+    // The client logs on its own channel, so it needs the log core first.
+    if (!ks::log::start(argv[0], root, nullptr)) {
+        std::fprintf(stderr, "kssetmgmt: cannot start logging (is there an install root with etc/logs-pub.pem?)\n");
+        return kFailed;
+    }
+    if (sm::init() < 0) {
+        const int status = fail("init");
+        ks::log::stop();
+        return status;
+    }
+    int status = dispatch(args);
+    if (status < 0) {
+        usage(stderr);
+        status = kUsage;
+    }
+    sm::uninit();
+    ks::log::stop();
+    return status;
+}
