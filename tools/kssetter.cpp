@@ -3,9 +3,9 @@
 // One process holds the settings tree in a ks::storage::Store and answers the clients of
 // the settings socket ("kssetmgmt.skt" in the install root's "var/run") on one thread,
 // driven by a ks::Executor. Persistent keys are saved to "etc/storage.data" (the file that
-// clients read when the server is down) at most a tenth of a second after a change and once
-// more on a clean stop (SIGTERM, SIGINT), so every acknowledged write survives a clean stop;
-// keys under "/tmp" live in memory only.
+// clients read when the server is down) a tenth of a second after a change, at most once a
+// second under a stream of changes, and once more on a clean stop (SIGTERM, SIGINT), so
+// every acknowledged write survives a clean stop; keys under "/tmp" live in memory only.
 //
 // Limits that protect the server and its other clients from a bad one: a frame announcing
 // a body above 16 MiB, an unknown command, or a subscriber sending anything but the end of
@@ -37,6 +37,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -55,7 +56,9 @@ using ks::storage::NodeInfo;
 using ks::storage::Store;
 
 constexpr unsigned long kChannel = 0;
+using Clock = std::chrono::steady_clock;
 constexpr auto kSaveDelay = std::chrono::milliseconds(100);
+constexpr auto kSaveInterval = std::chrono::milliseconds(1000);
 constexpr size_t kReadChunk = 64 * 1024;
 
 struct Client {
@@ -169,6 +172,7 @@ private:
     bool listening_ = false;
     bool watchingSignals_ = false;
     int saveTimer_ = -1;
+    Clock::time_point lastSave_{};
 
     std::unordered_map<int, std::unique_ptr<Client>> clients_;
     std::map<std::string, std::set<int>> subscribers_;
@@ -620,7 +624,11 @@ void Server::closeClient(int fd) {
 
 void Server::changed(const std::string& key) {
     if (Store::isVolatileKey(key) || saveTimer_ >= 0) return;
-    saveTimer_ = loop_.start_timer(kSaveDelay, std::chrono::milliseconds(0), [this] {
+    // A save blocks the loop for its fsync: soon after an isolated change, at most once per
+    // kSaveInterval under a stream of them.
+    const auto sinceLast = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - lastSave_);
+    const auto delay = std::max(kSaveDelay, kSaveInterval - sinceLast);
+    saveTimer_ = loop_.start_timer(delay, std::chrono::milliseconds(0), [this] {
         saveTimer_ = -1;
         save();
         return -1;  // one-shot: the executor closes the timer
@@ -631,6 +639,7 @@ void Server::changed(const std::string& key) {
 void Server::save() {
     if (store_.getPersistentChanges() == 0) return;
     store_.save({storageFile_});
+    lastSave_ = Clock::now();
     if (ks::_get_kserrno().code != ks::E_OK)
         KSLOG_ERROR(kChannel, "Saving {:s} failed: {:s}", storageFile_, std::string(ks::_get_kserrno().message_view()));
 }
