@@ -37,7 +37,7 @@ int fail(int code, const char* what) {
     const int saved = errno;
     char text[160];
     kscrypto_strerror(code, text, sizeof text);
-    ks::_get_kserrno().set(code == KSCRYPTO_ENOMEM ? ks::E_SYSTEM : ks::E_INVAL, "{:s}: {:s} ({:d})", what,
+    ks::_get_kserrno().set(code > 100 ? ks::E_SYSTEM : ks::E_INVAL, "{:s}: {:s} ({:d})", what,
                            static_cast<const char*>(text), code);
     errno = saved;
     return code;
