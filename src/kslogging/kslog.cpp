@@ -74,6 +74,9 @@ struct core_state {
 
 core_state g_state;
 std::atomic<int> g_init_count{0};
+// getpid() is a system call; the id only changes in a child, where the fork handler below
+// clears it.
+std::atomic<pid_t> g_pid{0};
 pthread_mutex_t g_init_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_rwlock_t g_table_lock = PTHREAD_RWLOCK_INITIALIZER;
 
@@ -288,9 +291,33 @@ const char* datetime_text(time_t now) {
     return cached_text;
 }
 
-// Overwrites the 37-character template at the start of `buffer`; false when the stamped
-// header would not fit (a process id of seven digits or more).
+pid_t own_pid() {
+    pid_t pid = g_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = ::getpid();
+        g_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
+
+void forget_pid_in_child() { g_pid.store(0, std::memory_order_relaxed); }
+
+// Overwrites the 37-character template at the start of `buffer` with
+// "%19s.%03d %6d %5s" (date-time, milliseconds, process id, level word) and a space;
+// false when the stamped header would not fit (a process id of seven digits or more).
+// Built from pieces cached per thread rather than with snprintf: this runs for every
+// record.
 bool stamp_header(char* buffer, int level) {
+    thread_local pid_t cached_pid = 0;
+    thread_local char pid_text[16];
+    thread_local int pid_length = 0;
+    const pid_t pid = own_pid();
+    if (pid != cached_pid) {
+        pid_length = std::snprintf(pid_text, sizeof pid_text, "%6d", static_cast<int>(pid));
+        cached_pid = pid;
+    }
+    if (pid_length != 6) return false;
+
     struct timeval tv;
     const char* when = "0000-00-00 00:00:00";
     int millis = 0;
@@ -298,12 +325,18 @@ bool stamp_header(char* buffer, int level) {
         when = datetime_text(tv.tv_sec);
         millis = static_cast<int>(tv.tv_usec / 1000);
     }
-    char header[64];
-    const int n = std::snprintf(header, sizeof header, "%19s.%03d %6d %5s", when, millis,
-                                static_cast<int>(::getpid()), kLevelLogStr[level]);
-    if (n != KSLOG_HEADER_SIZE - 1) return false;
-    std::memcpy(buffer, header, KSLOG_HEADER_SIZE - 1);
-    buffer[KSLOG_HEADER_SIZE - 1] = ' ';
+    static constexpr const char* kLevelWord[] = {"error", " warn", " info", "debug", "trace"};
+    char* p = buffer;
+    std::memcpy(p, when, 19);
+    p[19] = '.';
+    p[20] = static_cast<char>('0' + millis / 100);
+    p[21] = static_cast<char>('0' + millis / 10 % 10);
+    p[22] = static_cast<char>('0' + millis % 10);
+    p[23] = ' ';
+    std::memcpy(p + 24, pid_text, 6);
+    p[30] = ' ';
+    std::memcpy(p + 31, kLevelWord[level], 5);
+    p[36] = ' ';
     return true;
 }
 
@@ -563,6 +596,9 @@ int kslog_init(const char* executable_path, const char* install_path, const char
     apply_startup_config(startup_config);
     kslog_print_settings();
     kslib_atfork(reinit_locks_in_child);
+    // Every fork, not only those made through ksfork, must renew the cached process id.
+    static const int pid_handler = pthread_atfork(nullptr, nullptr, forget_pid_in_child);
+    (void)pid_handler;
     return 0;
 }
 

@@ -9,11 +9,19 @@
 
 namespace {
 
-// Truncating back only makes sense for a seekable file; for pipes and terminals the
-// position is unknown (-1) and the bytes already written cannot be taken back.
+// Where a write that has put `done` bytes in so far began; -1 for descriptors without a
+// position (pipes, terminals), whose bytes cannot be taken back. Asked only on failure,
+// so a write that succeeds at once costs one system call.
+off_t start_of_write(int fd, size_t done) {
+    const int saved = errno;
+    const off_t now = ::lseek(fd, 0, SEEK_CUR);
+    errno = saved;
+    return now < 0 ? -1 : now - static_cast<off_t>(done);
+}
+
 void truncate_back(int fd, off_t start) {
     if (start < 0) return;
-    int saved = errno;
+    const int saved = errno;
     if (::ftruncate(fd, start) == 0) ::lseek(fd, start, SEEK_SET);
     errno = saved;
 }
@@ -23,25 +31,24 @@ void truncate_back(int fd, off_t start) {
 extern "C" {
 
 ssize_t write_all(int fd, const void* data, size_t length, int all_or_nothing) {
-    const off_t start = ::lseek(fd, 0, SEEK_CUR);
     auto bytes = static_cast<const char*>(data);
     size_t written = 0;
     while (written < length) {
-        ssize_t n = ::write(fd, bytes + written, length - written);
+        const ssize_t n = ::write(fd, bytes + written, length - written);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && errno == ENOSPC) {
-            truncate_back(fd, start);
+            truncate_back(fd, start_of_write(fd, written));
             return -1;
         }
         if (n <= 0) break;
         written += static_cast<size_t>(n);
     }
-    if (written < length && all_or_nothing) {
-        truncate_back(fd, start);
+    if (written == length) return static_cast<ssize_t>(written);
+    if (all_or_nothing) {
+        truncate_back(fd, start_of_write(fd, written));
         return -1;
     }
-    if (written < length && written == 0) return -1;
-    return static_cast<ssize_t>(written);
+    return written == 0 ? -1 : static_cast<ssize_t>(written);
 }
 
 ssize_t writev_all(int fd, const struct iovec* iov, int count) {
@@ -51,15 +58,21 @@ ssize_t writev_all(int fd, const struct iovec* iov, int count) {
     }
     size_t total = 0;
     for (int i = 0; i < count; ++i) total += iov[i].iov_len;
-    const off_t start = ::lseek(fd, 0, SEEK_CUR);
+    // The first attempt starts where the descriptor stands; the start is looked up only
+    // when an attempt falls short, and every later attempt rewrites from there.
+    off_t start = -2;  // not known yet
     for (int attempt = 0; attempt < 3;) {
         if (start >= 0 && ::lseek(fd, start, SEEK_SET) < 0) break;
-        ssize_t n = ::writev(fd, iov, count);
-        if (n < 0 && errno == EINTR) continue;
+        const ssize_t n = ::writev(fd, iov, count);
         if (n >= 0 && static_cast<size_t>(n) == total) return n;
+        if (n < 0 && errno == EINTR) continue;
+        if (start == -2) start = start_of_write(fd, n > 0 ? static_cast<size_t>(n) : 0);
         if (n < 0 && errno == ENOSPC) break;
+        // Without a position a retry would append a second copy: give up at once.
+        if (start < 0) break;
         ++attempt;
     }
+    if (start == -2) start = start_of_write(fd, 0);
     truncate_back(fd, start);
     return -1;
 }
