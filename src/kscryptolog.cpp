@@ -95,18 +95,24 @@ bool overwrite_at_start(int fd, const unsigned char* data, size_t size) {
     return done == size;
 }
 
+// Draws a key and wraps it before installing either, so a failure leaves the writer with a
+// key and a key block that still belong together.
 int new_key(crypto_log_writer* writer) {
     unsigned char key[AES_KEY_SIZE];
-    if (crypto_gen_random_bytes(key, sizeof key) != 0) return -1;
-    if (mbedtls_aes_setkey_enc(&writer->aes, key, AES_KEY_SIZE * 8) != 0) {
-        mbedtls_platform_zeroize(key, sizeof key);
+    unsigned char wrapped[RSA_BLOCK_SIZE];
+    int rc = crypto_gen_random_bytes(key, sizeof key);
+    if (rc == 0) rc = rsa_encrypt(key, sizeof key, wrapped, writer->public_key_path.c_str());
+    if (rc == 0 && mbedtls_aes_setkey_enc(&writer->aes, key, AES_KEY_SIZE * 8) != 0) {
         ks::_get_kserrno().set(ks::E_FAULT, "cannot key the log cipher");
-        return -1;
+        rc = -1;
     }
-    std::memcpy(writer->key, key, sizeof key);
+    if (rc == 0) {
+        std::memcpy(writer->key, key, sizeof key);
+        std::memcpy(writer->wrapped_key, wrapped, sizeof wrapped);
+        writer->key_is_new = true;
+    }
     mbedtls_platform_zeroize(key, sizeof key);
-    writer->key_is_new = true;
-    return 0;
+    return rc == 0 ? 0 : -1;
 }
 
 // Reads exactly `size` bytes: 1 when done, 0 at a clean end of file before the first byte,
@@ -157,7 +163,7 @@ crypto_log_writer* crypto_log_writer_new(const char* public_key_path) {
         ks::_get_kserrno().set(ks::E_SYSTEM, "cannot allocate the log writer");
         return nullptr;
     }
-    if (new_key(writer) != 0 || rsa_encrypt(writer->key, AES_KEY_SIZE, writer->wrapped_key, public_key_path) != 0) {
+    if (new_key(writer) != 0) {
         delete writer;
         return nullptr;
     }
@@ -166,10 +172,7 @@ crypto_log_writer* crypto_log_writer_new(const char* public_key_path) {
 
 int crypto_log_writer_regen_sym_key(crypto_log_writer* writer) {
     if (!writer) return -1;
-    if (new_key(writer) != 0) return -1;
-    // The key block must carry the new key, or readers could not decrypt what follows.
-    if (rsa_encrypt(writer->key, AES_KEY_SIZE, writer->wrapped_key, writer->public_key_path.c_str()) != 0) return -1;
-    return 0;
+    return new_key(writer);
 }
 
 void crypto_log_writer_free(crypto_log_writer* writer) { delete writer; }

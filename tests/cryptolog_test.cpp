@@ -220,6 +220,16 @@ TEST_F(CryptoLogTest, NewKeyAndRotationResendTheKey) {
     ASSERT_EQ(append(writer, "four\n"), 0);
     EXPECT_EQ(block_types(blocks_of(kstest::read_file(log))), "1:256 2:16 ");
     EXPECT_EQ(openssl_read(log), "four\n");
+
+    // A new key that cannot be wrapped (the public key is gone) leaves the old one in use.
+    const std::string pub = dir / "pub.pem";
+    ASSERT_TRUE(kstest::write_file(pub, kstest::read_file(key("pub.pem"))));
+    ks::CryptoLogWriter own(pub.c_str());
+    ASSERT_TRUE(own);
+    ASSERT_EQ(::unlink(pub.c_str()), 0);
+    EXPECT_FALSE(own.regen_sym_key());
+    ASSERT_EQ(append(own.get(), "five\n"), 0);
+    EXPECT_EQ(openssl_read(log), "four\nfive\n");
 }
 
 TEST_F(CryptoLogTest, HeaderOfAnotherProcessIsRewrittenInAppendMode) {
