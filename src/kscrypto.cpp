@@ -83,6 +83,15 @@ struct PublicKey {
     size_t length() const { return mbedtls_pk_get_len(&pk); }
 };
 
+// Hash lengths name the digest whose DigestInfo the signature carries; others are signed raw.
+mbedtls_md_type_t signature_digest(size_t hash_len) {
+    switch (hash_len) {
+        case 32: return MBEDTLS_MD_SHA256;
+        case 16: return MBEDTLS_MD_MD5;
+        default: return MBEDTLS_MD_NONE;
+    }
+}
+
 size_t padded_length(size_t in_len) { return (in_len / kBlock + 1) * kBlock; }
 
 // Encrypts the full blocks, then one last block made of the tail and the padding.
@@ -411,22 +420,6 @@ int rsa_decrypt(const unsigned char* in, unsigned char* out, size_t* out_len, co
                             &drbg.drbg);
     return rc == 0 ? 0 : fail(rc, "rsa_decrypt");
 }
-
-}  // extern "C"
-
-namespace {
-
-mbedtls_md_type_t signature_digest(size_t hash_len) {
-    switch (hash_len) {
-        case 32: return MBEDTLS_MD_SHA256;
-        case 16: return MBEDTLS_MD_MD5;
-        default: return MBEDTLS_MD_NONE;
-    }
-}
-
-}  // namespace
-
-extern "C" {
 
 int rsa_sign(const unsigned char* hash, size_t hash_len, unsigned char* signature, size_t* signature_len,
              const char* private_key_file) {
