@@ -67,12 +67,12 @@ struct Drbg {
     int seed() { return mbedtls_ctr_drbg_seed(&drbg, mbedtls_entropy_func, &entropy, nullptr, 0); }
 };
 
-struct PublicKey {
+struct KeyFile {
     mbedtls_pk_context pk;
-    PublicKey() { mbedtls_pk_init(&pk); }
-    ~PublicKey() { mbedtls_pk_free(&pk); }
-    PublicKey(const PublicKey&) = delete;
-    PublicKey& operator=(const PublicKey&) = delete;
+    KeyFile() { mbedtls_pk_init(&pk); }
+    ~KeyFile() { mbedtls_pk_free(&pk); }
+    KeyFile(const KeyFile&) = delete;
+    KeyFile& operator=(const KeyFile&) = delete;
 
     // 0, the parse error, or KSCRYPTO_EKEYTYPE for a key that is not RSA.
     int load(const char* file, bool private_key) {
@@ -395,7 +395,7 @@ int aes_decrypt_file(int out_fd, int in_fd, const unsigned char* key, const unsi
 
 int rsa_encrypt(const unsigned char* in, size_t in_len, unsigned char* out, const char* public_key_file) {
     if ((!in && in_len > 0) || !out || !public_key_file) return fail(KSCRYPTO_EPARAM, "rsa_encrypt");
-    PublicKey key;
+    KeyFile key;
     int rc = key.load(public_key_file, false);
     if (rc != 0) return fail(rc, "rsa_encrypt");
     if (key.length() > RSA_BLOCK_SIZE) return fail(KSCRYPTO_EBUFSIZE, "rsa_encrypt");
@@ -410,7 +410,7 @@ int rsa_encrypt(const unsigned char* in, size_t in_len, unsigned char* out, cons
 int rsa_decrypt(const unsigned char* in, unsigned char* out, size_t* out_len, const char* private_key_file) {
     if (out_len) *out_len = 0;
     if (!in || !out || !out_len || !private_key_file) return fail(KSCRYPTO_EPARAM, "rsa_decrypt");
-    PublicKey key;
+    KeyFile key;
     int rc = key.load(private_key_file, true);
     if (rc != 0) return fail(rc, "rsa_decrypt");
     if (key.length() != RSA_BLOCK_SIZE) return fail(KSCRYPTO_EINSIZE, "rsa_decrypt");
@@ -426,7 +426,7 @@ int rsa_sign(const unsigned char* hash, size_t hash_len, unsigned char* signatur
     if (signature_len) *signature_len = 0;
     if (!hash || hash_len == 0 || !signature || !signature_len || !private_key_file)
         return fail(KSCRYPTO_EPARAM, "rsa_sign");
-    PublicKey key;
+    KeyFile key;
     int rc = key.load(private_key_file, true);
     if (rc != 0) return fail(rc, "rsa_sign");
     if (key.length() > RSA_BLOCK_SIZE) return fail(KSCRYPTO_EBUFSIZE, "rsa_sign");
@@ -440,7 +440,7 @@ int rsa_sign(const unsigned char* hash, size_t hash_len, unsigned char* signatur
 int rsa_verify(const unsigned char* hash, size_t hash_len, const unsigned char* signature,
                const char* public_key_file) {
     if (!hash || hash_len == 0 || !signature || !public_key_file) return fail(KSCRYPTO_EPARAM, "rsa_verify");
-    PublicKey key;
+    KeyFile key;
     int rc = key.load(public_key_file, false);
     if (rc != 0) return fail(rc, "rsa_verify");
     if (key.length() > RSA_BLOCK_SIZE) return fail(KSCRYPTO_EINSIZE, "rsa_verify");
