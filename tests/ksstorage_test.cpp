@@ -3,6 +3,7 @@
 // large round trip and saves killed at random moments.
 #include <kssetter/ksstorage.h>
 #include <ksutils/error.h>
+#include <ksutils/kslog.h>
 
 #include <kstest.h>
 
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -662,6 +664,97 @@ TEST(StoreFile, SaveKilledAtAnyMomentLeavesAWholeFile) {
     }
     std::printf("save of %zu bytes took %lld us; after the kills: %d old files, %d new files\n",
                 kstest::read_file(file).size(), static_cast<long long>(saveTime.count()), old, fresh);
+}
+
+// The settings channel at trace level on standard error, in a throw-away install root.
+class LogCapture {
+public:
+    LogCapture() {
+        const std::string config = root_ / "etc/logging/capture.json";
+        kstest::write_file(config,
+                           R"({"action":"update","channels":{"kssetmgmt":[{"file":":stderr","level":"trace"}]}})");
+        started_ = ks::log::start("ksstorage_test", root_.path().c_str(), config.c_str());
+    }
+    ~LogCapture() {
+        if (started_) ks::log::stop();
+    }
+    bool started() const { return started_; }
+    template <class Fn>
+    std::string during(Fn fn) {
+        testing::internal::CaptureStderr();
+        fn();
+        return testing::internal::GetCapturedStderr();
+    }
+
+private:
+    kstest::InstallRoot root_;
+    bool started_ = false;
+};
+
+TEST(StoreLog, MessagesOnTheSettingsChannel) {
+    LogCapture log;
+    ASSERT_TRUE(log.started());
+    kstest::TempDir dir;
+    const std::string file = dir / "settings";
+    const std::string blocked = dir / "blocked";
+    ASSERT_EQ(::mkdir((blocked + ".shadow").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir((dir / "isdir").c_str(), 0755), 0);
+    kstest::write_file(dir / "isdir/x", "x");
+    kstest::write_file(dir / "bad", "/a=s\n/b=b|\n/c=q|1\n");
+    kstest::write_file(dir / "short", "/tmp/hash=s|0123\n");
+    kstest::write_file(dir / "wrong", "/tmp/hash=s|" + std::string(64, '0') + "\n/a=s|1\n");
+    const std::string wrongDigest = sha256sum("printf '/a=s|1\\n'");
+
+    struct Case {
+        const char* what;
+        std::function<void(Store&)> run;
+        std::vector<std::string> expected;  // in this order, each after its level word
+    } cases[] = {
+        {"a save",
+         [&](Store& s) { s.save({file}); },
+         {"debug [ksstorage.cpp:", "Hash for storage content: ", "Saving storage to file " + file,
+          "Wrote data to " + file + ".shadow", "fsync on " + file + ".shadow finished",
+          "Successfully saved to " + file}},
+        {"a shadow that cannot be opened",
+         [&](Store& s) { s.save({blocked}); },
+         {"error [ksstorage.cpp:", "Failed to open file: Is a directory", "error [ksstorage.cpp:",
+          "There was an error while saving to " + blocked + ": Failed to open file " + blocked +
+              ".shadow: Is a directory"}},
+        {"a rename that fails",
+         [&](Store& s) { s.save({dir / "isdir"}); },
+         {"Failed to rename file: Is a directory", "There was an error while saving to " + dir / "isdir"}},
+        {"an empty binary value",
+         [&](Store& s) {
+             s.setKey("/e", nullptr, ks::storage::Binary, 0);
+             s.save({dir / "other"});
+         },
+         {"error [kstree.cpp:", "Failed to base64 encode value for key /e"}},
+        {"records that do not parse",
+         [&](Store& s) { s.load(dir / "bad"); },
+         {"error [ksstorage.cpp:", "Error while parsing line /a=s", "Failed to base64 decode value for key /b",
+          "Unknown key value type"}},
+        {"checksums",
+         [&](Store&) {
+             Store::checkHash(file);
+             Store::checkHash(dir / "short");
+             Store::checkHash(dir / "wrong");
+         },
+         {"Checksums match for file: " + file, "error [ksstorage.cpp:", "Invalid hash size in " + dir / "short",
+          "Checksums don't match for file: " + dir / "wrong" + ", saved_hash=" + std::string(64, '0') +
+              ", crt_hash=" + wrongDigest}},
+        {"a missing key", [&](Store& s) { s.enumSubkeys("/nothing"); }, {"debug [", "Key /nothing not found"}},
+    };
+    for (const auto& c : cases) {
+        Store store = make({"/a=1"});
+        set(store, "/a", "2");
+        const std::string text = log.during([&] { c.run(store); });
+        size_t at = 0;
+        for (const auto& expected : c.expected) {
+            const size_t found = text.find(expected, at);
+            ASSERT_NE(found, std::string::npos) << c.what << ": \"" << expected << "\" in\n" << text;
+            at = found + expected.size();
+        }
+    }
 }
 
 }  // namespace

@@ -61,6 +61,8 @@ public:
     // child of that name exists nothing changes and false is returned: the caller still
     // owns `child`.
     bool addChild(const std::string& name, TreeNode* child);
+    // The child of that name, created without value when absent.
+    TreeNode* makeChild(const std::string& name);
     // Unlinks the named child without destroying it and clears its parent; the caller takes
     // the returned node over (null when absent).
     TreeNode* removeChild(const std::string& name);

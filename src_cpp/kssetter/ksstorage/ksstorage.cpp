@@ -340,13 +340,7 @@ int Store::setKey_(const std::string& key, const unsigned char* value, ValueType
     TreeNode* node = root.get();
     if (key.size() > 1) {
         for_each_component(ks::string_view(key).substr(1), [&](const std::string& component, bool) {
-            TreeNode* child = node->getChild(component);
-            if (child == nullptr) {
-                auto created = std::make_unique<TreeNode>(component.c_str(), node);
-                node->addChild(component, created.get());
-                child = created.release();
-            }
-            node = child;
+            node = node->makeChild(component);
             return true;
         });
     }
@@ -489,42 +483,71 @@ int Store::load(const std::string& file) {
         return -1;
     }
 
-    LineReader reader(fd.get());
-    std::string key, pendingKey, pendingValue, encoded, decoded;
-    bool pending = false;
-    auto commit = [&] {
-        if (!pending) return;
-        setKey_(pendingKey, reinterpret_cast<const unsigned char*>(pendingValue.data()), String, pendingValue.size());
-        pending = false;
+    // Records of siblings follow each other in the file, so the parent of the previous
+    // record usually is the parent of this one: remembering it turns most records into a
+    // single child lookup instead of a walk from the root.
+    std::string parentPath, leafName;
+    TreeNode* parentNode = nullptr;
+    auto nodeFor = [&](ks::string_view key) {
+        if (!root) root = std::make_unique<TreeNode>("", nullptr);
+        if (key.size() == 1) return root.get();
+        const size_t cut = key.rfind(kDelimiter);
+        const ks::string_view parent = key.substr(0, cut);
+        if (parentNode == nullptr || parent != parentPath) {
+            parentNode = root.get();
+            if (!parent.empty()) {
+                for_each_component(parent.substr(1), [&](const std::string& component, bool) {
+                    parentNode = parentNode->makeChild(component);
+                    return true;
+                });
+            }
+            parentPath.assign(parent);
+        }
+        leafName.assign(key.substr(cut + 1));
+        return parentNode->makeChild(leafName);
     };
 
+    // A string value is stored at once; continuation lines, which are rare, collect the
+    // rest of it here until the next record.
+    TreeNode* continued = nullptr;
+    bool extended = false;
+    std::string value, decoded, encoded;
+    auto finishValue = [&] {
+        if (continued != nullptr && extended)
+            continued->setValue(reinterpret_cast<const unsigned char*>(value.data()), String, value.size());
+        continued = nullptr;
+        extended = false;
+    };
+
+    LineReader reader(fd.get());
     ks::string_view line;
     int rc;
     while ((rc = reader.next(line)) > 0) {
         // The writer never produces an empty line: anything after one is not ours.
         if (line.empty()) break;
         if (line[0] == ' ') {
-            if (pending) pendingValue.append(1, '\n').append(line.substr(1));
+            if (continued == nullptr) continue;
+            if (!extended) value = continued->getValueBytes();
+            extended = true;
+            value.append(1, '\n').append(line.substr(1));
             continue;
         }
-        commit();
+        finishValue();
         const size_t eq = line.find('=');
-        const ks::string_view keyText = line.substr(0, eq);
-        if (keyText.empty() || keyText[0] != kDelimiter || (eq != ks::string_view::npos && eq + 3 > line.size())) {
+        const ks::string_view key = line.substr(0, eq);
+        if (key.empty() || key[0] != kDelimiter || (eq != ks::string_view::npos && eq + 3 > line.size())) {
             KSLOG_ERROR(ch, "Error while parsing line {:s}", line);
             continue;
         }
-        key.assign(keyText);
         if (eq == ks::string_view::npos) {
-            setKey_(key, nullptr, None, 0);
+            nodeFor(key)->setValue(nullptr, None, 0);
             continue;
         }
         const ks::string_view text = line.substr(eq + 3);
         switch (line[eq + 1]) {
             case 's':
-                pendingKey.swap(key);
-                pendingValue.assign(text);
-                pending = true;
+                continued = nodeFor(key);
+                continued->setValue(reinterpret_cast<const unsigned char*>(text.data()), String, text.size());
                 break;
             case 'b':
                 encoded.assign(text);
@@ -532,7 +555,8 @@ int Store::load(const std::string& file) {
                     KSLOG_ERROR(ch, "Failed to base64 decode value for key {:s}", key);
                     break;
                 }
-                setKey_(key, reinterpret_cast<const unsigned char*>(decoded.data()), Binary, decoded.size());
+                nodeFor(key)->setValue(reinterpret_cast<const unsigned char*>(decoded.data()), Binary,
+                                       decoded.size());
                 break;
             default:
                 KSLOG_ERROR(ch, "Unknown key value type");
@@ -545,7 +569,7 @@ int Store::load(const std::string& file) {
         _get_kserrno().set(E_SYSTEM, "Failed to read {:s}: {:s}", file, system_error(err));
         return -1;
     }
-    commit();
+    finishValue();
     return 0;
 }
 

@@ -3,8 +3,8 @@
 //
 // Trees here can be as deep as the keys people invent, so nothing walks a subtree by
 // recursion: copies, comparisons and writers use a FIFO queue (which also gives the
-// breadth-first order the file form promises), and destruction unlinks and frees one leaf
-// at a time through the parent pointers, which needs no memory at all.
+// breadth-first order the file form promises), and destruction keeps its pending nodes in
+// a stack threaded through their parent pointers, which needs no memory at all.
 #include <kssetter/kstree.h>
 #include <ksutils/crypto.h>
 #include <ksutils/kslog.h>
@@ -59,23 +59,23 @@ TreeNode::TreeNode(const TreeNode* source, bool deep, TreeNode* parent_)
 
 TreeNode::~TreeNode() { destroyChildren(); }
 
-// Descends into any child (unlinking it first), frees a node once it has no children left
-// and climbs back through its parent pointer.
+// The nodes waiting to be freed form a stack linked through their parent pointers, which
+// they no longer need: no allocation, no recursion, and each child map is dropped whole.
 void TreeNode::destroyChildren() noexcept {
-    TreeNode* current = this;
-    for (;;) {
-        if (!current->children.empty()) {
-            auto first = current->children.begin();
-            TreeNode* child = first->second;
-            current->children.erase(first);
-            child->parent = current;
-            current = child;
-            continue;
+    TreeNode* pending = nullptr;
+    auto push_children = [&pending](TreeNode* node) {
+        for (auto& entry : node->children) {
+            entry.second->parent = pending;
+            pending = entry.second;
         }
-        if (current == this) return;
-        TreeNode* up = current->parent;
-        delete current;
-        current = up;
+        node->children.clear();
+    };
+    push_children(this);
+    while (pending != nullptr) {
+        TreeNode* node = pending;
+        pending = node->parent;
+        push_children(node);
+        delete node;
     }
 }
 
@@ -112,6 +112,20 @@ bool TreeNode::addChild(const std::string& childName, TreeNode* child) {
     child->name = childName;
     child->parent = this;
     return true;
+}
+
+TreeNode* TreeNode::makeChild(const std::string& childName) {
+    auto [it, inserted] = children.try_emplace(childName, nullptr);
+    if (inserted) {
+        try {
+            it->second = new TreeNode("", this);
+        } catch (...) {
+            children.erase(it);
+            throw;
+        }
+        it->second->name = childName;
+    }
+    return it->second;
 }
 
 TreeNode* TreeNode::removeChild(const std::string& childName) {
