@@ -511,7 +511,13 @@ TEST_F(SetMgmtServer, PythonBinding) {
     ASSERT_EQ(0, sm::setKey("/py/list/one", "1"));
     ASSERT_EQ(0, sm::setKey("/py/list/two", "2"));
     std::string output;
-    const int status = kstest::run("python3 '" + std::string(KS_SOURCE_DIR) + "/tests/py_wrapper_test.py' '" +
+#ifdef __SANITIZE_ADDRESS__
+    // An instrumented library loaded into Python needs the sanitizer runtime loaded first.
+    const std::string prefix = "ASAN_OPTIONS=detect_leaks=0 LD_PRELOAD=$(gcc -print-file-name=libasan.so) ";
+#else
+    const std::string prefix;
+#endif
+    const int status = kstest::run(prefix + "python3 '" + std::string(KS_SOURCE_DIR) + "/tests/py_wrapper_test.py' '" +
                                        std::string(KS_BINARY_DIR) + "/libksutils.so' '" + root().path() + "' 2>&1",
                                    &output);
     EXPECT_EQ(0, status) << output;
