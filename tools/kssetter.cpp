@@ -14,7 +14,9 @@
 // nothing: a request is applied only once its whole frame has arrived.
 //
 // Locks are advisory and per key: CMD_LOCK on a key another connection holds waits until the
-// holder unlocks or disconnects; the waiting connection's later requests wait with it.
+// holder unlocks or disconnects; the waiting connection's later requests wait with it. A
+// request whose lock byte is 1 on a connection that holds no lock is answered -6: the client
+// believes it holds a lock that went with an earlier connection.
 //
 // Usage: kssetter [-root DIR]   (runs in the foreground until SIGTERM or SIGINT)
 #include <kssetter/ksstorage.h>
