@@ -9,7 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -549,20 +551,36 @@ TEST(StoreFile, FailedSavesKeepThePreviousFile) {
     EXPECT_FALSE(exists(dir / "isdir.shadow"));
     EXPECT_EQ(kstest::read_file(dir / "isdir/content"), "x");
 
-    // An unwritable directory (root writes anywhere, so only as another user).
-    if (::geteuid() != 0) {
-        ASSERT_EQ(::mkdir((dir / "ro").c_str(), 0755), 0);
+    // An unwritable directory. Permissions do not stop root, so a child process mounts a
+    // file system of its own there and makes it read-only; other users get a mode of 0555.
+    const std::string ro = dir / "ro";
+    ASSERT_EQ(::mkdir(ro.c_str(), 0755), 0);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        const bool privileged = ::unshare(CLONE_NEWNS) == 0 &&
+                                ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                                ::mount("tmpfs", ro.c_str(), "tmpfs", 0, nullptr) == 0;
         Store first = make({"/k=old"});
-        set(first, "/k", "old");
-        ASSERT_EQ(first.save({dir / "ro/settings"}), 0);
-        const std::string old = kstest::read_file(dir / "ro/settings");
-        ::chmod((dir / "ro").c_str(), 0555);
-        set(first, "/k", "new");
-        EXPECT_EQ(first.save({dir / "ro/settings"}), 0);
-        EXPECT_EQ(code(), ks::E_SYSTEM);
-        EXPECT_EQ(kstest::read_file(dir / "ro/settings"), old);
-        ::chmod((dir / "ro").c_str(), 0755);
+        first.setKey("/k", bytes(std::string("old")), ks::storage::String, 3);
+        first.save({ro + "/settings"});
+        const std::string old = kstest::read_file(ro + "/settings");
+        if (privileged ? ::mount("none", ro.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0
+                       : ::chmod(ro.c_str(), 0555) != 0)
+            ::_exit(10);
+        first.setKey("/k", bytes(std::string("new")), ks::storage::String, 3);
+        int failures = 0;
+        failures |= first.save({ro + "/settings"}) != 0 ? 1 : 0;
+        failures |= code() != ks::E_SYSTEM ? 2 : 0;
+        failures |= old.empty() || kstest::read_file(ro + "/settings") != old ? 4 : 0;
+        failures |= first.getPersistentChanges() != 0 ? 8 : 0;
+        ::_exit(failures);
     }
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ::chmod(ro.c_str(), 0755);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1 save failed, 2 no E_SYSTEM, 4 old file changed, 8 counter kept";
 }
 
 // Keys of 1 to 6 components from a small vocabulary (so branches are shared), with string
@@ -626,6 +644,14 @@ TEST(StoreFile, LargeRoundTrip) {
     EXPECT_TRUE(reloaded == expected);
 }
 
+// True once a save to `file` has begun writing: its shadow copy has content, or the file
+// itself no longer has its old size.
+bool writing(const std::string& file, size_t oldSize) {
+    struct stat st;
+    if (::stat((file + ".shadow").c_str(), &st) == 0 && st.st_size > 0) return true;
+    return ::stat(file.c_str(), &st) == 0 && static_cast<size_t>(st.st_size) != oldSize;
+}
+
 TEST(StoreFile, SaveKilledAtAnyMomentLeavesAWholeFile) {
     kstest::TempDir dir;
     const std::string file = dir / "settings";
@@ -650,7 +676,15 @@ TEST(StoreFile, SaveKilledAtAnyMomentLeavesAWholeFile) {
             store.save({file});
             ::_exit(0);
         }
-        ::usleep(static_cast<useconds_t>(saveTime.count() * (round % 12) / 6));
+        if (round % 2 == 0) {
+            ::usleep(static_cast<useconds_t>(saveTime.count() * (round % 12) / 6));
+        } else {
+            // Most of a save is spent before the first byte reaches the disk: aim half of
+            // the kills at the writing itself, a few milliseconds after it shows.
+            const auto deadline = std::chrono::steady_clock::now() + 3 * saveTime;
+            while (!writing(file, before.size()) && std::chrono::steady_clock::now() < deadline) ::usleep(100);
+            ::usleep(static_cast<useconds_t>(1000 * (round % 7)));
+        }
         ::kill(pid, SIGKILL);
         int status = 0;
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
