@@ -316,3 +316,30 @@ TEST_F(KssetterTest, CommandLineClient) {
     // One line per changed key and wake-up: the two changes may come in one wake-up or two.
     EXPECT_TRUE(watched == "/cli/one\n" || watched == "/cli/one\n/cli/one\n") << watched;
 }
+
+TEST_F(KssetterTest, PipelinedRequestsWithoutReading) {
+    // About 20 MiB of replies, five times what the server queues before it stops reading.
+    const std::string value(1000, 'v');
+    ASSERT_EQ(0, sm::setKey("/pipe/value", value));
+    constexpr int kRequests = 20000;
+    const int fd = connectRaw();
+    ASSERT_GE(fd, 0);
+    std::thread writer([fd] {
+        std::string batch;
+        for (int i = 0; i < 100; ++i) batch += frame(ks::setter::CMD_GET, std::string(1, '\0') + "/pipe/value");
+        for (int i = 0; i < kRequests / 100; ++i)
+            if (!writeAll(fd, batch.data(), batch.size())) return;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(serverAnswers());  // others are served while this client lags
+    int good = 0;
+    for (int i = 0; i < kRequests; ++i) {
+        int64_t size = 0;
+        std::string got(value.size(), '\0');
+        if (!readAll(fd, &size, 8) || size != 1000 || !readAll(fd, &got[0], got.size())) break;
+        if (got == value) ++good;
+    }
+    writer.join();
+    EXPECT_EQ(kRequests, good);
+    ::close(fd);
+}

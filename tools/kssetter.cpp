@@ -9,9 +9,11 @@
 //
 // Limits that protect the server and its other clients from a bad one: a frame announcing
 // a body above 16 MiB, an unknown command, or a subscriber sending anything but the end of
-// its stream closes that connection; so does more than 4 MiB of output that a client does
-// not read (a slow subscriber). A connection that disconnects mid-request has changed
-// nothing: a request is applied only once its whole frame has arrived.
+// its stream closes that connection; so does more than 4 MiB of notifications that a
+// subscriber does not read. A client that sends requests without collecting the replies is
+// not read from while more than 4 MiB of replies wait for it, so it slows down instead of
+// growing the server. A connection that disconnects mid-request has changed nothing: a
+// request is applied only once its whole frame has arrived.
 //
 // Locks are advisory and per key: CMD_LOCK on a key another connection holds waits until the
 // holder unlocks or disconnects; the waiting connection's later requests wait with it. A
@@ -71,7 +73,8 @@ struct Client {
     size_t inPos = 0;
     std::string out;  // queued output, from outPos
     size_t outPos = 0;
-    bool writeArmed = false;  // registered for EPOLLOUT while output is stuck
+    size_t pending() const { return out.size() - outPos; }
+    uint32_t events = EPOLLIN;  // what the executor watches for this connection
     bool queuedFlush = false;
     bool doomed = false;  // close at the next reap
     bool ending = false;  // close once the output is out
@@ -287,8 +290,8 @@ int Server::onListen() {
 int Server::onClient(int fd) {
     Client* c = find(fd);
     if (!c) return 0;
-    if (c->outPos < c->out.size()) flush(*c);
-    if (!c->doomed) readFrom(*c);
+    if (c->pending()) flush(*c);
+    if (!c->doomed && (c->events & EPOLLIN)) readFrom(*c);
     finish();
     return 0;
 }
@@ -308,7 +311,8 @@ void Server::readFrom(Client& c) {
 }
 
 void Server::handleFrames(Client& c) {
-    while (!c.waitingLock && !c.doomed && !c.ending) {
+    // A client that does not collect its replies is not read from until it does.
+    while (!c.waitingLock && !c.doomed && !c.ending && c.pending() <= kMaxPendingOutput) {
         const size_t available = c.in.size() - c.inPos;
         if (available < kHeaderSize) break;
         const auto* frame = reinterpret_cast<const unsigned char*>(c.in.data() + c.inPos);
@@ -537,7 +541,7 @@ void Server::post(Client& c, const std::string& changedKey) {
     } else {
         c.out.push_back('\1');
     }
-    if (c.out.size() - c.outPos > kMaxPendingOutput) {
+    if (c.pending() > kMaxPendingOutput) {
         KSLOG_WARN(kChannel, "Closing connection {:d}: subscriber of {:s} does not read its notifications", c.fd.get(),
                    c.subscribedKey);
         doom(c);
@@ -553,28 +557,34 @@ void Server::queueFlush(Client& c) {
 }
 
 void Server::flush(Client& c) {
-    while (c.outPos < c.out.size()) {
-        const ssize_t n = ::send(c.fd.get(), c.out.data() + c.outPos, c.out.size() - c.outPos, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const bool throttled = c.pending() > kMaxPendingOutput;
+    while (c.pending()) {
+        const ssize_t n = ::send(c.fd.get(), c.out.data() + c.outPos, c.pending(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n > 0) {
             c.outPos += static_cast<size_t>(n);
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            if (!c.writeArmed && loop_.mod(c.fd.get(), EPOLLIN | EPOLLOUT, {}) == 0) c.writeArmed = true;
-            if (c.outPos > kReadChunk) {
-                c.out.erase(0, c.outPos);
-                c.outPos = 0;
-            }
-            return;
-        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
         doom(c);
         return;
     }
-    c.out.clear();
-    c.outPos = 0;
-    if (c.writeArmed && loop_.mod(c.fd.get(), EPOLLIN, {}) == 0) c.writeArmed = false;
-    if (c.ending) doom(c);
+    if (!c.pending()) {
+        c.out.clear();
+        c.outPos = 0;
+        if (c.ending) {
+            doom(c);
+            return;
+        }
+    } else if (c.outPos > kReadChunk) {
+        c.out.erase(0, c.outPos);
+        c.outPos = 0;
+    }
+    // Watch for room to write while output is stuck; stop reading while too much is stuck.
+    const uint32_t wanted = (c.pending() > kMaxPendingOutput ? 0u : uint32_t(EPOLLIN)) |
+                            (c.pending() ? uint32_t(EPOLLOUT) : 0u);
+    if (wanted != c.events && loop_.mod(c.fd.get(), wanted, {}) == 0) c.events = wanted;
+    if (throttled && c.pending() <= kMaxPendingOutput) resumed_.push_back(c.fd.get());
 }
 
 void Server::finish() {
