@@ -1,6 +1,7 @@
 // The operators' log reader program, run as operators run it: files in, plain text and
 // per-file complaints out, and an exit status that says whether anything was lost.
 #include <kscryptolog.h>
+#include <ksutils/kslog.h>
 #include <ksutils/unique_fd.h>
 
 #include <gtest/gtest.h>
@@ -72,6 +73,17 @@ TEST_F(LogReaderTool, ReadsRotatedFilesInTheOrderGiven) {
     Result piped = reader("-k '" + *keys / "priv.pem" + "' - < '" + current + "'");
     EXPECT_EQ(piped.status, 0) << piped.err;
     EXPECT_EQ(piped.out, "new one\n");
+}
+
+TEST_F(LogReaderTool, ReadsWhatTheLoggerWrote) {
+    kstest::InstallRoot root;
+    ASSERT_TRUE(ks::log::start("/usr/bin/readertest", root.path().c_str()));
+    KSLOG_ERROR(0, "end to end {:d}", 42);
+    ks::log::stop();
+    Result r = reader("'" + root.private_key() + "' '" + root / "var/log/readertest.0" + "'");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("error [kslogreader_test.cpp:"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("end to end 42\n"), std::string::npos) << r.out;
 }
 
 TEST_F(LogReaderTool, BadFilesAreNamedAndTheRestIsStillRead) {
