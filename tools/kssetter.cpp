@@ -693,7 +693,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "kssetter: no install root found; use -root DIR\n");
         return 1;
     }
-    ks::log::start(argv[0], root, nullptr);
+    if (!ks::log::start(argv[0], root, nullptr))
+        std::fprintf(stderr, "kssetter: warning: logging is off (no etc/logs-pub.pem in the install root?)\n");
 
     const ks::path runDir(ks::common_path::run);
     const ks::path etcDir(ks::common_path::etc);
