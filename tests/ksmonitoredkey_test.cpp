@@ -64,19 +64,6 @@ TEST_F(MonitoredKeyTest, CallAtStartAndChanges) {
     EXPECT_EQ(static_cast<int>(calls.keys.size()) + 1, contextCalls);
 }
 
-TEST_F(MonitoredKeyTest, PlainSubscriptionReportsItsOwnKey) {
-    sm::MonitoredKey key("/mon/plain", callback);
-    const int fd = key.get_fd();
-    ASSERT_GE(fd, 0);
-    EXPECT_TRUE(calls.keys.empty());
-    ASSERT_EQ(0, sm::setKey("/mon/plain/x", "1"));
-    ASSERT_EQ(0, sm::setKey("/mon/plain/y", "1"));
-    ASSERT_TRUE(readable(fd));
-    ASSERT_TRUE(key.read_notifications());
-    ASSERT_FALSE(calls.keys.empty());
-    for (const auto& k : calls.keys) EXPECT_EQ("/mon/plain", k);
-}
-
 TEST_F(MonitoredKeyTest, ResubscribesAfterServerRestart) {
     sm::MonitoredKey key("/mon/restart", callback, true, nullptr, true);
     int fd = key.get_fd();

@@ -439,25 +439,6 @@ TEST_F(SetMgmtServer, OfflineFallback) {
     server.start();
 }
 
-TEST_F(SetMgmtServer, ThreadsInParallel) {
-    constexpr int kThreads = 8, kRounds = 200;
-    std::vector<std::thread> threads;
-    std::atomic<int> failures{0};
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &failures] {
-            const std::string key = "/parallel/t" + std::to_string(t);
-            for (int i = 0; i < kRounds; ++i) {
-                const std::string value = std::to_string(i);
-                if (sm::setKey(key, value) != 0 || sm::getKeyValue(key, "") != value) ++failures;
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
-    EXPECT_EQ(0, failures.load());
-    std::vector<std::string> names;
-    EXPECT_EQ(kThreads, sm::enumSubkeys("/parallel", names));
-}
-
 TEST_F(SetMgmtServer, Notifications) {
     sm::NotifyHandle* keyed = sm::setNotification("/notify", true);
     sm::NotifyHandle* plain = sm::setNotification("/notify/a", false);
