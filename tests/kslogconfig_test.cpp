@@ -118,6 +118,9 @@ TEST_F(LoggerTest, UnreadableOrUnusableInputFailsCleanly) {
     EXPECT_EQ(kslog_execute_config_from_path(nullptr), -1);
     EXPECT_EQ(kslog_is_valid_config_from_path(nullptr), -1);
     EXPECT_EQ(kslog_execute_config(nullptr), -1);
+    const std::string unwritable = dir / "regular/saved.json";
+    EXPECT_EQ(kslogtest::execute(R"({"action":"save","file":")" + unwritable + "\"}"), -1);
+    EXPECT_EQ(error_message(), "Failed to dump new config to '" + unwritable + "'.");
 
     // Valid on paper, but its directory cannot be made: the whole update is refused,
     // including the channel listed before it.
