@@ -10,15 +10,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <random>
-#include <regex>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "kstest.h"
 
@@ -50,13 +49,21 @@ struct SocketPair {
 
 // Whether `text` holds `pattern`, where '*' stands for any run of characters within a line.
 bool has_record(const std::string& text, const std::string& pattern) {
-    std::string re;
+    std::vector<std::string> pieces(1);
     for (char c : pattern) {
-        if (c == '*') re += "[^\n]*";
-        else if (std::strchr("\\^$.|?+()[]{}", c)) re += std::string("\\") + c;
-        else re += c;
+        if (c == '*') pieces.emplace_back();
+        else pieces.back().push_back(c);
     }
-    return std::regex_search(text, std::regex(re));
+    for (size_t start = text.find(pieces[0]); start != std::string::npos; start = text.find(pieces[0], start + 1)) {
+        size_t pos = start + pieces[0].size(), i = 1;
+        for (; i < pieces.size(); ++i) {
+            const size_t at = text.find(pieces[i], pos);
+            if (at == std::string::npos || text.find('\n', pos) < at) break;
+            pos = at + pieces[i].size();
+        }
+        if (i == pieces.size()) return true;
+    }
+    return false;
 }
 
 // What the default channel logs at trace level while `fn` runs, read from standard error.
