@@ -33,7 +33,7 @@ constexpr ks::string_view kVolatileRoot = "/tmp";
 constexpr ks::string_view kHashRecord = "/tmp/hash=s|";
 constexpr ks::string_view kHashKey = "/tmp/hash";
 constexpr size_t kHexDigestSize = 64;
-// The checksum line without and with its line end.
+// The checksum line, without its line end.
 constexpr size_t kHashLineSize = 76;
 constexpr size_t kSerialiseStep = 513;
 constexpr size_t kReadChunk = 64 * 1024;
@@ -138,7 +138,9 @@ bool save_one(unsigned long channel, const std::string& file, ks::string_view ha
     if (!content.empty() && write_all(fd.get(), content.data(), content.size(), 1) < 0) return fail("write");
     KSLOG_DEBUG(channel, "Wrote data to {:s}", shadow);
     if (::fsync(fd.get()) != 0) {
-        KSLOG_WARN(channel, "sync({:s}): {}", shadow, system_error(errno));
+        const int err = errno;
+        KSLOG_WARN(channel, "sync({:s}): {}", shadow, system_error(err));
+        errno = err;
         return fail("sync");
     }
     KSLOG_DEBUG(channel, "fsync on {:s} finished", shadow);
@@ -179,12 +181,13 @@ Store::Store(const Store& other, const std::string& key) {
     root = std::make_unique<TreeNode>("", nullptr);
     TreeNode* node = root.get();
     for_each_component(ks::string_view(key).substr(1), [&](const std::string& component, bool last) {
-        std::unique_ptr<TreeNode> child = last ? std::make_unique<TreeNode>(source, true, node)
-                                               : std::make_unique<TreeNode>(component.c_str(), node);
-        TreeNode* next = child.get();
-        if (node->addChild(component, next)) child.release();
-        node = next;
-        return true;
+        if (!last) {
+            node = node->makeChild(component);
+            return true;
+        }
+        auto copy = std::make_unique<TreeNode>(source, true, node);
+        if (node->addChild(component, copy.get())) copy.release();
+        return false;
     });
 }
 
