@@ -122,25 +122,6 @@ TEST(ConnectionBuffer, GrowsByDoublingOnlyWhenFull) {
     EXPECT_FALSE(b.init(0, 16));
     ASSERT_TRUE(b.init(2, 2));
     EXPECT_FALSE(b.init(4, 8)) << "a second init would lose the storage";
-    b.uninit();
-    EXPECT_EQ(b.capacity, 0u);
-    EXPECT_TRUE(b.init(2, 2));
-}
-
-TEST(ConnectionBuffer, CutsMessagesAtTheDelimiter) {
-    ks::ConnectionBuffer b(Type::receive, "ctl");
-    ASSERT_TRUE(b.init(8, 8));
-    ASSERT_EQ(put(b, "ab\ncd"), 5u);
-    EXPECT_EQ(get(b), "ab");
-    EXPECT_EQ(b.count, 2u) << "the delimiter goes with the message";
-    EXPECT_EQ(get(b), "<null>");
-    ASSERT_EQ(put(b, "\n\nef"), 4u);  // wraps: "\n" at the end, "\nef" at the start
-    EXPECT_EQ(get(b), "cd");
-    EXPECT_EQ(get(b), "") << "a delimiter at the head is an empty message";
-    ASSERT_EQ(put(b, "ghijk;"), 6u);  // full, wrapped message
-    EXPECT_EQ(b.count, b.capacity);
-    EXPECT_EQ(get(b, ';'), "efghijk");
-    EXPECT_EQ(b.count, 0u);
 }
 
 TEST(ConnectionBuffer, DescriptorIoAndLogRecords) {

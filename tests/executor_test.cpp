@@ -277,32 +277,21 @@ TEST(Executor, WakesUpFromAnotherThread) {
 TEST(TimerHelpers, ArmStopAndClose) {
     EXPECT_EQ(ks::timer_init(static_cast<ks::timer_type>(2)), -1);
     EXPECT_EQ(ks::_get_kserrno().code, ks::E_INVAL);
-    for (ks::timer_type type : {ks::timer_type::realtime, ks::timer_type::monotonic}) {
-        const int fd = ks::timer_init(type);
-        ASSERT_GE(fd, 0);
-        EXPECT_FALSE(ks::timer_is_running(fd));
-        EXPECT_EQ(ks::timer_tick(fd), 0u) << "nothing pending";
-        ASSERT_EQ(ks::timer_start(fd, 2, 0), 0);
-        EXPECT_GT(timer_ms(fd, false), 1000);
-        EXPECT_EQ(timer_ms(fd, true), 0) << "one-shot";
-        EXPECT_EQ(ks::timer_start_ms(fd, 1, 1), 0) << "running: accepted, unchanged";
-        EXPECT_GT(timer_ms(fd, false), 1000);
-        ASSERT_EQ(ks::timer_stop(fd), 0);
-        EXPECT_FALSE(ks::timer_is_running(fd));
-        ASSERT_EQ(ks::timer_start_ms(fd, 0, 0), 0) << "a zero timeout fires at once";
-        uint64_t expirations = 0;
-        for (int i = 0; i < 1000 && expirations == 0; ++i) {
-            if ((expirations = ks::timer_tick(fd)) == 0) std::this_thread::sleep_for(1ms);
-        }
-        EXPECT_EQ(expirations, 1u);
-        EXPECT_EQ(ks::timer_uninit(fd), 0);
-        EXPECT_FALSE(is_open(fd));
-        // Closed now: every helper reports a system error.
-        EXPECT_EQ(ks::timer_start_ms(fd, 10, 0), -1);
-        EXPECT_EQ(ks::timer_tick(fd), ~uint64_t(0));
-        EXPECT_EQ(ks::timer_uninit(fd), -1);
-        EXPECT_EQ(ks::_get_kserrno().code, ks::E_SYSTEM);
-    }
+    const int fd = ks::timer_init(ks::timer_type::realtime);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(ks::timer_tick(fd), 0u) << "nothing pending";
+    ASSERT_EQ(ks::timer_start(fd, 2, 0), 0);
+    EXPECT_GT(timer_ms(fd, false), 1000);
+    EXPECT_EQ(timer_ms(fd, true), 0) << "one-shot";
+    EXPECT_EQ(ks::timer_start_ms(fd, 1, 1), 0) << "running: accepted, unchanged";
+    EXPECT_GT(timer_ms(fd, false), 1000);
+    ASSERT_EQ(ks::timer_stop(fd), 0);
+    EXPECT_FALSE(ks::timer_is_running(fd));
+    EXPECT_EQ(ks::timer_uninit(fd), 0);
+    EXPECT_FALSE(is_open(fd));
+    EXPECT_EQ(ks::timer_tick(fd), ~uint64_t(0)) << "closed";
+    EXPECT_EQ(ks::timer_uninit(fd), -1);
+    EXPECT_EQ(ks::_get_kserrno().code, ks::E_SYSTEM);
 }
 
 TEST(EpollEventsToString, ModifiersThenEvents) {

@@ -33,6 +33,8 @@ public:
     // No storage yet: call init before use. `name` goes into the tag of every log record.
     ConnectionBuffer(ConnectionBufferType type, const std::string& name);
     ~ConnectionBuffer();
+    // Neither copied nor moved: another thread may hold the mutex. Own it through a
+    // std::unique_ptr where it has to change hands.
     ConnectionBuffer(const ConnectionBuffer&) = delete;
     ConnectionBuffer& operator=(const ConnectionBuffer&) = delete;
 

@@ -49,6 +49,7 @@ public:
             other.callback = nullptr;
         }
         Event& operator=(Event&& other) noexcept {
+            if (this == &other) return *this;
             ev = other.ev;
             callback = std::move(other.callback);
             other.callback = nullptr;
