@@ -228,12 +228,12 @@ int timer_start_ms(int fd, long timeout_ms, long period_ms) {
         return -1;
     }
     if (is_running(current)) return 0;
-    struct itimerspec spec {};
-    set_timespec(spec.it_value, timeout_ms);
+    struct itimerspec arm {};
+    set_timespec(arm.it_value, timeout_ms);
     // An all-zero first expiry would disarm the timer instead of firing it at once.
-    if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) spec.it_value.tv_nsec = 1;
-    set_timespec(spec.it_interval, period_ms);
-    if (::timerfd_settime(fd, 0, &spec, nullptr) < 0) {
+    if (arm.it_value.tv_sec == 0 && arm.it_value.tv_nsec == 0) arm.it_value.tv_nsec = 1;
+    set_timespec(arm.it_interval, period_ms);
+    if (::timerfd_settime(fd, 0, &arm, nullptr) < 0) {
         set_system_error("timerfd_settime", fd);
         return -1;
     }
