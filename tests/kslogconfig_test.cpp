@@ -245,17 +245,4 @@ TEST_F(LoggerTest, StartUpOrder) {
     }
 }
 
-TEST_F(LoggerTest, WithoutAnyFileTheLibraryDefaultsHold) {
-    start();
-    EXPECT_EQ(kslog_get_max_log_size(), 262144u);
-    EXPECT_EQ(kslog_get_max_num_logs(), 2u);
-    json_t* config = kslog_get_config();
-    const json_t* channels = json_object_get(config, "channels");
-    EXPECT_EQ(json_object_size(channels), 1u);
-    const json_t* entry = json_array_get(json_object_get(channels, "default"), 0);
-    EXPECT_EQ(json_string_value(json_object_get(entry, "file")), root / "var/log/kstestd");
-    EXPECT_STREQ(json_string_value(json_object_get(entry, "level")), "error");
-    json_decref(config);
-}
-
 }  // namespace

@@ -61,42 +61,6 @@ TEST_F(FacadeTest, LevelsMapToTheCore) {
     EXPECT_EQ(ks::log::get_channel_by_name("nope"), static_cast<unsigned long>(-1));
 }
 
-TEST_F(FacadeTest, ChannelsByTheirWellKnownNames) {
-    const char* names[] = {ks::log::kKSPppoeDiscoveryChannel, ks::log::kKSDhcpDiscoveryChannel,
-                           ks::log::kKSTallisHandlersChannel, ks::log::kKSCloudGuardianChannel,
-                           ks::log::kKSParentalChannel,       ks::log::kKSKarmaChannel,
-                           ks::log::kKSExchangeChannel,       ks::log::kKSNetMgmtChannel,
-                           ks::log::kKSDevMgmtChannel,        ks::log::kKSSetMgmtChannel};
-    const char* expected[] = {"pppoe-discovery", "dhcp-discovery", "kstallishandlers", "guardian", "parental",
-                              "kskarma",         "ksexchange",     "ksnetmgmt",        "ksdevmgmt", "kssetmgmt"};
-    for (size_t i = 0; i < 10; ++i) {
-        EXPECT_STREQ(names[i], expected[i]);
-        EXPECT_EQ(ks::log::open_channel(names[i]), i + 1);
-    }
-    EXPECT_EQ(ks::log::get_num_channels(), 11u);
-    ks::log::close_channel(3);
-    EXPECT_FALSE(ks::log::can_log(3, ks::log::level::error));
-    EXPECT_FALSE(ks::log::copy_channel(3, 0));
-    EXPECT_TRUE(ks::log::copy_channel(4, 0));
-}
-
-TEST_F(FacadeTest, ConfigurationOverloads) {
-    const std::string good = root / "etc/good.json";
-    const std::string bad = root / "etc/bad.json";
-    ASSERT_TRUE(kstest::write_file(good, R"({"action":"update","global":{"size":4096},"channels":{"x":[]}})"));
-    ASSERT_TRUE(kstest::write_file(bad, R"({"action":"update","global":{"size":1},"channels":{}})"));
-    EXPECT_TRUE(ks::log::is_valid_log_config(ks::string_view(good)));
-    EXPECT_FALSE(ks::log::is_valid_log_config(ks::string_view(bad)));
-    EXPECT_FALSE(ks::log::execute_log_config(ks::string_view(bad)));
-    EXPECT_TRUE(ks::log::execute_log_config(ks::string_view(good)));
-    EXPECT_EQ(ks::log::get_max_log_size(), 4096u);
-    EXPECT_EQ(ks::log::get_max_num_logs(), 2u);
-    json_t* config = ks::log::get_log_config();
-    EXPECT_TRUE(ks::log::is_valid_log_config(config));
-    EXPECT_TRUE(ks::log::execute_log_config(config));
-    json_decref(config);
-}
-
 TEST_F(FacadeTest, PrintRestoresTheCallersSignalMask) {
     sigset_t mine, seen;
     sigemptyset(&mine);
@@ -110,14 +74,6 @@ TEST_F(FacadeTest, PrintRestoresTheCallersSignalMask) {
     sigemptyset(&mine);
     pthread_sigmask(SIG_SETMASK, &mine, nullptr);
     EXPECT_NE(log_text().find("]: printed\n"), std::string::npos);
-}
-
-TEST_F(FacadeTest, LongStatementsAreCut) {
-    KSLOG_ERROR(0, "{:s}", std::string(6000, 'z'));
-    const auto records = kslogtest::lines(log_text());
-    ASSERT_FALSE(records.empty());
-    EXPECT_EQ(records.back().size(), 4095u);
-    EXPECT_EQ(records.back().substr(4083), "[TRUNCATED]\n");
 }
 
 TEST_F(FacadeTest, LogJsonAndBacktrace) {
