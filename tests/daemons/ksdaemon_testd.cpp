@@ -1,0 +1,112 @@
+// A daemon for the black-box tests of ks::daemon::Instance. It records what happens to it,
+// one line per event, into the file named by KSTEST_EVENTS, and behaves as KSTEST_MODE says:
+//   normal       stop pipe + stop flag + stop callback; three default-settings callbacks
+//   flag-only    only a stop flag, polled by the run loop
+//   ignore-term  stop notifications arrive, but the run callback never returns
+//   crash        writes through a null pointer once running
+//   fail-prerun  the pre-run callback refuses to start
+// KS_INSTALL_ROOT names the install root.
+#include <kspath.h>
+#include <ksutils/error.h>
+#include <ksutils/ksdaemon.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+std::atomic<int> g_stop_flag{0};
+int g_stop_fd = -1;
+
+void record(const std::string& line) {
+    const char* file = std::getenv("KSTEST_EVENTS");
+    if (!file) return;
+    const int fd = ::open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) return;
+    const std::string text = line + "\n";
+    (void)!::write(fd, text.data(), text.size());
+    ::close(fd);
+}
+
+bool readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, 0) == 1;
+}
+
+// Crashes in a function of its own, so the backtrace has a frame to show.
+__attribute__((noinline)) void crash_now(volatile int* target) { *target = 42; }
+
+int run_normal() {
+    for (;;) {
+        pollfd p{g_stop_fd, POLLIN, -1};
+        if (::poll(&p, 1, -1) == 1) break;
+    }
+    char byte = 0;
+    (void)!::read(g_stop_fd, &byte, 1);
+    record(std::string("pipe byte=") + byte);
+    return 3;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (const char* root = std::getenv("KS_INSTALL_ROOT")) kspath_set_install_path(root);
+    const std::string mode = std::getenv("KSTEST_MODE") ? std::getenv("KSTEST_MODE") : "normal";
+    auto d = ks::daemon::instance(argc, argv);
+
+    if (mode == "flag-only") {
+        d->on_stop_flag(&g_stop_flag);
+    } else {
+        g_stop_fd = d->on_stop_pipe();
+        d->on_stop_flag(&g_stop_flag);
+        d->on_stop([] {
+            record("callback flag=" + std::to_string(g_stop_flag.load()) +
+                   " pipe=" + (readable(g_stop_fd) ? "readable" : "empty"));
+        });
+    }
+    if (mode == "normal") {
+        for (int i = 0; i < 3; ++i) {
+            const int id = d->add_default_settings_callback([i] {
+                record("default " + std::to_string(i));
+                return true;
+            });
+            if (i == 1) {
+                // Removed and added again: ids keep increasing, so order follows the ids.
+                d->remove_default_settings_callback(id);
+                d->add_default_settings_callback(d->get_load_settings_function([] {
+                    record("default 1");
+                    return true;
+                }));
+            }
+        }
+    }
+    if (mode == "fail-prerun") {
+        d->on_pre_run([] {
+            ks::_get_kserrno().set(ks::E_INVAL, "test daemon refuses to start");
+            return false;
+        });
+    }
+
+    d->on_run([mode] {
+        record("run pid=" + std::to_string(::getpid()));
+        if (mode == "crash") crash_now(nullptr);
+        if (mode == "ignore-term") {
+            for (;;) ::pause();
+        }
+        if (mode == "flag-only") {
+            while (g_stop_flag.load() == 0) ::usleep(10 * 1000);
+            record("flag seen");
+            return 4;
+        }
+        return run_normal();
+    });
+    const int status = d->run();
+    record("exit " + std::to_string(status) + " pid=" + std::to_string(::getpid()));
+    return status;
+}
