@@ -488,28 +488,39 @@ int Store::load(const std::string& file) {
         return -1;
     }
 
-    // Records of siblings follow each other in the file, so the parent of the previous
-    // record usually is the parent of this one: remembering it turns most records into a
-    // single child lookup instead of a walk from the root.
-    std::string parentPath, leafName;
-    TreeNode* parentNode = nullptr;
+    // Records of siblings follow each other in the file and their parents mostly share a
+    // long prefix, so the path of the last parent is kept (names and nodes) and a record
+    // only walks the components where its parent differs, usually just its own leaf.
+    std::vector<std::string> pathNames;
+    std::vector<TreeNode*> pathNodes;  // pathNodes[i + 1] is the node named pathNames[i]
+    std::string leafName;
     auto nodeFor = [&](ks::string_view key) {
-        if (!root) root = std::make_unique<TreeNode>("", nullptr);
+        if (!root) {
+            root = std::make_unique<TreeNode>("", nullptr);
+            pathNodes.assign(1, root.get());
+            pathNames.clear();
+        }
         if (key.size() == 1) return root.get();
         const size_t cut = key.rfind(kDelimiter);
-        const ks::string_view parent = key.substr(0, cut);
-        if (parentNode == nullptr || parent != parentPath) {
-            parentNode = root.get();
-            if (!parent.empty()) {
-                for_each_component(parent.substr(1), [&](const std::string& component, bool) {
-                    parentNode = parentNode->makeChild(component);
+        size_t depth = 0;
+        if (cut > 0) {
+            for_each_component(key.substr(1, cut - 1), [&](const std::string& component, bool) {
+                if (depth < pathNames.size() && pathNames[depth] == component) {
+                    ++depth;
                     return true;
-                });
-            }
-            parentPath.assign(parent);
+                }
+                pathNames.resize(depth);
+                pathNodes.resize(depth + 1);
+                pathNodes.push_back(pathNodes.back()->makeChild(component));
+                pathNames.push_back(component);
+                ++depth;
+                return true;
+            });
         }
+        pathNames.resize(depth);
+        pathNodes.resize(depth + 1);
         leafName.assign(key.substr(cut + 1));
-        return parentNode->makeChild(leafName);
+        return pathNodes.back()->makeChild(leafName);
     };
 
     // A string value is stored at once; continuation lines, which are rare, collect the

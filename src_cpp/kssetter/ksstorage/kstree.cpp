@@ -43,7 +43,7 @@ TreeNode::TreeNode(const TreeNode* source, bool deep, TreeNode* parent_)
         while (!queue.empty()) {
             auto [from, to] = queue.front();
             queue.pop_front();
-            to->children.reserve(from->children.size());
+            if (!from->children.empty()) to->children.reserve(from->children.size());
             for (const auto& [childName, child] : from->children) {
                 auto* copy = new TreeNode(child, false, to);
                 to->children.emplace(childName, copy);
@@ -115,6 +115,9 @@ bool TreeNode::addChild(const std::string& childName, TreeNode* child) {
 }
 
 TreeNode* TreeNode::makeChild(const std::string& childName) {
+    // Most inner nodes of a settings tree have a single child: start with two buckets
+    // instead of the map's default of thirteen.
+    if (children.empty()) children.rehash(2);
     auto [it, inserted] = children.try_emplace(childName, nullptr);
     if (inserted) {
         try {
