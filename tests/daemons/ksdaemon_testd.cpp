@@ -22,7 +22,8 @@
 namespace {
 
 std::atomic<int> g_stop_flag{0};
-int g_stop_fd = -1;
+int g_stop_fd = -1;       // the framework's stop pipe, read by the run loop
+int g_probe_fd[2] = {-1, -1};  // a stop descriptor of our own that nobody reads
 
 void record(const std::string& line) {
     const char* file = std::getenv("KSTEST_EVENTS");
@@ -36,7 +37,7 @@ void record(const std::string& line) {
 
 bool readable(int fd) {
     pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, 0) == 1;
+    return ::poll(&p, 1, 0) == 1 && p.revents == POLLIN;
 }
 
 // Crashes in a function of its own, so the backtrace has a frame to show.
@@ -64,10 +65,15 @@ int main(int argc, char** argv) {
         d->on_stop_flag(&g_stop_flag);
     } else {
         g_stop_fd = d->on_stop_pipe();
+        if (::pipe2(g_probe_fd, O_CLOEXEC) == 0) {
+            d->on_stop_fd(g_probe_fd[1]);
+            d->protect_fd(g_probe_fd[0]);
+        }
         d->on_stop_flag(&g_stop_flag);
+        // Runs after the descriptors and the flag were given their stop notice.
         d->on_stop([] {
             record("callback flag=" + std::to_string(g_stop_flag.load()) +
-                   " pipe=" + (readable(g_stop_fd) ? "readable" : "empty"));
+                   " stop_fd=" + (readable(g_probe_fd[0]) ? "readable" : "empty"));
         });
     }
     if (mode == "normal") {

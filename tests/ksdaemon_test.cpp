@@ -1,0 +1,456 @@
+// Black-box tests of the daemon framework: real daemon binaries (tests/daemons/ksdaemon_testd,
+// which records its events into a file) started, signalled and stopped the way an operator
+// does, with the settings server and the command-line settings client as real peers.
+#include "kstest.h"
+
+#include <ksutils/process_lock.h>
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+const std::string kDaemon = std::string(KS_BINARY_DIR) + "/tests/ksdaemon_testd";
+const std::string kName = "ksdaemon_testd";
+
+bool wait_for(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(15)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return done();
+}
+
+bool alive(pid_t pid) { return pid > 0 && ::kill(pid, 0) == 0; }
+
+// Fields 4 to 6 of /proc/<pid>/stat: parent, process group, session.
+struct ProcIds {
+    long ppid = -1, pgrp = -1, session = -1;
+};
+ProcIds proc_ids(pid_t pid) {
+    const std::string stat = kstest::read_file("/proc/" + std::to_string(pid) + "/stat");
+    ProcIds ids;
+    const auto close = stat.rfind(')');
+    if (close == std::string::npos) return ids;
+    std::istringstream in(stat.substr(close + 2));
+    char state;
+    in >> state >> ids.ppid >> ids.pgrp >> ids.session;
+    return ids;
+}
+
+std::string fd_target(pid_t pid, int fd) {
+    char buf[4096];
+    const std::string link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
+    const ssize_t n = ::readlink(link.c_str(), buf, sizeof buf);
+    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// One install root with the settings of the test daemon: its events file, its environment
+// and the processes it started, all of which are killed at the end whatever happened.
+class DaemonTest : public ::testing::Test {
+protected:
+    ~DaemonTest() override {
+        for (pid_t pid : started_) {
+            if (alive(pid)) ::kill(pid, SIGKILL);
+        }
+        for (pid_t pid : children_) {
+            if (pid > 0) {
+                ::kill(pid, SIGKILL);
+                ::waitpid(pid, nullptr, 0);
+            }
+        }
+        if (const pid_t pid = pidfile_holder(); pid > 0) ::kill(pid, SIGKILL);
+        const std::string crash_root = "/tmp/kslogs" + root_.path();
+        kstest::run("rm -rf '" + crash_root + "'; rmdir /tmp/kslogs/tmp /tmp/kslogs 2>/dev/null");
+    }
+
+    std::string events_file() const { return root_ / "events"; }
+    std::vector<std::string> events() const { return lines_of(kstest::read_file(events_file())); }
+
+    std::string env(const std::string& mode = "normal") const {
+        return "KS_INSTALL_ROOT='" + root_.path() + "' KSTEST_EVENTS='" + events_file() + "' KSTEST_MODE=" + mode + " ";
+    }
+
+    // Runs the daemon binary with `args`; its exit status, stdout and stderr (merged unless
+    // `stderr_too` is false).
+    int daemon(const std::string& args, std::string* output = nullptr, const std::string& mode = "normal",
+               bool stderr_too = true) {
+        return kstest::run(env(mode) + "'" + kDaemon + "' " + args + (stderr_too ? " 2>&1" : " 2>/dev/null"), output);
+    }
+
+    // Waits for the detached daemon's "run" record and remembers its pid for clean-up.
+    pid_t wait_running() {
+        pid_t pid = -1;
+        wait_for([&] {
+            for (const auto& line : events())
+                if (line.rfind("run pid=", 0) == 0) pid = std::stoi(line.substr(8));
+            return pid > 0;
+        });
+        if (pid > 0) started_.push_back(pid);
+        return pid;
+    }
+
+    bool has_event(const std::string& event) const {
+        for (const auto& line : events())
+            if (line == event) return true;
+        return false;
+    }
+
+    pid_t pidfile_holder() const {
+        ks::ProcessLock lock;
+        if (!lock.open(root_ / ("var/run/" + kName + ".pid"), O_RDONLY)) return -1;
+        pid_t pid = -1;
+        return lock.holder_pid(pid) == 1 ? pid : -1;
+    }
+
+    // Starts a program without waiting for it; stdout and stderr go to `output_file`.
+    pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>& extra_env,
+                const std::string& output_file) {
+        std::vector<char*> argv;
+        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        std::vector<std::string> env_text(extra_env);
+        for (char** e = environ; *e; ++e) env_text.emplace_back(*e);
+        std::vector<char*> envp;
+        for (auto& e : env_text) envp.push_back(e.data());
+        envp.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        pid_t pid = -1;
+        const int rc = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+        posix_spawn_file_actions_destroy(&actions);
+        if (rc != 0) return -1;
+        children_.push_back(pid);
+        return pid;
+    }
+
+    // Reaps a child started with spawn(); its exit status, or -1.
+    int reap(pid_t pid) {
+        int status = 0;
+        if (::waitpid(pid, &status, 0) != pid) return -1;
+        for (auto& c : children_)
+            if (c == pid) c = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    // The settings server on this install root, ready to accept connections.
+    bool start_settings_server() {
+        const pid_t pid = spawn({kstest::tool_path("kssetter"), "-root", root_.path()}, {}, root_ / "kssetter.out");
+        const std::string socket = root_ / "var/run/kssetmgmt.skt";
+        return wait_for([&] {
+            int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            sockaddr_un a{};
+            a.sun_family = AF_UNIX;
+            std::snprintf(a.sun_path, sizeof a.sun_path, "%s", socket.c_str());
+            const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+            ::close(fd);
+            return ok || !alive(pid);
+        }) && alive(pid);
+    }
+
+    int set_key(const std::string& key, const std::string& value) {
+        return kstest::run("'" + kstest::tool_path("kssetmgmt") + "' -root '" + root_.path() + "' set '" + key + "' '" +
+                           value + "' 2>&1");
+    }
+
+    kstest::InstallRoot root_;
+    std::vector<pid_t> started_;   // detached daemons
+    std::vector<pid_t> children_;  // our own children
+};
+
+TEST_F(DaemonTest, CommandLineActionsAndFailures) {
+    struct Case {
+        const char* args;
+        int status;
+        std::vector<std::string> expected;  // substrings of the merged output
+    };
+    const Case cases[] = {
+        {"-help", 0, {"Usage:", "Parameters for the '-start' sub-command:", "do not detach from the controlling terminal",
+                      "-log-config <FILE>", "execute action from log config"}},
+        {"-bogus", 1, {"Error: Parameter 1: unknown option", "Usage:"}},
+        {"-execute-log-config", 1, {"Error: Option '-log-config' must be specified exactly once", "Usage:"}},
+        {"-start -no-detach -no-detach", 1, {"Error: ", "can only be used at most once", "Usage:"}},
+        {"-stop -no-detach", 1, {"Error: ", "Usage:"}},
+        {"-stop", 127, {"Error: No previously running instance found"}},
+        {"-execute-log-config -log-config=/dev/null", 127, {"Error: No instance seems to be currently running"}},
+    };
+    for (const Case& c : cases) {
+        std::string out;
+        EXPECT_EQ(c.status, daemon(c.args, &out)) << c.args << "\n" << out;
+        for (const auto& text : c.expected) EXPECT_NE(out.find(text), std::string::npos) << c.args << ": " << text << "\n" << out;
+    }
+    // The version output is exactly this, on standard output.
+    std::string version;
+    EXPECT_EQ(0, daemon("-version", &version, "normal", false));
+    EXPECT_EQ("VERSIONINFO!\n", version);
+}
+
+TEST_F(DaemonTest, StartDetachesLocksThePidFileAndStops) {
+    std::string out;
+    ASSERT_EQ(0, daemon("-start", &out)) << out;
+    EXPECT_EQ("", out);
+    const pid_t pid = wait_running();
+    ASSERT_GT(pid, 0);
+
+    const ProcIds ids = proc_ids(pid);
+    EXPECT_NE(ids.session, proc_ids(::getpid()).session) << "a session of its own";
+    EXPECT_EQ(pid, ids.pgrp) << "a process group of its own";
+    EXPECT_NE(::getpid(), ids.ppid) << "not our child";
+    for (int fd = 0; fd < 3; ++fd) EXPECT_EQ("/dev/null", fd_target(pid, fd)) << "descriptor " << fd;
+    EXPECT_EQ(pid, pidfile_holder());
+    EXPECT_EQ(std::to_string(pid) + "\n", kstest::read_file(root_ / ("var/run/" + kName + ".pid")));
+
+    // A second start is refused by the detached process, through the report pipe.
+    out.clear();
+    EXPECT_EQ(127, daemon("-start", &out));
+    EXPECT_EQ("Error: Daemon '" + kName + "' is already running with pid " + std::to_string(pid) + "\n", out);
+    EXPECT_TRUE(alive(pid));
+
+    out.clear();
+    EXPECT_EQ(0, daemon("-stop", &out, "normal", false));
+    EXPECT_TRUE(std::regex_match(out, std::regex("Sending stop signal to " + std::to_string(pid) + " \\.* done\n"))) << out;
+    EXPECT_TRUE(wait_for([&] { return !alive(pid); }));
+    EXPECT_EQ(-1, pidfile_holder());
+
+    // The callback comes after the descriptors and the flag; the run callback returns last.
+    const auto all = events();
+    const auto at = [&](const std::string& event) { return std::find(all.begin(), all.end(), event) - all.begin(); };
+    const auto exit_at = at("exit 3 pid=" + std::to_string(pid));
+    EXPECT_LT(at("callback flag=1 stop_fd=readable"), exit_at);
+    EXPECT_LT(at("pipe byte=1"), exit_at);
+    EXPECT_LT(exit_at, static_cast<long>(all.size()));
+}
+
+TEST_F(DaemonTest, SignalsReachEveryStopNotification) {
+    struct Case {
+        int signal;
+        const char* mode;
+        std::vector<std::string> after_run;  // the events after "run", in order
+        const char* exit_status;
+    };
+    const Case cases[] = {
+        {SIGTERM, "normal", {"callback flag=1 stop_fd=readable", "pipe byte=1"}, "3"},
+        {SIGINT, "normal", {"callback flag=1 stop_fd=readable", "pipe byte=1"}, "3"},
+        {SIGINT, "flag-only", {"flag seen"}, "4"},
+    };
+    for (const Case& c : cases) {
+        kstest::run("rm -f '" + events_file() + "'");
+        std::string out;
+        ASSERT_EQ(0, daemon("-start", &out, c.mode)) << out;
+        const pid_t pid = wait_running();
+        ASSERT_GT(pid, 0);
+        ASSERT_EQ(0, ::kill(pid, c.signal));
+        const std::string exit_line = std::string("exit ") + c.exit_status + " pid=" + std::to_string(pid);
+        ASSERT_TRUE(wait_for([&] { return has_event(exit_line); })) << c.mode << " " << c.signal;
+        std::vector<std::string> seen;
+        for (const auto& line : events())
+            if (line.rfind("callback", 0) == 0 || line.rfind("pipe", 0) == 0 || line.rfind("flag", 0) == 0)
+                seen.push_back(line);
+        // The run loop and the stop callback run on different threads: compare as sets.
+        std::sort(seen.begin(), seen.end());
+        std::vector<std::string> expected = c.after_run;
+        std::sort(expected.begin(), expected.end());
+        EXPECT_EQ(expected, seen) << c.mode << " " << c.signal;
+        EXPECT_EQ(exit_line, events().back()) << "the run callback returns after the notifications";
+        EXPECT_TRUE(wait_for([&] { return !alive(pid); }));
+    }
+}
+
+TEST_F(DaemonTest, StopGivesUpOnADaemonIgnoringTerm) {
+    ASSERT_EQ(0, daemon("-start", nullptr, "ignore-term"));
+    const pid_t pid = wait_running();
+    ASSERT_GT(pid, 0);
+    std::string out;
+    EXPECT_EQ(1, daemon("-stop", &out, "ignore-term", false));
+    EXPECT_EQ("Sending stop signal to " + std::to_string(pid) + " ..." + std::string(20, '.') + " failed\n", out);
+    EXPECT_TRUE(alive(pid));
+    EXPECT_TRUE(has_event("callback flag=1 stop_fd=readable")) << "the notifications were given";
+    ::kill(pid, SIGKILL);
+}
+
+TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnTerm) {
+    const pid_t pid = spawn({kDaemon, "-start", "-no-detach"},
+                            {"KS_INSTALL_ROOT=" + root_.path(), "KSTEST_EVENTS=" + events_file(), "KSTEST_MODE=normal"},
+                            root_ / "daemon.out");
+    ASSERT_GT(pid, 0);
+    ASSERT_TRUE(wait_for([&] { return has_event("run pid=" + std::to_string(pid)); })) << "runs in the started process";
+    const ProcIds ids = proc_ids(pid);
+    EXPECT_EQ(pid, ids.pgrp) << "its own process group";
+    EXPECT_EQ(proc_ids(::getpid()).session, ids.session) << "still in our session";
+    EXPECT_EQ(root_ / "daemon.out", fd_target(pid, 1)) << "standard output kept";
+    EXPECT_EQ(pid, pidfile_holder());
+    ::kill(pid, SIGTERM);
+    EXPECT_EQ(3, reap(pid));
+}
+
+TEST_F(DaemonTest, BadStartupEnvironments) {
+    struct Case {
+        const char* name;
+        std::function<void()> prepare;
+        const char* args;
+        const char* mode;
+        int status;
+        std::string expected;
+    };
+    const std::string run_dir = root_ / "var/run";
+    const Case cases[] = {
+        {"missing install root", [] {}, "-start", "normal", 1, "Error: kslog setup failed"},
+        {"var/run not a directory", [&] { kstest::run("rm -rf '" + run_dir + "' && touch '" + run_dir + "'"); }, "-start",
+         "normal", 127, "Error: Failed to open PID file '" + run_dir + "/" + kName + ".pid': Not a directory"},
+        {"var/run not a directory, no detach", [] {}, "-start -no-detach", "normal", 127,
+         "Error: Failed to open PID file"},
+        {"pre-run refuses", [&] { kstest::run("rm -f '" + run_dir + "' && mkdir '" + run_dir + "'"); }, "-start",
+         "fail-prerun", 127, "Error: test daemon refuses to start"},
+        {"start log config not JSON", [&] { kstest::write_file(root_ / "bad.json", "{\"action\": "); },
+         "-start -log-config=bad.json", "normal", 1, "Error: Failed to execute log config 'bad.json'"},
+    };
+    for (const Case& c : cases) {
+        c.prepare();
+        std::string out;
+        const std::string root_env = std::string(c.name) == "missing install root" ? "KS_INSTALL_ROOT=/nonexistent/root "
+                                                                                     : "";
+        const int status = kstest::run("cd '" + root_.path() + "' && " + env(c.mode) + root_env + "'" + kDaemon + "' " +
+                                           c.args + " 2>&1",
+                                       &out);
+        EXPECT_EQ(c.status, status) << c.name << "\n" << out;
+        EXPECT_NE(out.find(c.expected), std::string::npos) << c.name << "\n" << out;
+        EXPECT_EQ(-1, pidfile_holder()) << c.name;
+    }
+    for (const auto& line : events()) EXPECT_EQ(std::string::npos, line.find("run pid")) << line;
+}
+
+TEST_F(DaemonTest, StalePidFileOfAKilledDaemonDoesNotBlockAStart) {
+    ASSERT_EQ(0, daemon("-start"));
+    const pid_t first = wait_running();
+    ASSERT_GT(first, 0);
+    ::kill(first, SIGKILL);
+    ASSERT_TRUE(wait_for([&] { return !alive(first); }));
+    EXPECT_EQ(std::to_string(first) + "\n", kstest::read_file(root_ / ("var/run/" + kName + ".pid"))) << "left behind";
+
+    kstest::run("rm -f '" + events_file() + "'");
+    std::string out;
+    ASSERT_EQ(0, daemon("-start", &out)) << out;
+    const pid_t second = wait_running();
+    ASSERT_GT(second, 0);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(second, pidfile_holder());
+    ::kill(second, SIGTERM);
+    EXPECT_TRUE(wait_for([&] { return !alive(second); }));
+}
+
+TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
+    ASSERT_TRUE(start_settings_server());
+    kstest::write_file(root_ / "start.json",
+                       R"({"action":"update","channels":{"default":[{"file":"$INSTALL_PATH/var/log/$IDENTITY","level":"info"}]}})");
+    std::string out;
+    ASSERT_EQ(0, daemon("-start -log-config='" + root_ / "start.json" + "'", &out)) << out;
+    const pid_t pid = wait_running();
+    ASSERT_GT(pid, 0);
+    const std::vector<std::string> round{"default 0", "default 1", "default 2"};
+    auto default_rounds = [&] {
+        std::vector<std::string> seen;
+        for (const auto& line : events())
+            if (line.rfind("default ", 0) == 0) seen.push_back(line);
+        return seen;
+    };
+    ASSERT_TRUE(wait_for([&] { return default_rounds().size() >= 3; }));
+
+    // The subscription is made by the settings thread; change the key until it is seen.
+    bool changed = false;
+    for (int attempt = 0; attempt < 10 && !changed; ++attempt) {
+        ASSERT_EQ(0, set_key("/default_settings", "v" + std::to_string(attempt)));
+        changed = wait_for([&] { return default_rounds().size() >= 6; }, std::chrono::milliseconds(1000));
+    }
+    ASSERT_TRUE(changed);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const auto seen = default_rounds();
+    ASSERT_EQ(0u, seen.size() % 3);
+    for (size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(round[i % 3], seen[i]) << "every callback once, in id order";
+
+    // A valid configuration reaches the running daemon through the settings server: its
+    // trace record of the change lands in a new output.
+    const std::string config = root_ / "runtime.json";
+    kstest::write_file(config, R"({"action":"update","channels":{"default":[)"
+                               R"({"file":"$INSTALL_PATH/var/log/$IDENTITY","level":"info"},)"
+                               R"({"file":"$INSTALL_PATH/var/log/runtime-output","level":"trace"}]}})");
+    out.clear();
+    EXPECT_EQ(0, daemon("-execute-log-config -log-config='" + config + "'", &out)) << out;
+    EXPECT_EQ("Static log config validation OK. Sending log config '" + config + "' to daemon ...\n", out);
+    const std::string new_output = root_ / "var/log/runtime-output.0";
+    ASSERT_TRUE(wait_for([&] { return ::access(new_output.c_str(), F_OK) == 0; })) << "new output on disk";
+    std::string plain;
+    ASSERT_TRUE(wait_for([&] {
+        plain.clear();
+        kstest::run("'" + kstest::tool_path("kslogreader") + "' -k '" + root_.private_key() + "' '" + new_output + "'",
+                    &plain);
+        return plain.find("Successfully executed action from '" + config + "'") != std::string::npos;
+    })) << plain;
+    EXPECT_NE(plain.find(" " + std::to_string(pid) + " trace "), std::string::npos) << "written by the daemon\n" << plain;
+
+    // A file that is not a log configuration is refused before it reaches the daemon.
+    kstest::write_file(root_ / "bad.json", "not json");
+    out.clear();
+    EXPECT_EQ(127, daemon("-execute-log-config -log-config='" + root_ / "bad.json" + "'", &out));
+    EXPECT_EQ("Error: Static log config validation failed for '" + root_ / "bad.json" + "'. Please check logs.\n", out);
+    std::string key;
+    kstest::run("'" + kstest::tool_path("kssetmgmt") + "' -root '" + root_.path() + "' get /tmp/daemon/" + kName +
+                    "/logging/config",
+                &key);
+    EXPECT_EQ(config, key) << "the daemon's key still names the valid file";
+    EXPECT_EQ(127, daemon("-execute-log-config -log-config=/no/such/file.json", &out));
+    EXPECT_NE(out.find("Error: Failed to resolve path '/no/such/file.json'"), std::string::npos) << out;
+
+    out.clear();
+    EXPECT_EQ(0, daemon("-stop", &out, "normal", false)) << out;
+    EXPECT_TRUE(wait_for([&] { return !alive(pid); }));
+}
+
+TEST_F(DaemonTest, CrashLeavesAReportWithABacktrace) {
+    ASSERT_EQ(0, daemon("-start", nullptr, "crash"));
+    const pid_t pid = wait_running();
+    ASSERT_GT(pid, 0);
+    ASSERT_TRUE(wait_for([&] { return !alive(pid); }));
+    const std::string dir = "/tmp/kslogs" + root_.path() + "/var/crash";
+    std::string listing;
+    kstest::run("ls '" + dir + "'", &listing);
+    const std::string file = kName + "-" + std::to_string(pid) + "-";
+    ASSERT_EQ(0u, listing.find(file)) << listing;
+    const std::string report = kstest::read_file(dir + "/" + lines_of(listing).at(0));
+    for (const std::string& text : {"program: " + kName, "pid: " + std::to_string(pid), std::string("signal: 11 (SIGSEGV)"),
+                                   std::string("fault address: 0x0000000000000000"), std::string("backtrace:\n"),
+                                   std::string("run_daemon"), std::string("memory map:\n"), std::string("[stack]"),
+                                   std::string("end of report\n")})
+        EXPECT_NE(report.find(text), std::string::npos) << text << "\n" << report;
+    EXPECT_EQ(-1, pidfile_holder()) << "the lock died with the process";
+}
+
+}  // namespace
