@@ -1,0 +1,205 @@
+// Crash reporter tests: children of the test process install the handler and die of each
+// crash signal; the report must be complete and the child must die of that same signal,
+// whether the report goes to a file or to a crash collector listening on its socket.
+#include "kstest.h"
+
+#include <ksutils/error.h>
+#include <ksutils/kscrash.h>
+
+#include <kspath.h>
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+volatile int* volatile g_null = nullptr;
+volatile int g_zero = 0;
+
+__attribute__((noinline)) void write_null() { *g_null = 1; }
+__attribute__((noinline)) void divide_by_zero() { g_zero = 10 / g_zero; }
+// Recurses until the stack is gone: only the alternate stack can report this one.
+volatile int g_depth_limit = 1 << 30;
+__attribute__((noinline)) int overflow_stack(int depth) {
+    volatile char pad[4096];
+    pad[0] = static_cast<char>(depth);
+    if (depth >= g_depth_limit) return pad[0];
+    return overflow_stack(depth + 1) + pad[0];
+}
+
+class CrashTest : public ::testing::Test {
+protected:
+    ~CrashTest() override {
+        kstest::run("rm -rf '/tmp/kslogs" + root_.path() + "'; rmdir /tmp/kslogs/tmp /tmp/kslogs 2>/dev/null");
+    }
+
+    std::string crash_dir() const { return "/tmp/kslogs" + root_.path() + "/var/crash"; }
+
+    std::vector<std::string> reports() const {
+        std::string listing;
+        kstest::run("ls '" + crash_dir() + "' 2>/dev/null", &listing);
+        std::vector<std::string> names;
+        size_t start = 0;
+        for (size_t nl; (nl = listing.find('\n', start)) != std::string::npos; start = nl + 1)
+            names.push_back(listing.substr(start, nl - start));
+        return names;
+    }
+
+    // Forks a child that installs the handler and runs `crash`; returns the signal it died
+    // of (0 when it exited) and its pid.
+    int crash_child(ks::ExceptionHandlerMethod method, const std::function<void()>& crash, pid_t& pid) {
+        pid = ::fork();
+        if (pid == 0) {
+            if (ks::init_exception_handler("crashtest", method) != 0) ::_exit(90);
+            crash();
+            ::_exit(91);
+        }
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    }
+
+    kstest::InstallRoot root_;
+};
+
+void expect_complete(const std::string& report, pid_t pid, int sig, const char* name) {
+    for (const std::string& text :
+         {std::string("program: crashtest\n"), "pid: " + std::to_string(pid) + "\n",
+          "signal: " + std::to_string(sig) + " (" + name + ")\n", std::string("backtrace:\n"),
+          std::string("kscrash_test"), std::string("memory map:\n"), std::string("end of report\n")})
+        EXPECT_NE(report.find(text), std::string::npos) << name << ": " << text << "\n" << report;
+    // At least the handler's frame, the signal frame and the crashing function.
+    const auto bt = report.find("backtrace:\n"), maps = report.find("memory map:\n");
+    ASSERT_LT(bt, maps);
+    const std::string frames = report.substr(bt, maps - bt);
+    EXPECT_GE(std::count(frames.begin(), frames.end(), '\n'), 4) << frames;
+}
+
+TEST_F(CrashTest, EachCrashSignalWritesAReportAndKillsWithThatSignal) {
+    struct Case {
+        int sig;
+        const char* name;
+        std::function<void()> crash;
+        bool null_address;
+    };
+    const Case cases[] = {
+        {SIGSEGV, "SIGSEGV", write_null, true},
+        {SIGSEGV, "SIGSEGV", [] { overflow_stack(0); }, false},
+        {SIGFPE, "SIGFPE", divide_by_zero, false},
+        {SIGABRT, "SIGABRT", [] { std::abort(); }, false},
+        {SIGILL, "SIGILL", [] { __builtin_trap(); }, false},
+        {SIGBUS, "SIGBUS", [] { std::raise(SIGBUS); }, false},
+    };
+    for (const Case& c : cases) {
+        kstest::run("rm -rf '" + crash_dir() + "'");
+        pid_t pid = -1;
+        EXPECT_EQ(c.sig, crash_child(ks::ExceptionHandlerMethod::report_file, c.crash, pid)) << c.name;
+        const auto names = reports();
+        ASSERT_EQ(1u, names.size()) << c.name;
+        EXPECT_EQ(0u, names[0].find("crashtest-" + std::to_string(pid) + "-")) << names[0];
+        EXPECT_NE(names[0].find(".crash"), std::string::npos) << names[0];
+        const std::string report = kstest::read_file(crash_dir() + "/" + names[0]);
+        expect_complete(report, pid, c.sig, c.name);
+        if (c.null_address) {
+            EXPECT_NE(report.find("fault address: 0x0000000000000000\n"), std::string::npos);
+        }
+    }
+}
+
+TEST_F(CrashTest, CollectorReceivesTheReportAndFileIsTheFallback) {
+    const std::string socket_path = root_ / "var/run/kscrash.skt";
+    int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_path.c_str());
+    ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    ASSERT_EQ(0, ::listen(listener, 4));
+
+    pid_t pid = -1;
+    EXPECT_EQ(SIGSEGV, crash_child(ks::ExceptionHandlerMethod::collector, write_null, pid));
+    const int conn = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    ASSERT_GE(conn, 0);
+    std::string received;
+    char chunk[4096];
+    for (ssize_t n; (n = ::read(conn, chunk, sizeof chunk)) > 0;) received.append(chunk, static_cast<size_t>(n));
+    ::close(conn);
+    expect_complete(received, pid, SIGSEGV, "SIGSEGV");
+    EXPECT_TRUE(reports().empty()) << "no file when the collector took it";
+
+    // Without a collector the report still reaches the crash directory.
+    ::close(listener);
+    ::unlink(socket_path.c_str());
+    EXPECT_EQ(SIGSEGV, crash_child(ks::ExceptionHandlerMethod::collector, write_null, pid));
+    ASSERT_EQ(1u, reports().size());
+    expect_complete(kstest::read_file(crash_dir() + "/" + reports()[0]), pid, SIGSEGV, "SIGSEGV");
+}
+
+TEST_F(CrashTest, CollectorConnectionIsReestablished) {
+    const std::string socket_path = root_ / "var/run/kscrash.skt";
+    int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_path.c_str());
+    ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    ASSERT_EQ(0, ::listen(listener, 4));
+    auto accept_one = [&] {
+        pollfd p{listener, POLLIN, 1000};
+        if (::poll(&p, 1, 1000) != 1) return -1;
+        return ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    };
+
+    ASSERT_EQ(0, ks::init_exception_handler("crashtest", ks::ExceptionHandlerMethod::collector));
+    int first = accept_one();
+    ASSERT_GE(first, 0);
+    EXPECT_EQ(0, ks::check_exception_handler_connection()) << "connected: nothing to do";
+    EXPECT_EQ(-1, accept_one()) << "no second connection while the first is alive";
+
+    ::close(first);  // the collector drops us
+    EXPECT_EQ(0, ks::check_exception_handler_connection());
+    const int second = accept_one();
+    EXPECT_GE(second, 0) << "reconnected";
+
+    ::close(second);
+    ::close(listener);
+    ::unlink(socket_path.c_str());
+    EXPECT_EQ(-1, ks::check_exception_handler_connection()) << "collector gone";
+    ks::uninit_exception_handler();
+    EXPECT_EQ(0, ks::check_exception_handler_connection()) << "nothing to check without a collector";
+
+    // Restored default actions: a crash after uninit leaves no report.
+    pid_t pid = ::fork();
+    if (pid == 0) write_null();
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV);
+    EXPECT_TRUE(reports().empty());
+}
+
+TEST_F(CrashTest, RefusesBadNamesAndAMissingInstallRoot) {
+    EXPECT_EQ(-1, ks::init_exception_handler("", ks::ExceptionHandlerMethod::report_file));
+    EXPECT_EQ(ks::E_INVAL, ks::_get_kserrno().code);
+    EXPECT_EQ(-1, ks::init_exception_handler(nullptr, ks::ExceptionHandlerMethod::report_file));
+    EXPECT_EQ(-1, ks::init_exception_handler(std::string(300, 'x').c_str(), ks::ExceptionHandlerMethod::report_file));
+
+    kspath_set_install_path(root_.path().c_str());  // same root again: forget it
+    if (kspath_default_install_path() == nullptr) {
+        EXPECT_EQ(-1, ks::init_exception_handler("crashtest", ks::ExceptionHandlerMethod::report_file));
+        EXPECT_EQ(ks::E_NOENT, ks::_get_kserrno().code);
+    }
+    EXPECT_EQ(0, ks::init_exception_handler("crashtest", ks::ExceptionHandlerMethod::none)) << "none needs nothing";
+    kspath_set_install_path(root_.path().c_str());
+}
+
+}  // namespace
