@@ -32,7 +32,7 @@ TEST(TreeNode, EqualityCopiesAndDeepTrees) {
     void (*changes[])(TreeNode&) = {[](TreeNode& r) { set(r, "a/b", "x"); },
                                     [](TreeNode& r) { set(r, "a/c", "2", String); },
                                     [](TreeNode& r) { set(r, "a/b/d", "", None); },
-                                    [](TreeNode& r) { r.del(std::string("a")), set(r, "b/b", "1"); }};
+                                    [](TreeNode& r) { r.del("a"), set(r, "b/b", "1"); }};
     for (auto change : changes) {
         auto other = make();
         change(*other);

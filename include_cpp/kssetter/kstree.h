@@ -68,6 +68,8 @@ public:
     TreeNode* removeChild(const std::string& name);
     // Unlinks and destroys the named child with its subtree; an absent name does nothing.
     int del(const std::string& name);
+    // Without this, del("name") would convert the pointer to bool and delete this node.
+    int del(const char* name) { return del(std::string(name ? name : "")); }
     // Removes this node from its parent and destroys it (`this` is gone afterwards). With
     // `prune`, every ancestor left as an empty valueless inner node goes too, stopping below
     // the root and below any ancestor that has a value or other children. A node without
