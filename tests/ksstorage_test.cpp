@@ -429,6 +429,10 @@ TEST(StoreLog, RecordsOnTheSettingsChannel) {
     store.enumSubkeys("/nothing");
     for (const char* name : {"settings", "short", "wrong"}) Store::checkHash(root / name);
     const std::string text = testing::internal::GetCapturedStderr();
+    const unsigned long channel = ks::log::get_channel_by_name(ks::log::kKSSetMgmtChannel);
+    ks::log::close_channel(channel);
+    Store::checkHash(root / "wrong");
+    EXPECT_FALSE(ks::log::can_log(channel, ks::log::level::error));  // a closed channel stays closed
     ks::log::stop();
     const std::string expected[] = {
         "error [kstree.cpp:", "Failed to base64 encode value for key /e", "debug [ksstorage.cpp:",

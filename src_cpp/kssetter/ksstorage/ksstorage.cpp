@@ -14,6 +14,8 @@
 #include <ksutils/unique_fd.h>
 #include <kswrite.h>
 
+#include "storage_channel.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,8 +42,6 @@ constexpr size_t kReadChunk = 64 * 1024;
 constexpr ks::HashFunction kSha256 = ks::HashFunction::SHA256;
 
 const char* system_error(int err) { return std::strerror(err); }
-
-unsigned long open_store_channel() { return ks::log::open_channel(ks::log::kKSSetMgmtChannel); }
 
 // Calls `visit(component)` for every component of `path` (a key without its leading "/"),
 // splitting at every delimiter and keeping empty components. `visit` returns false to stop.
@@ -227,7 +227,7 @@ void Store::count(const std::string& key) {
 
 unsigned long Store::channel() const {
     // The log core may have started after this store was made: retry until it opens.
-    if (logChannel < 0) logChannel = static_cast<int>(open_store_channel());
+    if (logChannel < 0) logChannel = static_cast<int>(settings_log_channel());
     return static_cast<unsigned long>(static_cast<long>(logChannel));
 }
 
@@ -590,7 +590,7 @@ int Store::load(const std::string& file) {
 }
 
 int Store::checkHash(const std::string& file) {
-    const unsigned long ch = open_store_channel();
+    const unsigned long ch = settings_log_channel();
     ks::fstream stream;
     if (!stream.open(file, std::ios_base::in)) return -1;
     struct stat st;

@@ -9,6 +9,8 @@
 #include <ksutils/crypto.h>
 #include <ksutils/kslog.h>
 
+#include "storage_channel.h"
+
 #include <algorithm>
 #include <cstring>
 #include <deque>
@@ -238,7 +240,7 @@ void TreeNode::dump(basic_memstream& out, const std::string& key) const {
         case Binary: {
             std::string text;
             if (!ks::base64_encode(value, text)) {
-                const unsigned long channel = ks::log::open_channel(ks::log::kKSSetMgmtChannel);
+                const unsigned long channel = settings_log_channel();
                 KSLOG_ERROR(channel, "Failed to base64 encode value for key {:s}", key);
                 break;
             }
