@@ -228,10 +228,10 @@ void TreeNode::dump(basic_memstream& out, const std::string& key) const {
                     out.write_text("=s|");
                     first = false;
                 } else {
-                    out.put(kContinuation);
+                    out.membuf()->sputc(kContinuation);
                 }
                 out.write_text(rest.substr(0, cut));
-                out.put(kLineEnd);
+                out.membuf()->sputc(kLineEnd);
                 if (cut == ks::string_view::npos) break;
                 rest = rest.substr(cut + 1);
             }
@@ -247,14 +247,14 @@ void TreeNode::dump(basic_memstream& out, const std::string& key) const {
             out.write_text(key);
             out.write_text("=b|");
             out.write_text(text);
-            out.put(kLineEnd);
+            out.membuf()->sputc(kLineEnd);
             break;
         }
         case None:
             // An inner node's existence follows from its children's lines.
             if (children.empty()) {
                 out.write_text(key);
-                out.put(kLineEnd);
+                out.membuf()->sputc(kLineEnd);
             }
             break;
         default:
@@ -273,7 +273,11 @@ void TreeNode::save(basic_memstream& out) const {
         node->dump(out, path);
         // The root's path is "/" already; every other path needs the delimiter.
         if (node->parent != nullptr) path.push_back('/');
-        for (const auto& [childName, child] : node->children) queue.emplace_back(path + childName, child);
+        for (const auto& [childName, child] : node->children) {
+            std::string childPath;
+            childPath.reserve(path.size() + childName.size());
+            queue.emplace_back(std::move(childPath.append(path).append(childName)), child);
+        }
     }
 }
 
