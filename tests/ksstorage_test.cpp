@@ -337,7 +337,7 @@ TEST(StoreFile, FailedSavesKeepThePreviousFile) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "1 result, 2 no E_SYSTEM, 4 old file changed";
 }
 
-// Keys 2 to 7 components deep over a small vocabulary, with multi-line strings, binary
+// Keys 1 to 7 components deep over a small vocabulary, with multi-line strings, binary
 // values, valueless keys, trailing empty components, a root value and a volatile branch.
 Store random_store(size_t count, unsigned seed) {
     std::mt19937 rng(seed);
