@@ -9,13 +9,17 @@
 #include <ksutils/error.h>
 #include <ksutils/kslog.h>
 
+#include <ksutils/unique_fd.h>
+
 #include <kspath.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
+#include <cerrno>
 #include <set>
 #include <string>
 #include <vector>
@@ -57,13 +61,33 @@ int get(const std::string& key) {
     return 0;
 }
 
+// Reads the whole regular file into `bytes`; false (with errno) otherwise.
+bool readFile(const std::string& file, std::string& bytes) {
+    ks::unique_fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat st;
+    if (!fd || ::fstat(fd.get(), &st) != 0) return false;
+    if (!S_ISREG(st.st_mode)) {
+        errno = EISDIR;
+        return false;
+    }
+    char chunk[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd.get(), chunk, sizeof chunk);
+        if (n == 0) return true;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        bytes.append(chunk, static_cast<size_t>(n));
+    }
+}
+
 int setFile(const std::string& key, const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) {
-        std::fprintf(stderr, "kssetmgmt: cannot read %s\n", file.c_str());
+    std::string bytes;
+    if (!readFile(file, bytes)) {
+        std::fprintf(stderr, "kssetmgmt: cannot read %s: %s\n", file.c_str(), std::strerror(errno));
         return kFailed;
     }
-    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (sm::setKey(key, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()) < 0)
         return fail("set " + key);
     return 0;
