@@ -28,8 +28,8 @@ namespace {
 volatile int* volatile g_null = nullptr;
 volatile int g_zero = 0;
 
-__attribute__((noinline)) void write_null() { *g_null = 1; }
-__attribute__((noinline)) void divide_by_zero() { g_zero = 10 / g_zero; }
+__attribute__((noinline, no_sanitize("undefined"))) void write_null() { *g_null = 1; }
+__attribute__((noinline, no_sanitize("undefined"))) void divide_by_zero() { g_zero = 10 / g_zero; }
 // Recurses until the stack is gone: only the alternate stack can report this one.
 volatile int g_depth_limit = 1 << 30;
 __attribute__((noinline)) int overflow_stack(int depth) {

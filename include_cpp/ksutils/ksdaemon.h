@@ -73,7 +73,8 @@ public:
     void on_crash(ExceptionHandlerMethod method) { crash_method_ = method; }
 
     // Run, on the settings thread in id order, at start and whenever "/default_settings"
-    // changes. Returns the callback's id.
+    // changes. Returns the callback's id (ids only grow). The callbacks run under the lock
+    // that add/remove take, so a callback must not add or remove callbacks itself.
     int add_default_settings_callback(const std::function<bool()>& callback);
     void remove_default_settings_callback(int id);
     // A default-settings callback that runs `loader` and logs when it fails.
