@@ -216,10 +216,11 @@ TEST_F(DaemonTest, CommandLineActionsAndFailures) {
 
 TEST_F(DaemonTest, StartDetachesLocksThePidFileAndStops) {
     std::string out;
-    ASSERT_EQ(0, daemon("-start", &out)) << out;
+    ASSERT_EQ(0, daemon("-start", &out, "normal LD_LIBRARY_PATH=/opt/x/lib")) << out;
     EXPECT_EQ("", out);
     const pid_t pid = wait_running();
     ASSERT_GT(pid, 0);
+    EXPECT_TRUE(has_event("env LD_LIBRARY_PATH=unset saved=/opt/x/lib")) << "removed, but kept in the saved copy";
 
     const ProcIds ids = proc_ids(pid);
     EXPECT_NE(ids.session, proc_ids(::getpid()).session) << "a session of its own";

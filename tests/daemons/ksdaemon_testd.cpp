@@ -100,7 +100,11 @@ int main(int argc, char** argv) {
         });
     }
 
-    d->on_run([mode] {
+    ks::daemon::Instance* self = d.get();  // not the shared pointer: no cycle through the callback
+    d->on_run([mode, self] {
+        const char* now = std::getenv("LD_LIBRARY_PATH");
+        record(std::string("env LD_LIBRARY_PATH=") + (now ? now : "unset") +
+               " saved=" + self->environment().get("LD_LIBRARY_PATH").value_or("unset"));
         record("run pid=" + std::to_string(::getpid()));
         if (mode == "crash") crash_now(nullptr);
         if (mode == "ignore-term") {
