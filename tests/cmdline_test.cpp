@@ -1,0 +1,567 @@
+// Command line: registration aborts, parsing and count checks against whole messages and
+// codes, the synopsis and help of a program with sub-commands, and arbitrary argv.
+#include <ksutils/cmdline.h>
+#include <ksutils/error.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <system_error>
+#include <type_traits>
+#include <vector>
+
+namespace cl = ks::cl;
+
+namespace {
+
+using parser_ptr = std::shared_ptr<cl::command_line_parser>;
+
+// argv built from strings, kept alive as long as the views the options take into it.
+struct argv_holder {
+    explicit argv_holder(std::vector<std::string> args) : strings(std::move(args)) {
+        strings.insert(strings.begin(), "prog");
+        for (auto& s : strings) pointers.push_back(s.data());
+        pointers.push_back(nullptr);
+    }
+    int argc() const { return static_cast<int>(strings.size()); }
+    char** argv() { return pointers.data(); }
+    std::vector<std::string> strings;
+    std::vector<char*> pointers;
+};
+
+// Options declared at run time on a parser of their own.
+struct declarations {
+    parser_ptr parser = std::make_shared<cl::command_line_parser>();
+    std::vector<std::unique_ptr<cl::detail::option_base>> options;
+    template <class Option, class... Mods>
+    Option& add(const Mods&... mods) {
+        auto option = std::make_unique<Option>(mods..., cl::register_with(parser));
+        Option& ref = *option;
+        options.push_back(std::move(option));
+        return ref;
+    }
+};
+
+std::string error_text() {
+    const auto& e = ks::_get_kserrno();
+    return std::string(ks::error_name(e.code)) + " " + std::string(e.message_view());
+}
+
+std::string escape_regex(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+std::string capture(const std::function<void(FILE*)>& print) {
+    char* data = nullptr;
+    size_t size = 0;
+    FILE* out = open_memstream(&data, &size);
+    print(out);
+    fclose(out);
+    std::string text(data, size);
+    free(data);
+    return text;
+}
+
+// An option that chooses its attribute word itself and does not register on its own.
+struct raw_option : cl::detail::option_base {
+    explicit raw_option(int attributes) : option_base(value_parser_, attributes) {}
+    bool handle(const ks::string_view&, const ks::string_view&) override { return true; }
+    bool storage_allocated() override { return true; }
+    cl::detail::option_parser<bool> value_parser_;
+};
+
+enum class action { start, stop, version, execute_log_config, help };
+
+// The daemons' own command line.
+struct daemon_line {
+    parser_ptr parser = std::make_shared<cl::command_line_parser>();
+    cl::parser_choice on = cl::register_with(parser);
+    cl::sub_commands<action> what{
+        on, cl::help("To specify the action you want performed use one of the following:"),
+        cl::values(cl::value("start", action::start, "start the daemon"), cl::value("stop", action::stop, "stop the daemon"),
+                   cl::value("version", action::version, "print version information"),
+                   cl::value("execute-log-config", action::execute_log_config, "execute action from log config"),
+                   cl::value("help", action::help, "print usage information"))};
+    cl::flag no_detach{on, "no-detach", cl::in("start"), cl::at_most(1),
+                       cl::help("do not detach from the controlling terminal")};
+    cl::opt<ks::string_view> log_config{on, "log-config", cl::in("start"), cl::help("startup log config")};
+    cl::opt<ks::string_view> runtime_config{on, "log-config", cl::in("execute-log-config"), cl::exactly(1),
+                                            cl::help("log config at runtime")};
+};
+
+TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    struct row {
+        const char* message;
+        std::function<void()> declare;
+    };
+    auto with_start = [](declarations& d) {
+        d.add<cl::sub_commands<int>>(cl::values(cl::value("start", 0), cl::value("stop", 1)));
+    };
+    const row rows[] = {
+        {"No type bit set", [] { raw_option o(cl::Positional | cl::Prefix); }},
+        {"You must add storage to this option using ks::cl::storage()!",
+         [] { declarations().add<cl::opt<int, true>>("x"); }},
+        {"Option has no names and no named values", [] { declarations().add<cl::opt<int>>(); }},
+        {"Prefix options must be named",
+         [] { declarations().add<cl::opt<int>>(cl::Prefix, cl::values(cl::value("a", 1))); }},
+        {"cl::SeparatedList can only be used on named lists",
+         [] { declarations().add<cl::list<int>>(cl::SeparatedList, cl::values(cl::value("a", 1))); }},
+        {"cl::SeparatedList can only be used with cl::list<>()",
+         [] { declarations().add<cl::opt<int>>("x", cl::SeparatedList); }},
+        {"Subcommand does not exist: nope", [] { declarations().add<cl::flag>("x", cl::in("nope")); }},
+        {"You have already defined the subcommands list",
+         [&] {
+             declarations d;
+             with_start(d);
+             d.add<cl::sub_commands<int>>(cl::values(cl::value("other", 5)));
+         }},
+        {"Subcommand definition must be unnamed",
+         [] { declarations().add<cl::sub_commands<int>>("s", cl::values(cl::value("a", 1))); }},
+        {"Option has no parsable names",
+         [] {
+             declarations d;
+             raw_option o(cl::kSingleValued);
+             d.parser->register_option(d.parser->get_subcommand(-1L), &o);
+         }},
+        {"Cannot register options with empty names", [] { declarations().add<cl::flag>("x", ""); }},
+        {"Duplicate option name 'x' in the default subcommand",
+         [] {
+             declarations d;
+             d.add<cl::flag>("x");
+             d.add<cl::opt<int>>("y", "x");
+         }},
+        {"Duplicate option name 'x' in subcommand 'stop'",
+         [&] {
+             declarations d;
+             with_start(d);
+             d.add<cl::flag>("x", cl::in("stop"));
+             d.add<cl::flag>("x", cl::in("start", "stop"));
+         }},
+        {"Option name cannot duplicate subcommand name",
+         [&] {
+             declarations d;
+             with_start(d);
+             d.add<cl::flag>("start", cl::in("start"));
+         }},
+        {"Positionals must be named",
+         [] { declarations().add<cl::opt<int>>(cl::Positional, cl::values(cl::value("a", 1))); }},
+        {"Positionals cannot have aliases", [] { declarations().add<cl::opt<int>>("a", "b", cl::Positional); }},
+        {"Only lists can be set as sinks", [] { declarations().add<cl::opt<int>>("a", cl::Positional | cl::Sink); }},
+        {"You cannot set multiple sinks in subcommand 'start'",
+         [&] {
+             declarations d;
+             with_start(d);
+             d.add<cl::list<int>>("a", cl::Positional, cl::Sink);
+             d.add<cl::list<int>>("b", cl::Positional, cl::Sink, cl::in("start"));
+         }},
+        {"Non-separated lists cannot be set as positionals",
+         [] { declarations().add<cl::list<int>>("a", cl::Positional); }},
+        {"Duplicate subcommand ID: 1",
+         [] { declarations().add<cl::sub_commands<int>>(cl::values(cl::value("a", 1), cl::value("b", 1))); }},
+        {"Duplicate subcommand name: a",
+         [] { declarations().add<cl::sub_commands<int>>(cl::values(cl::value("a", 1), cl::value("a", 2))); }},
+        {"cl::separator() takes exactly one character",
+         [] { declarations().add<cl::list<int>>("a", cl::SeparatedList, cl::separator("::")); }},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.message);
+        EXPECT_DEATH(r.declare(), "^" + escape_regex(r.message) + "\n$");
+    }
+}
+
+TEST(CmdlineRegistration, OptionsJoinTheSubCommandsDeclaredBeforeThemAndLeaveWhenDestroyed) {
+    declarations d;
+    d.add<cl::flag>("early");
+    d.add<cl::sub_commands<int>>(cl::values(cl::value("start", 0), cl::value("stop", 1)));
+    d.add<cl::flag>("late");
+    auto parse = [&](std::vector<std::string> args) {
+        argv_holder a(std::move(args));
+        return d.parser->parse(a.argc(), a.argv()) ? std::string("ok") : error_text();
+    };
+    EXPECT_EQ(parse({"-early", "-late"}), "ok");
+    EXPECT_EQ(parse({"-start", "-late"}), "ok");
+    EXPECT_EQ(parse({"-start", "-early"}), "E_NOENT Parameter 2: unknown option '-y'");
+
+    {
+        cl::flag scoped{"scoped", cl::register_with(d.parser)};
+        EXPECT_EQ(parse({"-stop", "-scoped"}), "ok");
+    }
+    EXPECT_EQ(parse({"-stop", "-scoped"}), "E_NOENT Parameter 2: unknown option '-d'");
+
+    // The selector takes its sub-commands along, so the line can be declared again.
+    d.options.erase(d.options.begin() + 1);
+    EXPECT_EQ(d.parser->command_line_strings().size(), 1u);
+    d.add<cl::sub_commands<int>>(cl::values(cl::value("stop", 1)));
+    EXPECT_EQ(parse({"-stop"}), "ok");
+}
+
+// A program without sub-commands, for the mechanics of parsing. dump() shows every option
+// that was given, with its value.
+struct tool_line {
+    parser_ptr parser = std::make_shared<cl::command_line_parser>();
+    cl::parser_choice on = cl::register_with(parser);
+    cl::flag x{on, "x"};
+    cl::flag y{on, "y"};
+    cl::flag verbose{on, "verbose", "v"};
+    cl::opt<ks::string_view> name{on, "name", "n"};
+    cl::opt<ks::string_view> log{on, "log"};
+    cl::list<ks::string_view> lib{on, "l", cl::Prefix};
+    cl::opt<int> count{on, "count"};
+    cl::opt<bool> color{on, "color"};
+    cl::list<ks::string_view> tags{on, "tags", cl::SeparatedList};
+    cl::list<int> nums{on, "nums", cl::SeparatedList, cl::separator(":")};
+    cl::opt<int> level{on, "level", cl::values(cl::value("low", 1), cl::value("high", 9))};
+    cl::opt<int> mode{on, cl::values(cl::value("fast", 1), cl::value("slow", 2))};
+    cl::opt<ks::string_view> src{on, "src", cl::Positional};
+    cl::opt<int> port{on, "port", cl::Positional};
+
+    template <class T>
+    static std::string text(const T& v) {
+        if constexpr (std::is_same_v<T, ks::string_view>) {
+            return std::string(v);
+        } else {
+            return std::to_string(v);
+        }
+    }
+    template <class T>
+    static std::string text(const std::vector<T>& items) {
+        std::string s = "[";
+        for (size_t i = 0; i < items.size(); ++i) s += (i ? "|" : "") + text(items[i]);
+        return s + "]";
+    }
+    std::string dump() const {
+        std::string out;
+        auto show = [&out](const cl::detail::option_base& o, ks::string_view label, const std::string& value) {
+            if (o.occurrences() > 0) out += (out.empty() ? "" : " ") + std::string(label) + "=" + value;
+        };
+        show(x, "x", text(x.value()));
+        show(y, "y", text(y.value()));
+        show(verbose, "v", text(verbose.value()));
+        show(name, "name", text(*name));
+        show(log, "log", text(*log));
+        show(lib, "l", text(*lib));
+        show(count, "count", text(*count));
+        show(color, "color", text(*color));
+        show(tags, "tags", text(*tags));
+        show(nums, "nums", text(*nums));
+        show(level, "level", text(*level));
+        show(mode, "mode", text(*mode));
+        show(src, "src", text(*src));
+        show(port, "port", text(*port));
+        return out;
+    }
+};
+
+struct parse_row {
+    std::vector<std::string> args;
+    std::string expected;  // dump() after success, or "<code name> <message>"
+};
+
+TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
+    const parse_row rows[] = {
+        {{}, ""},
+        // Flags toggle, alone or in clusters taken from the last letter.
+        {{"-x"}, "x=1"},
+        {{"-x", "-x"}, "x=0"},
+        {{"-xyv"}, "x=1 y=1 v=1"},
+        {{"-vxx"}, "x=0 v=1"},
+        {{"-xyz"}, "E_NOENT Parameter 1: unknown option '-z'"},
+        {{"-qx"}, "E_NOENT Parameter 1: unknown option '-q'"},
+        // Values after "=", as the next argument, or glued to a Prefix name.
+        {{"-name=a"}, "name=a"},
+        {{"-name", "a"}, "name=a"},
+        {{"-n=a", "-name="}, "name="},
+        {{"-namea"}, "E_FAULT Parameter 1: incorrect usage, please use '-name=a' or '-name a' instead"},
+        {{"-x", "-name"}, "E_INVAL Parameter 2: you must specify a value for '-name'"},
+        {{"-name", "--"}, "E_INVAL Parameter 1: you must specify a value for '-name'"},
+        {{"-name", "--", "-x"}, "name=-x"},
+        {{"-name", "-x"}, "E_INVAL Parameter 2: option '-name' expects positional argument but '-x' found"},
+        {{"-lfoo", "-l", "-lo"}, "l=[foo||o]"},
+        {{"-log=a", "-logb"}, "E_FAULT Parameter 2: incorrect usage, please use '-log=b' or '-log b' instead"},
+        {{"-log=a", "-lib"}, "log=a l=[ib]"},
+        {{"-count", "7"}, "count=7"},
+        {{"-count=7x"}, "E_INVAL Parameter 1: '7x' invalid value for parameter 'count'"},
+        {{"-color=", "-color", "no"}, "color=0"},
+        {{"-color=yes"}, "color=1"},
+        {{"-color=TRUE"}, "E_INVAL Parameter 1: 'TRUE' invalid value for parameter 'color'"},
+        // Named values.
+        {{"-level=high"}, "level=9"},
+        {{"-level", "mid"}, "E_INVAL Parameter 2: 'mid' invalid value for parameter 'level'"},
+        {{"-slow"}, "mode=2"},
+        {{"-slow=1"}, "E_INVAL Parameter 1: '-slow' does not take a value"},
+        {{"-vslow"}, "E_NOENT Parameter 1: unknown option '-w'"},
+        // Separated lists: a trailing separator gives an empty last value, an empty text none.
+        {{"-tags=a,b,"}, "tags=[a|b|]"},
+        {{"-tags", ",a,,b"}, "tags=[|a||b]"},
+        {{"-tags="}, ""},
+        {{"-nums=1:2", "-nums=3"}, "nums=[1|2|3]"},
+        {{"-nums=1:"}, "E_INVAL Parameter 1: '' invalid value for parameter 'nums'"},
+        // Positionals, "--" and the lone dash.
+        {{"a", "80"}, "src=a port=80"},
+        {{"", "-x", "1"}, "x=1 src= port=1"},
+        {{"--", "-x", "-1"}, "src=-x port=-1"},
+        {{"a", "b"}, "E_INVAL Parameter 2: 'b' invalid value"},
+        {{"a", "1", "c"}, "E_FAULT Unexpected extra parameter(s) found starting at position 3"},
+        {{"-"}, "E_INVAL Parameter 1: expected parameter name after '-'"},
+        {{"--x"}, "E_NOENT Parameter 1: unknown option '--'"},
+    };
+    for (const parse_row& r : rows) {
+        argv_holder a(r.args);
+        SCOPED_TRACE(::testing::PrintToString(r.args));
+        tool_line t;
+        const std::string got = t.parser->parse(a.argc(), a.argv()) ? t.dump() : error_text();
+        EXPECT_EQ(got, r.expected);
+    }
+}
+
+TEST(CmdlineParse, TheSelectorChoosesTheSubCommandWhereverItStands) {
+    const struct {
+        std::vector<std::string> args;
+        std::string expected;  // "action no-detach log-config" after success, else the error
+    } rows[] = {
+        {{}, "0 0 "},
+        {{"-stop"}, "1 0 "},
+        {{"-no-detach", "-log-config=f", "-start"}, "0 1 f"},
+        {{"-execute-log-config", "-log-config", "f"}, "3 0 f"},
+        {{"-execute-log-config"}, "E_NOENT Option '-log-config' must be specified exactly once"},
+        {{"-start", "-no-detach", "-no-detach"}, "E_FAULT Option 'no-detach' can only be used at most once"},
+        {{"-log-config", "-start"}, "E_INVAL Parameter 2: option '-log-config' expects positional argument but '-start' found"},
+        {{"-stop", "-no-detach"}, "E_NOENT Parameter 2: unknown option '-h'"},
+        {{"--", "-start"}, "E_FAULT Unexpected extra parameter(s) found starting at position 2"},
+        {{"-startx"}, "E_INVAL Parameter 1: '-start' does not take a value"},
+        {{"-start", "-stop"}, "E_NOENT Parameter 2: unknown option '-p'"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(::testing::PrintToString(r.args));
+        argv_holder a(r.args);
+        daemon_line d;
+        if (!d.parser->parse(a.argc(), a.argv())) {
+            EXPECT_EQ(error_text(), r.expected);
+            continue;
+        }
+        const ks::string_view config = *d.what == action::start ? *d.log_config : *d.runtime_config;
+        EXPECT_EQ(std::to_string(d.what.int_val()) + " " + std::to_string(d.no_detach.int_val()) + " " +
+                      std::string(config),
+                  r.expected);
+    }
+}
+
+TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
+    using decl = std::function<void(declarations&, int&)>;
+    auto shared = [](cl::occurrence_bounds bounds) -> decl {
+        return [bounds](declarations& d, int& slot) {
+            d.add<cl::opt<int, true>>("a", cl::storage(slot), bounds);
+            d.add<cl::opt<int, true>>("b", cl::storage(slot), bounds);
+        };
+    };
+    auto named = [](auto bounds) -> decl {
+        return [bounds](declarations& d, int&) { d.add<cl::opt<int>>("a", bounds); };
+    };
+    auto listed = [](auto bounds) -> decl {
+        return [bounds](declarations& d, int&) { d.add<cl::list<int>>("l", bounds); };
+    };
+    auto unnamed = [](auto bounds) -> decl {
+        return [bounds](declarations& d, int&) {
+            d.add<cl::opt<int>>(cl::values(cl::value("fast", 1), cl::value("slow", 2)), bounds);
+        };
+    };
+    auto positionals = [](std::vector<std::pair<const char*, bool>> required) -> decl {
+        return [required](declarations& d, int&) {
+            for (auto [name, needed] : required) {
+                d.add<cl::opt<ks::string_view>>(name, cl::Positional, needed ? cl::required : cl::optional);
+            }
+        };
+    };
+    auto point = [](declarations& d, int&) {
+        d.add<cl::list<int>>("point", cl::Positional, cl::SeparatedList, cl::exactly(3));
+    };
+    auto sink = [](cl::occurrence_bounds bounds) -> decl {
+        return [bounds](declarations& d, int&) {
+            d.add<cl::list<int>>("files", cl::Positional, cl::Sink, bounds);
+        };
+    };
+    const struct {
+        decl declare;
+        std::vector<std::string> args;
+        std::string expected;
+    } rows[] = {
+        {named(cl::at_most(1)), {"-a=1", "-a=2"}, "E_FAULT Option 'a' can only be used at most once"},
+        {named(cl::exactly(1)), {"-a=1", "-a=2"}, "E_FAULT Option 'a' can only be used exactly once"},
+        {named(cl::at_most(2)), {"-a=1", "-a=2", "-a=3"},
+         "E_FAULT -a: these options can be used at most 2 times (in any combination)"},
+        {shared(cl::at_most(1)), {"-a=1", "-b=2"}, "E_FAULT -a|-b: any of these options can be specified at most once"},
+        {shared(cl::at_most(2)), {"-a=1", "-b=2", "-a=3"},
+         "E_FAULT -a|-b: these options can be used at most 2 times (in any combination)"},
+        {shared(cl::at_most(1)), {"-b=2"}, "ok"},
+        {unnamed(cl::at_most(1)), {"-fast", "-slow"},
+         "E_FAULT fast|slow: any of these options can be specified at most once"},
+        {unnamed(cl::at_most(2)), {"-fast", "-slow", "-fast"},
+         "E_FAULT fast|slow: these options can be used at most 2 times (in any combination)"},
+        {named(cl::exactly(1)), {}, "E_NOENT Option '-a' must be specified exactly once"},
+        {named(cl::required), {}, "E_NOENT Option '-a' must be specified at least once"},
+        {named(cl::at_least(2)), {"-a=1"}, "E_NOENT Option '-a' must be specified at least 2 times"},
+        {named(cl::exactly(3)), {"-a=1"}, "E_NOENT Option '-a' must be specified exactly 3 times"},
+        {shared(cl::exactly(1)), {}, "E_NOENT One of the following options must be specified exactly once: -a|-b"},
+        {shared(cl::required), {}, "E_NOENT One of the following options must be specified at least once: -a|-b"},
+        {shared(cl::at_least(2)), {"-b=1"},
+         "E_NOENT One or more of the following options must be specified at least 2 times: -a|-b"},
+        {shared(cl::exactly(2)), {"-b=1"},
+         "E_NOENT One or more of the following options must be specified exactly 2 times: -a|-b"},
+        {shared(cl::exactly(2)), {"-b=1", "-a=2"}, "ok"},
+        {[](declarations& d, int&) { d.add<cl::flag>("f", cl::required); }, {}, "E_NOENT Required option 'f' not found"},
+        {listed(cl::exactly(1)), {}, "E_NOENT Option '-l' must be used exacly once"},
+        {listed(cl::exactly(2)), {"-l=1"}, "E_NOENT Option '-l' must be used exactly 2 times"},
+        {listed(cl::required), {}, "E_NOENT Option '-l' must be used at least once"},
+        {listed(cl::at_least(3)), {"-l=1", "-l", "2"}, "E_NOENT Option '-l' must be used at least 3 times"},
+        {unnamed(cl::required), {}, "E_NOENT One of the following options must be specified at least once: fast|slow"},
+        {unnamed(cl::exactly(1)), {}, "E_NOENT One of the following options must be specified exactly once: fast|slow"},
+        {unnamed(cl::at_least(2)), {"-slow"},
+         "E_NOENT One or more of the following options must be specified at least 2 times: fast|slow"},
+        {unnamed(cl::exactly(2)), {"-slow"},
+         "E_NOENT One or more of the following options must be specified exactly 2 times: fast|slow"},
+        {positionals({{"src", true}}), {}, "E_NOENT Required parameter <src> is missing"},
+        {positionals({{"src", true}, {"dst", true}}), {"a"},
+         "E_NOENT Required parameter <dst> missing at the end of the command line"},
+        {positionals({{"", true}}), {}, "E_NOENT A required parameter is missing"},
+        {positionals({{"src", false}, {"", true}}), {"a"},
+         "E_NOENT A required parameter is missing at end of the command line"},
+        {positionals({{"src", true}, {"dst", true}}), {},
+         "E_NOENT 2 required parameters are missing from the end of the command line"},
+        {point, {"1,2"}, "E_NOENT 1 value(s) for parameter <point> are missing at the end of the command line"},
+        {point, {"1,2,3,4,5"}, "E_NOENT 2 extra value(s) for parameter <point> at the end of the command line"},
+        {point, {"1,x,3"}, "E_INVAL Parameter 1: 'x' invalid value"},
+        {sink(cl::at_most(1)), {"1", "2", "3"}, "E_NOENT 2 extra parameter(s) at the end of the command line"},
+        {sink(cl::at_least(2)), {"1"}, "E_NOENT Required parameter <files> missing at the end of the command line"},
+        {sink(cl::optional), {"1", "x"}, "E_INVAL Parameter 2: 'x' invalid value'"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.expected);
+        declarations d;
+        int slot = 0;
+        r.declare(d, slot);
+        argv_holder a(r.args);
+        EXPECT_EQ(d.parser->parse(a.argc(), a.argv()) ? std::string("ok") : error_text(), r.expected);
+    }
+}
+
+TEST(CmdlineParse, ParseBoolAcceptsExactlyItsSevenTexts) {
+    const struct {
+        const char* text;
+        bool accepted;
+        bool value;
+    } rows[] = {{"", true, true},     {"true", true, true},  {"yes", true, true},   {"1", true, true},
+                {"false", true, false}, {"no", true, false}, {"0", true, false},   {"TRUE", false, false},
+                {"Yes", false, false},  {"2", false, false}, {"true ", false, false}, {"off", false, false}};
+    for (const auto& r : rows) {
+        bool value = !r.value;
+        EXPECT_EQ(cl::detail::option_parser<bool>::parse_bool(r.text, value), r.accepted) << r.text;
+        if (r.accepted) {
+            EXPECT_EQ(value, r.value) << r.text;
+        }
+    }
+}
+
+TEST(CmdlineHelp, SynopsisAndHelpOfAProgramWithSubCommands) {
+    daemon_line d;
+    cl::parser_choice on = cl::register_with(d.parser);
+    cl::opt<int> level{on, "level", "L", cl::in("start"), cl::required, cl::Prefix, cl::value_name("N"),
+                       cl::help("how much to say")};
+    cl::opt<int> mode{on, "mode", cl::in("stop"), cl::required,
+                      cl::values(cl::value("soft", 0, "ask nicely"), cl::value("hard", 1, "insist"))};
+    cl::list<ks::string_view> keys{on, "key", cl::Positional, cl::SeparatedList, cl::in("stop"), cl::required,
+                                   cl::value_name("KEY")};
+    cl::opt<ks::string_view> out{on, "out", cl::Positional, cl::in("stop")};
+    cl::list<ks::string_view> rest{on, "rest", cl::Positional, cl::Sink, cl::in("version")};
+    argv_holder a({});
+    a.strings[0] = "ksd";
+    a.pointers[0] = a.strings[0].data();
+    ASSERT_TRUE(d.parser->parse(a.argc(), a.argv())) << error_text();
+
+    const std::string usage =
+        "Usage:\n"
+        "  ksd [options]\n"
+        "  ksd -start -level|L <N> [options]\n"
+        "  ksd -stop -mode =<soft|hard> [--] <KEY>... [out]\n"
+        "  ksd -version [--] [rest]...\n"
+        "  ksd -execute-log-config -log-config =<VALUE>\n"
+        "  ksd -help\n";
+    EXPECT_EQ(capture([&](FILE* f) { d.parser->print_usage(f); }), usage);
+    EXPECT_EQ(capture([&](FILE* f) { d.parser->print_help(f); }),
+              usage +
+                  "\n"
+                  "Parameters:\n"
+                  "  Optional:\n"
+                  "    To specify the action you want performed use one of the following:\n"
+                  "      start - start the daemon\n"
+                  "      stop - stop the daemon\n"
+                  "      version - print version information\n"
+                  "      execute-log-config - execute action from log config\n"
+                  "      help - print usage information\n"
+                  "\n"
+                  "Parameters for the '-start' sub-command:\n"
+                  "  Required:\n"
+                  "    -level,-L<N>              how much to say\n"
+                  "  Optional:\n"
+                  "    -no-detach                do not detach from the controlling terminal\n"
+                  "    -log-config <VALUE>       startup log config\n"
+                  "\n"
+                  "Parameters for the '-stop' sub-command:\n"
+                  "  Required:\n"
+                  "    -mode <VALUE>\n"
+                  "      soft - ask nicely\n"
+                  "      hard - insist\n"
+                  "    <KEY>...\n"
+                  "  Optional:\n"
+                  "    <out>\n"
+                  "\n"
+                  "Parameters for the '-version' sub-command:\n"
+                  "  Optional:\n"
+                  "    <rest>...\n"
+                  "\n"
+                  "Parameters for the '-execute-log-config' sub-command:\n"
+                  "  Required:\n"
+                  "    -log-config <VALUE>       log config at runtime\n"
+                  "\n"
+                  "Parameters for the '-help' sub-command:\n");
+
+    FILE* read_only = fopen("/dev/null", "r");
+    ASSERT_NE(read_only, nullptr);
+    EXPECT_THROW(d.parser->print_help(read_only), std::system_error);
+    fclose(read_only);
+}
+
+TEST(CmdlineParse, ArbitraryArgvNeverBreaksTheParser) {
+    std::mt19937 random(20261122);
+    const std::vector<std::string> pieces = {"", "-", "--", "-x", "-name", "=", ",", ":", "-start", "-stop",
+                                             "-no-detach", "-log-config", "-l", "\xff\xfe", "-\x80", "a,b,"};
+    for (int round = 0; round < 3000; ++round) {
+        std::vector<std::string> args(random() % 6);
+        for (auto& arg : args) {
+            const int pick = random() % 4;
+            if (pick == 0) arg = std::string(random() % 3 == 0 ? 100000 : random() % 8, char(random()));
+            for (int k = random() % 3; k >= 0; --k) arg += pieces[random() % pieces.size()];
+        }
+        argv_holder a(args);
+        tool_line t;
+        daemon_line d;
+        for (auto* p : {t.parser.get(), d.parser.get()}) {
+            ks::_get_kserrno().set(ks::E_OK);
+            if (!p->parse(a.argc(), a.argv())) {
+                EXPECT_NE(ks::_get_kserrno().code, ks::E_OK);
+            }
+            EXPECT_FALSE(p->command_line_strings().empty());
+        }
+    }
+}
+
+}  // namespace
