@@ -184,8 +184,9 @@ TEST(CmdlineRegistration, OptionsJoinTheSubCommandsDeclaredBeforeThemAndLeaveWhe
     d.add<cl::flag>("early");
     d.add<cl::sub_commands<int>>(cl::values(cl::value("start", 0), cl::value("stop", 1)));
     d.add<cl::flag>("late");
+    std::vector<std::unique_ptr<argv_holder>> argvs;  // the parser keeps views into them
     auto parse = [&](std::vector<std::string> args) {
-        argv_holder a(std::move(args));
+        argv_holder& a = *argvs.emplace_back(std::make_unique<argv_holder>(std::move(args)));
         return d.parser->parse(a.argc(), a.argv()) ? std::string("ok") : error_text();
     };
     EXPECT_EQ(parse({"-early", "-late"}), "ok");

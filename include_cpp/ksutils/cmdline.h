@@ -544,6 +544,7 @@ public:
     sub_command* get_subcommand(ks::string_view name);
 
     // Fills the options from argv; false with the error record set on the first mistake.
+    // The program name and text values are views into argv, which must outlive them.
     bool parse(int argc, char** argv);
     bool validate_argument_counts(sub_command* sub);
 
