@@ -542,6 +542,13 @@ TEST(CmdlineHelp, SynopsisAndHelpOfAProgramWithSubCommands) {
 }
 
 TEST(CmdlineParse, ArbitraryArgvNeverBreaksTheParser) {
+    {
+        tool_line t;
+        char* no_args[] = {nullptr};
+        EXPECT_TRUE(t.parser->parse(0, no_args));
+        EXPECT_TRUE(t.parser->parse(0, nullptr));
+        EXPECT_EQ(t.parser->command_line_strings(), std::vector<std::string>{" [options] [--] [src] [port]"});
+    }
     std::mt19937 random(20261122);
     const std::vector<std::string> pieces = {"", "-", "--", "-x", "-name", "=", ",", ":", "-start", "-stop",
                                              "-no-detach", "-log-config", "-l", "\xff\xfe", "-\x80", "a,b,"};
