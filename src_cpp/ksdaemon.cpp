@@ -493,21 +493,26 @@ int Instance::daemonize() {
     return run_daemon();
 }
 
+bool Instance::find_running_pid(pid_t& pid, ks::string_view nobody) {
+    const int held = pidfile_.holder_pid(pid);
+    if (held < 0) {
+        _get_kserrno().set(E_SYSTEM, "Failed to query the PID file lock: {:s}", std::strerror(errno));
+        return false;
+    }
+    if (held == 0) {
+        _get_kserrno().set(E_NOENT, nobody);
+        return false;
+    }
+    return true;
+}
+
 int Instance::do_stop() {
     if (!open_pidfile()) {
         print_error();
         return 1;
     }
     pid_t pid = 0;
-    const int held = pidfile_.holder_pid(pid);
-    if (held < 0) {
-        _get_kserrno().set(E_SYSTEM, "Failed to query the PID file lock: {:s}", std::strerror(errno));
-        return -1;
-    }
-    if (held == 0) {
-        _get_kserrno().set(E_NOENT, "No previously running instance found");
-        return -1;
-    }
+    if (!find_running_pid(pid, "No previously running instance found")) return -1;
     if (::kill(pid, SIGTERM) != 0) {
         _get_kserrno().set(E_FAULT, "Failed to send TERM signal to {:d}: {:s}", static_cast<int>(pid),
                            std::strerror(errno));

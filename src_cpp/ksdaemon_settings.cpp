@@ -241,15 +241,7 @@ int Instance::do_execute_log_config() {
         return 1;
     }
     pid_t pid = 0;
-    const int held = pidfile_.holder_pid(pid);
-    if (held < 0) {
-        _get_kserrno().set(E_SYSTEM, "Failed to query the PID file lock: {:s}", std::strerror(errno));
-        return -1;
-    }
-    if (held == 0) {
-        _get_kserrno().set(E_NOENT, "No instance seems to be currently running");
-        return -1;
-    }
+    if (!find_running_pid(pid, "No instance seems to be currently running")) return -1;
 
     const std::string given(runtime_log_config_->data(), runtime_log_config_->size());
     char resolved[PATH_MAX];

@@ -124,6 +124,7 @@ public:
 
 private:
     TreeNode* lookup(ks::string_view key) const;
+    const TreeNode* enumerated(const std::string& key) const;
     void count(const std::string& key);
     unsigned long channel() const;
 

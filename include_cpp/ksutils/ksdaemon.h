@@ -126,6 +126,9 @@ private:
     Instance(int argc, char** argv);
 
     int run_daemon();
+    // The pid of the instance holding the PID file lock; false with the error record set
+    // when it cannot be read or nobody holds it (`nobody` is then the message).
+    bool find_running_pid(pid_t& pid, ks::string_view nobody);
     void send_report();
     [[noreturn]] void fail_detached();
     void stop_notifications();

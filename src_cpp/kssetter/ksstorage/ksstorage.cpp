@@ -426,26 +426,25 @@ void Store::merge(Store& other, const std::string& key) {
 
 // ---- enumeration ---------------------------------------------------------------------
 
-std::vector<std::string> Store::enumSubkeys(const std::string& key) const {
-    if (!isValidKey(key) || !root) return {};
+// The node of an existing key for the enumerations; null (logged, E_NOENT) when absent.
+const TreeNode* Store::enumerated(const std::string& key) const {
+    if (!isValidKey(key) || !root) return nullptr;
     const TreeNode* node = lookup(key);
     if (node == nullptr) {
         KSLOG_DEBUG(channel(), "Key {:s} not found", key);
         _get_kserrno().set(E_NOENT, "Key {:s} not found", key);
-        return {};
     }
-    return node->getChildren();
+    return node;
+}
+
+std::vector<std::string> Store::enumSubkeys(const std::string& key) const {
+    const TreeNode* node = enumerated(key);
+    return node ? node->getChildren() : std::vector<std::string>{};
 }
 
 std::vector<std::string> Store::enumDescendantsValues(const std::string& key) const {
-    if (!isValidKey(key) || !root) return {};
-    const TreeNode* node = lookup(key);
-    if (node == nullptr) {
-        KSLOG_DEBUG(channel(), "Key {:s} not found", key);
-        _get_kserrno().set(E_NOENT, "Key {:s} not found", key);
-        return {};
-    }
-    return node->getOffspringValues();
+    const TreeNode* node = enumerated(key);
+    return node ? node->getOffspringValues() : std::vector<std::string>{};
 }
 
 void Store::fillDebugInfo(DebugInfo& info) const {
