@@ -5,7 +5,7 @@
 //   example_daemon -execute-log-config -log-config=FILE     change its logging at run time
 //   example_daemon -version | -help
 //
-// What it does: every five seconds it logs a heartbeat on its own log channel, and it
+// What it does: every second it logs a heartbeat on its own log channel, and it
 // watches the settings key "/example_daemon/message", logging each new value. It stops on
 // SIGTERM/SIGINT or "-stop". Everything else (command line, detaching, PID file
 // "var/run/example_daemon.pid", logging into "var/log/example_daemon.*", crash reports)
@@ -31,7 +31,7 @@ namespace {
 
 constexpr const char* kChannelName = "example";
 constexpr const char* kWatchedKey = "/example_daemon/message";
-constexpr std::chrono::seconds kHeartbeat{5};
+constexpr std::chrono::seconds kHeartbeat{1};
 
 // The daemon's own state; everything here runs on the main thread, inside the executor.
 class ExampleDaemon {
