@@ -8,6 +8,7 @@
 // in the file or not at all. The writer never logs: the log core calls it under its locks.
 #include <kscrypto.h>
 #include <kscryptolog.h>
+#include "kscryptolog_internal.h"
 #include <kswrite.h>
 
 #include <ksutils/error.h>
@@ -17,9 +18,11 @@
 #include <mbedtls/platform_util.h>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -72,7 +75,20 @@ uint32_t get_u32(const unsigned char* in) {
 }
 
 uint32_t header_pid(const unsigned char* header) { return get_u32(header + kPidOffset); }
-uint32_t own_pid() { return static_cast<uint32_t>(::getpid()); }
+// getpid() is a system call and every record needs the id; it only changes in a child,
+// where the fork handler forgets the cached value (plain fork() included).
+std::atomic<uint32_t> g_own_pid{0};
+void forget_pid() { g_own_pid.store(0, std::memory_order_relaxed); }
+uint32_t own_pid() {
+    uint32_t pid = g_own_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        static const int registered = pthread_atfork(nullptr, nullptr, forget_pid);
+        (void)registered;
+        pid = static_cast<uint32_t>(::getpid());
+        g_own_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
 
 // Rewrites the first bytes of a file that already has content without moving its position.
 // O_APPEND would send a positioned write to the end, so it is lifted for the one write.
@@ -178,6 +194,11 @@ int crypto_log_writer_regen_sym_key(crypto_log_writer* writer) {
 void crypto_log_writer_free(crypto_log_writer* writer) { delete writer; }
 
 int crypto_log_writer_encrypt(crypto_log_writer* writer, int fd, const char* record, size_t length) {
+    return crypto_log_writer_encrypt_at(writer, fd, record, length, ::lseek(fd, 0, SEEK_CUR));
+}
+
+int crypto_log_writer_encrypt_at(crypto_log_writer* writer, int fd, const char* record, size_t length,
+                                 off_t position) {
     if (!writer || writer->public_key_path.empty() || !record) {
         ks::_get_kserrno().set(ks::E_INVAL, "log writer without a key or record");
         return -1;
@@ -204,7 +225,7 @@ int crypto_log_writer_encrypt(crypto_log_writer* writer, int fd, const char* rec
         // The record is in either way; should the header keep the other pid, our next
         // record simply carries the key again.
         if (rc == 0) crypto_log_layout_write_header(fd);
-    } else if (!writer->key_is_new && ::lseek(fd, 0, SEEK_CUR) > static_cast<off_t>(CRYPTO_LOG_HEADER_SIZE)) {
+    } else if (!writer->key_is_new && position > static_cast<off_t>(CRYPTO_LOG_HEADER_SIZE)) {
         rc = crypto_log_writer_write_without_key(writer, fd, ciphertext, size);
     } else {
         rc = crypto_log_writer_write_with_key(writer, fd, ciphertext, size);

@@ -10,6 +10,7 @@
 #include "kslog_core.h"
 
 #include <kscryptolog.h>
+#include "kscryptolog_internal.h"
 #include <ksfork.h>
 #include <kspath.h>
 #include <kswrite.h>
@@ -392,8 +393,8 @@ void write_file_record(shared_file& file, const char* record, size_t length) {
         }
         if (fd >= 0) {
             // The header writer restores the position it found; records go after it.
-            if (fresh && crypto_log_layout_write_header(fd) == 0) ::lseek(fd, 0, SEEK_END);
-            if (g_state.writer) crypto_log_writer_encrypt(g_state.writer, fd, record, length);
+            if (fresh && crypto_log_layout_write_header(fd) == 0) size = ::lseek(fd, 0, SEEK_END);
+            if (g_state.writer) crypto_log_writer_encrypt_at(g_state.writer, fd, record, length, size);
             ::close(fd);
         }
     }
