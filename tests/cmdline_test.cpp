@@ -22,8 +22,8 @@ using parser_ptr = std::shared_ptr<cl::command_line_parser>;
 
 // argv built from strings, kept alive as long as the views the options take into it.
 struct argv_holder {
-    explicit argv_holder(std::vector<std::string> args) : strings(std::move(args)) {
-        strings.insert(strings.begin(), "prog");
+    explicit argv_holder(std::vector<std::string> args, std::string program = "prog") : strings(std::move(args)) {
+        strings.insert(strings.begin(), std::move(program));
         for (auto& s : strings) pointers.push_back(s.data());
         pointers.push_back(nullptr);
     }
@@ -49,15 +49,6 @@ struct declarations {
 std::string error_text() {
     const auto& e = ks::_get_kserrno();
     return std::string(ks::error_name(e.code)) + " " + std::string(e.message_view());
-}
-
-std::string escape_regex(const std::string& text) {
-    std::string out;
-    for (char c : text) {
-        if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
-        out += c;
-    }
-    return out;
 }
 
 std::string capture(const std::function<void(FILE*)>& print) {
@@ -100,14 +91,15 @@ struct daemon_line {
 
 TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    struct row {
+    auto started = [] {  // a line with the sub-commands start and stop
+        declarations d;
+        d.add<cl::sub_commands<int>>(cl::values(cl::value("start", 0), cl::value("stop", 1)));
+        return d;
+    };
+    const struct {
         const char* message;
         std::function<void()> declare;
-    };
-    auto with_start = [](declarations& d) {
-        d.add<cl::sub_commands<int>>(cl::values(cl::value("start", 0), cl::value("stop", 1)));
-    };
-    const row rows[] = {
+    } rows[] = {
         {"No type bit set", [] { raw_option o(cl::Positional | cl::Prefix); }},
         {"You must add storage to this option using ks::cl::storage()!",
          [] { declarations().add<cl::opt<int, true>>("x"); }},
@@ -120,11 +112,7 @@ TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
          [] { declarations().add<cl::opt<int>>("x", cl::SeparatedList); }},
         {"Subcommand does not exist: nope", [] { declarations().add<cl::flag>("x", cl::in("nope")); }},
         {"You have already defined the subcommands list",
-         [&] {
-             declarations d;
-             with_start(d);
-             d.add<cl::sub_commands<int>>(cl::values(cl::value("other", 5)));
-         }},
+         [&] { started().add<cl::sub_commands<int>>(cl::values(cl::value("other", 5))); }},
         {"Subcommand definition must be unnamed",
          [] { declarations().add<cl::sub_commands<int>>("s", cl::values(cl::value("a", 1))); }},
         {"Option has no parsable names",
@@ -142,25 +130,18 @@ TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
          }},
         {"Duplicate option name 'x' in subcommand 'stop'",
          [&] {
-             declarations d;
-             with_start(d);
+             declarations d = started();
              d.add<cl::flag>("x", cl::in("stop"));
              d.add<cl::flag>("x", cl::in("start", "stop"));
          }},
-        {"Option name cannot duplicate subcommand name",
-         [&] {
-             declarations d;
-             with_start(d);
-             d.add<cl::flag>("start", cl::in("start"));
-         }},
+        {"Option name cannot duplicate subcommand name", [&] { started().add<cl::flag>("start", cl::in("start")); }},
         {"Positionals must be named",
          [] { declarations().add<cl::opt<int>>(cl::Positional, cl::values(cl::value("a", 1))); }},
         {"Positionals cannot have aliases", [] { declarations().add<cl::opt<int>>("a", "b", cl::Positional); }},
         {"Only lists can be set as sinks", [] { declarations().add<cl::opt<int>>("a", cl::Positional | cl::Sink); }},
         {"You cannot set multiple sinks in subcommand 'start'",
          [&] {
-             declarations d;
-             with_start(d);
+             declarations d = started();
              d.add<cl::list<int>>("a", cl::Positional, cl::Sink);
              d.add<cl::list<int>>("b", cl::Positional, cl::Sink, cl::in("start"));
          }},
@@ -173,9 +154,8 @@ TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
         {"cl::separator() takes exactly one character",
          [] { declarations().add<cl::list<int>>("a", cl::SeparatedList, cl::separator("::")); }},
     };
-    for (const row& r : rows) {
-        SCOPED_TRACE(r.message);
-        EXPECT_DEATH(r.declare(), "^" + escape_regex(r.message) + "\n$");
+    for (const auto& r : rows) {
+        EXPECT_DEATH(r.declare(), ::testing::Matcher<const std::string&>(r.message + std::string("\n"))) << r.message;
     }
 }
 
@@ -242,34 +222,22 @@ struct tool_line {
     }
     std::string dump() const {
         std::string out;
-        auto show = [&out](const cl::detail::option_base& o, ks::string_view label, const std::string& value) {
-            if (o.occurrences() > 0) out += (out.empty() ? "" : " ") + std::string(label) + "=" + value;
+        auto show = [&out](const auto& o, const char* label) {
+            if (o.occurrences() > 0) out += (out.empty() ? "" : " ") + std::string(label) + "=" + text(o.value());
         };
-        show(x, "x", text(x.value()));
-        show(y, "y", text(y.value()));
-        show(verbose, "v", text(verbose.value()));
-        show(name, "name", text(*name));
-        show(log, "log", text(*log));
-        show(lib, "l", text(*lib));
-        show(count, "count", text(*count));
-        show(color, "color", text(*color));
-        show(tags, "tags", text(*tags));
-        show(nums, "nums", text(*nums));
-        show(level, "level", text(*level));
-        show(mode, "mode", text(*mode));
-        show(src, "src", text(*src));
-        show(port, "port", text(*port));
+        show(x, "x"), show(y, "y"), show(verbose, "v");
+        show(name, "name"), show(log, "log"), show(lib, "l"), show(count, "count"), show(color, "color");
+        show(tags, "tags"), show(nums, "nums"), show(level, "level"), show(mode, "mode");
+        show(src, "src"), show(port, "port");
         return out;
     }
 };
 
-struct parse_row {
-    std::vector<std::string> args;
-    std::string expected;  // dump() after success, or "<code name> <message>"
-};
-
 TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
-    const parse_row rows[] = {
+    const struct {
+        std::vector<std::string> args;
+        std::string expected;  // dump() after success, or "<code name> <message>"
+    } rows[] = {
         {{}, ""},
         // Flags toggle, alone or in clusters taken from the last letter.
         {{"-x"}, "x=1"},
@@ -277,7 +245,6 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-xyv"}, "x=1 y=1 v=1"},
         {{"-vxx"}, "x=0 v=1"},
         {{"-xyz"}, "E_NOENT Parameter 1: unknown option '-z'"},
-        {{"-qx"}, "E_NOENT Parameter 1: unknown option '-q'"},
         // Values after "=", as the next argument, or glued to a Prefix name.
         {{"-name=a"}, "name=a"},
         {{"-name", "a"}, "name=a"},
@@ -316,7 +283,7 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-"}, "E_INVAL Parameter 1: expected parameter name after '-'"},
         {{"--x"}, "E_NOENT Parameter 1: unknown option '--'"},
     };
-    for (const parse_row& r : rows) {
+    for (const auto& r : rows) {
         argv_holder a(r.args);
         SCOPED_TRACE(::testing::PrintToString(r.args));
         tool_line t;
@@ -358,39 +325,29 @@ TEST(CmdlineParse, TheSelectorChoosesTheSubCommandWhereverItStands) {
 }
 
 TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
-    using decl = std::function<void(declarations&, int&)>;
-    auto shared = [](cl::occurrence_bounds bounds) -> decl {
-        return [bounds](declarations& d, int& slot) {
-            d.add<cl::opt<int, true>>("a", cl::storage(slot), bounds);
-            d.add<cl::opt<int, true>>("b", cl::storage(slot), bounds);
+    using decl = std::function<void(declarations&)>;
+    int slot = 0;  // storage shared by "a" and "b" makes them one occurrence group
+    auto shared = [&slot](cl::occurrence_bounds b) -> decl {
+        return [&slot, b](declarations& d) {
+            d.add<cl::opt<int, true>>("a", cl::storage(slot), b);
+            d.add<cl::opt<int, true>>("b", cl::storage(slot), b);
         };
     };
-    auto named = [](auto bounds) -> decl {
-        return [bounds](declarations& d, int&) { d.add<cl::opt<int>>("a", bounds); };
+    auto named = [](cl::occurrence_bounds b) -> decl { return [b](declarations& d) { d.add<cl::opt<int>>("a", b); }; };
+    auto listed = [](cl::occurrence_bounds b) -> decl { return [b](declarations& d) { d.add<cl::list<int>>("l", b); }; };
+    auto unnamed = [](cl::occurrence_bounds b) -> decl {
+        return [b](declarations& d) { d.add<cl::opt<int>>(cl::values(cl::value("fast", 1), cl::value("slow", 2)), b); };
     };
-    auto listed = [](auto bounds) -> decl {
-        return [bounds](declarations& d, int&) { d.add<cl::list<int>>("l", bounds); };
-    };
-    auto unnamed = [](auto bounds) -> decl {
-        return [bounds](declarations& d, int&) {
-            d.add<cl::opt<int>>(cl::values(cl::value("fast", 1), cl::value("slow", 2)), bounds);
-        };
+    auto sink = [](cl::occurrence_bounds b) -> decl {
+        return [b](declarations& d) { d.add<cl::list<int>>("files", cl::Positional, cl::Sink, b); };
     };
     auto positionals = [](std::vector<std::pair<const char*, bool>> required) -> decl {
-        return [required](declarations& d, int&) {
-            for (auto [name, needed] : required) {
+        return [required](declarations& d) {
+            for (auto [name, needed] : required)
                 d.add<cl::opt<ks::string_view>>(name, cl::Positional, needed ? cl::required : cl::optional);
-            }
         };
     };
-    auto point = [](declarations& d, int&) {
-        d.add<cl::list<int>>("point", cl::Positional, cl::SeparatedList, cl::exactly(3));
-    };
-    auto sink = [](cl::occurrence_bounds bounds) -> decl {
-        return [bounds](declarations& d, int&) {
-            d.add<cl::list<int>>("files", cl::Positional, cl::Sink, bounds);
-        };
-    };
+    auto point = [](declarations& d) { d.add<cl::list<int>>("point", cl::Positional, cl::SeparatedList, cl::exactly(3)); };
     const struct {
         decl declare;
         std::vector<std::string> args;
@@ -406,8 +363,6 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
         {shared(cl::at_most(1)), {"-b=2"}, "ok"},
         {unnamed(cl::at_most(1)), {"-fast", "-slow"},
          "E_FAULT fast|slow: any of these options can be specified at most once"},
-        {unnamed(cl::at_most(2)), {"-fast", "-slow", "-fast"},
-         "E_FAULT fast|slow: these options can be used at most 2 times (in any combination)"},
         {named(cl::exactly(1)), {}, "E_NOENT Option '-a' must be specified exactly once"},
         {named(cl::required), {}, "E_NOENT Option '-a' must be specified at least once"},
         {named(cl::at_least(2)), {"-a=1"}, "E_NOENT Option '-a' must be specified at least 2 times"},
@@ -419,15 +374,12 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
         {shared(cl::exactly(2)), {"-b=1"},
          "E_NOENT One or more of the following options must be specified exactly 2 times: -a|-b"},
         {shared(cl::exactly(2)), {"-b=1", "-a=2"}, "ok"},
-        {[](declarations& d, int&) { d.add<cl::flag>("f", cl::required); }, {}, "E_NOENT Required option 'f' not found"},
+        {[](declarations& d) { d.add<cl::flag>("f", cl::required); }, {}, "E_NOENT Required option 'f' not found"},
         {listed(cl::exactly(1)), {}, "E_NOENT Option '-l' must be used exacly once"},
         {listed(cl::exactly(2)), {"-l=1"}, "E_NOENT Option '-l' must be used exactly 2 times"},
         {listed(cl::required), {}, "E_NOENT Option '-l' must be used at least once"},
         {listed(cl::at_least(3)), {"-l=1", "-l", "2"}, "E_NOENT Option '-l' must be used at least 3 times"},
         {unnamed(cl::required), {}, "E_NOENT One of the following options must be specified at least once: fast|slow"},
-        {unnamed(cl::exactly(1)), {}, "E_NOENT One of the following options must be specified exactly once: fast|slow"},
-        {unnamed(cl::at_least(2)), {"-slow"},
-         "E_NOENT One or more of the following options must be specified at least 2 times: fast|slow"},
         {unnamed(cl::exactly(2)), {"-slow"},
          "E_NOENT One or more of the following options must be specified exactly 2 times: fast|slow"},
         {positionals({{"src", true}}), {}, "E_NOENT Required parameter <src> is missing"},
@@ -448,26 +400,21 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
     for (const auto& r : rows) {
         SCOPED_TRACE(r.expected);
         declarations d;
-        int slot = 0;
-        r.declare(d, slot);
+        r.declare(d);
         argv_holder a(r.args);
         EXPECT_EQ(d.parser->parse(a.argc(), a.argv()) ? std::string("ok") : error_text(), r.expected);
     }
 }
 
 TEST(CmdlineParse, ParseBoolAcceptsExactlyItsSevenTexts) {
-    const struct {
-        const char* text;
-        bool accepted;
-        bool value;
-    } rows[] = {{"", true, true},     {"true", true, true},  {"yes", true, true},   {"1", true, true},
-                {"false", true, false}, {"no", true, false}, {"0", true, false},   {"TRUE", false, false},
-                {"Yes", false, false},  {"2", false, false}, {"true ", false, false}, {"off", false, false}};
-    for (const auto& r : rows) {
-        bool value = !r.value;
-        EXPECT_EQ(cl::detail::option_parser<bool>::parse_bool(r.text, value), r.accepted) << r.text;
-        if (r.accepted) {
-            EXPECT_EQ(value, r.value) << r.text;
+    // 1 and 0: accepted as true and false; -1: refused.
+    const std::pair<const char*, int> rows[] = {{"", 1},     {"true", 1}, {"yes", 1},    {"1", 1},     {"false", 0},
+                                                {"no", 0},   {"0", 0},    {"TRUE", -1},  {"Yes", -1},  {"2", -1},
+                                                {"true ", -1}, {"off", -1}};
+    for (auto [text, expected] : rows) {
+        for (bool value : {false, true}) {
+            const bool accepted = cl::detail::option_parser<bool>::parse_bool(text, value);
+            EXPECT_EQ(accepted ? int(value) : -1, expected) << text;
         }
     }
 }
@@ -483,9 +430,7 @@ TEST(CmdlineHelp, SynopsisAndHelpOfAProgramWithSubCommands) {
                                    cl::value_name("KEY")};
     cl::opt<ks::string_view> out{on, "out", cl::Positional, cl::in("stop")};
     cl::list<ks::string_view> rest{on, "rest", cl::Positional, cl::Sink, cl::in("version")};
-    argv_holder a({});
-    a.strings[0] = "ksd";
-    a.pointers[0] = a.strings[0].data();
+    argv_holder a({}, "ksd");
     ASSERT_TRUE(d.parser->parse(a.argc(), a.argv())) << error_text();
 
     const std::string usage =
