@@ -1,0 +1,57 @@
+// Scaffolding shared by the crypto and encrypted-log tests: key files made at test time and
+// the openssl command lines that act as the independent peer.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "kstest.h"
+
+namespace kstest {
+
+inline std::string quoted(const std::string& path) { return "'" + path + "'"; }
+
+// Key files made once per test program: the RSA pairs "priv.pem"/"pub.pem" and
+// "other.pem"/"otherpub.pem", and an EC pair "ec.pem"/"ecpub.pem" (a key of the wrong type).
+inline std::string test_key(const char* name) {
+    static TempDir keys;
+    static const bool made = make_rsa_keypair(keys / "priv.pem", keys / "pub.pem") &&
+                             make_rsa_keypair(keys / "other.pem", keys / "otherpub.pem") &&
+                             run("openssl ecparam -name prime256v1 -genkey -noout -out " + quoted(keys / "ec.pem") +
+                                 " 2>/dev/null && openssl ec -in " + quoted(keys / "ec.pem") + " -pubout -out " +
+                                 quoted(keys / "ecpub.pem") + " 2>/dev/null") == 0;
+    EXPECT_TRUE(made) << "openssl could not make the test keys";
+    return keys / name;
+}
+
+// The standard output of a shell command as a descriptor; closing it waits for the command,
+// which a reader that stopped early has ended with SIGPIPE.
+class PipeFrom {
+public:
+    explicit PipeFrom(const std::string& command) : pipe_(::popen(command.c_str(), "r")) {}
+    ~PipeFrom() {
+        if (pipe_) ::pclose(pipe_);
+    }
+    PipeFrom(const PipeFrom&) = delete;
+    PipeFrom& operator=(const PipeFrom&) = delete;
+    int fd() const { return pipe_ ? ::fileno(pipe_) : -1; }
+
+private:
+    FILE* pipe_;
+};
+
+// "openssl enc" for AES-256-CBC with a raw key and IV (hexadecimal) and no salt.
+inline std::string openssl_aes(const std::string& key_hex, const std::string& iv_hex, const std::string& args) {
+    return "openssl enc -aes-256-cbc -nosalt -K " + key_hex + " -iv " + iv_hex + " " + args;
+}
+
+// Decrypts the RSA PKCS#1 v1.5 block in `file` with "priv.pem"; returns openssl's status.
+inline int openssl_rsa_decrypt(const std::string& file, std::string* plain) {
+    return run("openssl pkeyutl -decrypt -pkeyopt rsa_padding_mode:pkcs1 -inkey " + quoted(test_key("priv.pem")) +
+                   " -in " + quoted(file),
+               plain);
+}
+
+}  // namespace kstest
