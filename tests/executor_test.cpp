@@ -15,12 +15,12 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "kstest.h"
+#include "kslogcapture.h"
 
 using namespace std::chrono_literals;
 using Type = ks::Executor::EventType;
+using kstest::has_record;
 
 namespace {
 
@@ -39,53 +39,10 @@ long timer_ms(int tfd, bool interval) {
     return ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
 }
 
-// Whether `text` holds `pattern`, where '*' stands for any run of characters within a line.
-bool has_record(const std::string& text, const std::string& pattern) {
-    std::vector<std::string> pieces(1);
-    for (char c : pattern) {
-        if (c == '*') pieces.emplace_back();
-        else pieces.back().push_back(c);
-    }
-    for (size_t start = text.find(pieces[0]); start != std::string::npos; start = text.find(pieces[0], start + 1)) {
-        size_t pos = start + pieces[0].size(), i = 1;
-        for (; i < pieces.size(); ++i) {
-            const size_t at = text.find(pieces[i], pos);
-            if (at == std::string::npos || text.find('\n', pos) < at) break;
-            pos = at + pieces[i].size();
-        }
-        if (i == pieces.size()) return true;
-    }
-    return false;
-}
-
-// What the default channel logs at trace level while `fn` runs, read from standard error.
-class LogCapture {
-public:
-    LogCapture() {
-        const std::string config = root_ / "etc/logging/capture.json";
-        kstest::write_file(config, R"({"action":"update","channels":{"default":[{"file":":stderr","level":"trace"}]}})");
-        started_ = ks::log::start("executor_test", root_.path().c_str(), config.c_str());
-    }
-    ~LogCapture() {
-        if (started_) ks::log::stop();
-    }
-    bool started() const { return started_; }
-    template <class Fn>
-    std::string during(Fn fn) {
-        testing::internal::CaptureStderr();
-        fn();
-        return testing::internal::GetCapturedStderr();
-    }
-
-private:
-    kstest::InstallRoot root_;
-    bool started_ = false;
-};
-
 }  // namespace
 
 TEST(Executor, RegistrationResultsAndLogRecords) {
-    LogCapture log;
+    kstest::LogCapture log("executor_test");
     ASSERT_TRUE(log.started());
     const int efd = new_eventfd(), file = ::open("/proc/self/status", O_RDONLY | O_CLOEXEC);
     const std::string fd = std::to_string(efd), next = std::to_string(efd + 2);
@@ -144,10 +101,10 @@ TEST(Executor, DispatchRules) {
     for (bool watch_read_end : {true, false}) {
         int p[2];
         ASSERT_EQ(::pipe2(p, O_NONBLOCK | O_CLOEXEC), 0);
-        const int watched = watch_read_end ? p[0] : p[1];
+        const int watched = p[watch_read_end ? 0 : 1];
         int calls = 0;
         ASSERT_EQ(loop.add(watched, EPOLLIN, [&] { return ++calls, 0; }), 0);
-        ::close(watch_read_end ? p[1] : p[0]);  // EPOLLHUP on the read end, EPOLLERR on the write end
+        ::close(p[watch_read_end ? 1 : 0]);  // EPOLLHUP on the read end, EPOLLERR on the write end
         EXPECT_TRUE(loop.tick(0ms));
         EXPECT_EQ(calls, 0) << (watch_read_end ? "EPOLLHUP" : "EPOLLERR");
         EXPECT_EQ(loop.del(watched), 0);
@@ -156,33 +113,26 @@ TEST(Executor, DispatchRules) {
 
     // Readable and writable at once: one call per tick; only -1 unregisters, closing nothing.
     for (int result : {0, 1, 42, -2, -1}) {
-        int sv[2];
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, sv), 0);
-        ASSERT_EQ(::write(sv[1], "x", 1), 1);
+        kstest::SocketPair sp;
+        ASSERT_EQ(::write(sp.peer, "x", 1), 1);
         int calls = 0;
-        ASSERT_EQ(loop.add(sv[0], EPOLLIN | EPOLLOUT, [&] { return ++calls, result; }), 0);
+        ASSERT_EQ(loop.add(sp.ours, EPOLLIN | EPOLLOUT, [&] { return ++calls, result; }), 0);
         EXPECT_EQ(loop.tick(1000ms), result != -1) << result;
         loop.tick(0ms);
         EXPECT_EQ(calls, result == -1 ? 1 : 2) << result;
-        EXPECT_TRUE(is_open(sv[0]));
-        if (result != -1) loop.del(sv[0]);
-        ::close(sv[0]), ::close(sv[1]);
+        EXPECT_TRUE(is_open(sp.ours));
+        if (result != -1) loop.del(sp.ours);
     }
 
-    // mod without a callback changes only the mask; with one, the callback too.
+    // mod without a callback changes only the mask; a callback may replace or remove itself,
+    // and what it captured stays alive until it returns.
     const int efd = new_eventfd();
+    const std::string label(100, 'x');
     std::string last;
     ASSERT_EQ(loop.add(efd, EPOLLIN, [&] { return last = "first", 0; }), 0);
     ASSERT_EQ(loop.mod(efd, EPOLLOUT, nullptr), 0);  // an eventfd is always writable
     loop.tick(1000ms);
     EXPECT_EQ(last, "first");
-    ASSERT_EQ(loop.mod(efd, EPOLLOUT, [&] { return last = "second", 0; }), 0);
-    loop.tick(1000ms);
-    EXPECT_EQ(last, "second");
-    EXPECT_EQ(loop.events[efd].type, Type::descriptor);
-
-    // A callback may remove or replace itself; what it captured stays alive until it returns.
-    const std::string label(100, 'x');
     ASSERT_EQ(loop.mod(efd, EPOLLOUT, [&, efd, label] {
         loop.mod(efd, EPOLLOUT, [&, efd, label] { return loop.del(efd), last = label + "!", 0; });
         return last = label, 0;
@@ -194,30 +144,26 @@ TEST(Executor, DispatchRules) {
     ::close(efd);
 }
 
-TEST(Executor, CallbacksSeeTheTableAsItIsNow) {
+// Whichever of two ready descriptors runs first deletes the other, or replaces its callback:
+// the rest of the batch sees the table as it is now.
+TEST(Executor, DeleteAndReAddInsideABatch) {
     ks::Executor loop;
     const int fds[2] = {new_eventfd(), new_eventfd()};
-    std::vector<std::string> calls;
-    // Whichever runs first re-registers the other with a new callback (or only deletes it).
     for (bool re_add : {true, false}) {
-        calls.clear();
+        std::string calls;
         for (int i = 0; i < 2; ++i) {
-            const int self = fds[i], other = fds[1 - i];
-            ASSERT_EQ(loop.add(self, EPOLLIN, [&, other, re_add] {
-                calls.push_back("old");
+            ASSERT_EQ(loop.add(fds[i], EPOLLIN, [&, other = fds[1 - i], re_add] {
+                calls += "old ";
                 EXPECT_EQ(loop.del(other), 0);
-                if (re_add) loop.add(other, EPOLLIN, [&] { return calls.push_back("new"), 0; });
+                if (re_add) loop.add(other, EPOLLIN, [&] { return calls += "new", 0; });
                 return 0;
             }), 0);
-            ASSERT_TRUE(ks::eventfd_notify(self));
+            ASSERT_TRUE(ks::eventfd_notify(fds[i]));
         }
         loop.tick(1000ms);
-        const std::vector<std::string> expected = re_add ? std::vector<std::string>{"old", "new"} : std::vector<std::string>{"old"};
-        EXPECT_EQ(calls, expected);
+        EXPECT_EQ(calls, re_add ? "old new" : "old ");
         EXPECT_EQ(loop.count, re_add ? 2 : 1);
-        for (int fd : fds)
-            if (loop.events[fd].type != Type::none) loop.del(fd);
-        for (int fd : fds) ks::eventfd_read_notification(fd);
+        for (int fd : fds) loop.del(fd), ks::eventfd_read_notification(fd);
     }
     for (int fd : fds) ::close(fd);
 }
@@ -229,7 +175,6 @@ TEST(Executor, TimersFollowTheCallbackResult) {
     size_t calls = 0;
     const int tfd = loop.start_timer(1h, [&] { return results[calls++]; });
     ASSERT_GE(tfd, 0);
-    EXPECT_EQ(loop.events[tfd].type, Type::timer);
     for (size_t expected = 1; expected <= 3; ++expected) {
         tick_until(loop, [&] { return calls == expected; });
         ASSERT_EQ(calls, expected);
@@ -281,31 +226,26 @@ TEST(TimerHelpers, ArmStopAndClose) {
     ASSERT_GE(fd, 0);
     EXPECT_EQ(ks::timer_tick(fd), 0u) << "nothing pending";
     ASSERT_EQ(ks::timer_start(fd, 2, 0), 0);
-    EXPECT_GT(timer_ms(fd, false), 1000);
-    EXPECT_EQ(timer_ms(fd, true), 0) << "one-shot";
     EXPECT_EQ(ks::timer_start_ms(fd, 1, 1), 0) << "running: accepted, unchanged";
     EXPECT_GT(timer_ms(fd, false), 1000);
+    EXPECT_EQ(timer_ms(fd, true), 0) << "one-shot";
     ASSERT_EQ(ks::timer_stop(fd), 0);
     EXPECT_FALSE(ks::timer_is_running(fd));
     EXPECT_EQ(ks::timer_uninit(fd), 0);
-    EXPECT_FALSE(is_open(fd));
     EXPECT_EQ(ks::timer_tick(fd), ~uint64_t(0)) << "closed";
     EXPECT_EQ(ks::timer_uninit(fd), -1);
     EXPECT_EQ(ks::_get_kserrno().code, ks::E_SYSTEM);
 }
 
 TEST(EpollEventsToString, ModifiersThenEvents) {
-    const struct {
-        unsigned events;
-        const char* text;
-    } cases[] = {
+    const std::pair<unsigned, const char*> cases[] = {
         {0, "MODS: (none), EVENTS: (none)"},
-        {2147483653u, "MODS: ET, EVENTS: IN OUT"},
+        {EPOLLET | EPOLLIN | EPOLLOUT, "MODS: ET, EVENTS: IN OUT"},
         {EPOLLHUP | EPOLLERR | EPOLLPRI | EPOLLRDHUP | EPOLLOUT | EPOLLIN, "MODS: (none), EVENTS: IN OUT RDHUP PRI ERR HUP"},
         {EPOLLEXCLUSIVE | EPOLLWAKEUP | EPOLLONESHOT | EPOLLET, "MODS: ET ONESHOT WAKEUP EXCLUSIVE, EVENTS: (none)"},
-        {EPOLLMSG | EPOLLRDNORM | EPOLLONESHOT, "MODS: ONESHOT, EVENTS: (none)"},
+        {EPOLLMSG | EPOLLRDNORM | EPOLLONESHOT, "MODS: ONESHOT, EVENTS: (none)"},  // unnamed bits are left out
     };
-    for (const auto& c : cases) EXPECT_STREQ(ks::epoll_events_to_string(c.events), c.text) << c.events;
+    for (const auto& [events, text] : cases) EXPECT_STREQ(ks::epoll_events_to_string(events), text) << events;
     const char* mine = ks::epoll_events_to_string(EPOLLIN);
     std::thread([] { ks::epoll_events_to_string(EPOLLOUT); }).join();
     EXPECT_STREQ(mine, "MODS: (none), EVENTS: IN") << "the buffer belongs to the calling thread";
