@@ -5,18 +5,16 @@
 
 #include <ksutils/process_lock.h>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
+#include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <regex>
 #include <set>
@@ -24,8 +22,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -50,19 +46,14 @@ struct ProcIds {
 ProcIds proc_ids(pid_t pid) {
     const std::string stat = kstest::read_file("/proc/" + std::to_string(pid) + "/stat");
     ProcIds ids;
-    const auto close = stat.rfind(')');
-    if (close == std::string::npos) return ids;
-    std::istringstream in(stat.substr(close + 2));
-    char state;
-    in >> state >> ids.ppid >> ids.pgrp >> ids.session;
+    if (const auto close = stat.rfind(')'); close != std::string::npos)
+        std::sscanf(stat.c_str() + close + 2, "%*c %ld %ld %ld", &ids.ppid, &ids.pgrp, &ids.session);
     return ids;
 }
 
 std::string fd_target(pid_t pid, int fd) {
-    char buf[4096];
-    const std::string link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
-    const ssize_t n = ::readlink(link.c_str(), buf, sizeof buf);
-    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+    std::error_code ec;
+    return std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd), ec).string();
 }
 
 std::vector<std::string> lines_of(const std::string& text) {
@@ -102,6 +93,7 @@ protected:
     // `stderr_too` is false).
     int daemon(const std::string& args, std::string* output = nullptr, const std::string& mode = "normal",
                bool stderr_too = true) {
+        if (output) output->clear();
         return kstest::run(env(mode) + "'" + kDaemon + "' " + args + (stderr_too ? " 2>&1" : " 2>/dev/null"), output);
     }
 
@@ -130,25 +122,22 @@ protected:
         return lock.holder_pid(pid) == 1 ? pid : -1;
     }
 
-    // Starts a program without waiting for it; stdout and stderr go to `output_file`.
-    pid_t spawn(const std::vector<std::string>& args, const std::vector<std::string>& extra_env,
-                const std::string& output_file) {
+    // Starts a program as our child without waiting for it; stdout and stderr go to
+    // `output_file`. Environment settings go first, as /usr/bin/env arguments.
+    pid_t spawn(std::vector<std::string> args, const std::string& output_file) {
+        args.insert(args.begin(), "/usr/bin/env");
         std::vector<char*> argv;
-        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        for (auto& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
-        std::vector<std::string> env_text(extra_env);
-        for (char** e = environ; *e; ++e) env_text.emplace_back(*e);
-        std::vector<char*> envp;
-        for (auto& e : env_text) envp.push_back(e.data());
-        envp.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        pid_t pid = -1;
-        const int rc = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-        posix_spawn_file_actions_destroy(&actions);
-        if (rc != 0) return -1;
+        const int out = ::open(output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::dup2(out, 1);
+            ::dup2(out, 2);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        ::close(out);
         children_.push_back(pid);
         return pid;
     }
@@ -162,24 +151,15 @@ protected:
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    // The settings server on this install root, ready to accept connections.
+    // The settings server on this install root, once it answers a request.
     bool start_settings_server() {
-        const pid_t pid = spawn({kstest::tool_path("kssetter"), "-root", root_.path()}, {}, root_ / "kssetter.out");
-        const std::string socket = root_ / "var/run/kssetmgmt.skt";
-        return wait_for([&] {
-            int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            sockaddr_un a{};
-            a.sun_family = AF_UNIX;
-            std::snprintf(a.sun_path, sizeof a.sun_path, "%s", socket.c_str());
-            const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-            ::close(fd);
-            return ok || !alive(pid);
-        }) && alive(pid);
+        const pid_t pid = spawn({kstest::tool_path("kssetter"), "-root", root_.path()}, root_ / "kssetter.out");
+        return wait_for([&] { return set_key("/kstest/ready", "1") == 0 || !alive(pid); }) && alive(pid);
     }
 
     int set_key(const std::string& key, const std::string& value) {
         return kstest::run("'" + kstest::tool_path("kssetmgmt") + "' -root '" + root_.path() + "' set '" + key + "' '" +
-                           value + "' 2>&1");
+                           value + "' >/dev/null 2>&1");
     }
 
     kstest::InstallRoot root_;
@@ -231,24 +211,15 @@ TEST_F(DaemonTest, StartDetachesLocksThePidFileAndStops) {
     EXPECT_EQ(std::to_string(pid) + "\n", kstest::read_file(root_ / ("var/run/" + kName + ".pid")));
 
     // A second start is refused by the detached process, through the report pipe.
-    out.clear();
     EXPECT_EQ(127, daemon("-start", &out));
     EXPECT_EQ("Error: Daemon '" + kName + "' is already running with pid " + std::to_string(pid) + "\n", out);
     EXPECT_TRUE(alive(pid));
 
-    out.clear();
     EXPECT_EQ(0, daemon("-stop", &out, "normal", false));
     EXPECT_TRUE(std::regex_match(out, std::regex("Sending stop signal to " + std::to_string(pid) + " \\.* done\n"))) << out;
     EXPECT_TRUE(wait_for([&] { return !alive(pid); }));
     EXPECT_EQ(-1, pidfile_holder());
-
-    // The callback comes after the descriptors and the flag; the run callback returns last.
-    const auto all = events();
-    const auto at = [&](const std::string& event) { return std::find(all.begin(), all.end(), event) - all.begin(); };
-    const auto exit_at = at("exit 3 pid=" + std::to_string(pid));
-    EXPECT_LT(at("callback flag=1 stop_fd=readable"), exit_at);
-    EXPECT_LT(at("pipe byte=1"), exit_at);
-    EXPECT_LT(exit_at, static_cast<long>(all.size()));
+    EXPECT_TRUE(has_event("exit 3 pid=" + std::to_string(pid)));
 }
 
 TEST_F(DaemonTest, SignalsReachEveryStopNotification) {
@@ -272,15 +243,12 @@ TEST_F(DaemonTest, SignalsReachEveryStopNotification) {
         ASSERT_EQ(0, ::kill(pid, c.signal));
         const std::string exit_line = std::string("exit ") + c.exit_status + " pid=" + std::to_string(pid);
         ASSERT_TRUE(wait_for([&] { return has_event(exit_line); })) << c.mode << " " << c.signal;
-        std::vector<std::string> seen;
+        // The run loop and the stop callback run on different threads: compare as sets.
+        std::multiset<std::string> seen;
         for (const auto& line : events())
             if (line.rfind("callback", 0) == 0 || line.rfind("pipe", 0) == 0 || line.rfind("flag", 0) == 0)
-                seen.push_back(line);
-        // The run loop and the stop callback run on different threads: compare as sets.
-        std::sort(seen.begin(), seen.end());
-        std::vector<std::string> expected = c.after_run;
-        std::sort(expected.begin(), expected.end());
-        EXPECT_EQ(expected, seen) << c.mode << " " << c.signal;
+                seen.insert(line);
+        EXPECT_EQ(std::multiset<std::string>(c.after_run.begin(), c.after_run.end()), seen) << c.mode << " " << c.signal;
         EXPECT_EQ(exit_line, events().back()) << "the run callback returns after the notifications";
         EXPECT_TRUE(wait_for([&] { return !alive(pid); }));
     }
@@ -295,12 +263,11 @@ TEST_F(DaemonTest, StopGivesUpOnADaemonIgnoringTerm) {
     EXPECT_EQ("Sending stop signal to " + std::to_string(pid) + " ..." + std::string(20, '.') + " failed\n", out);
     EXPECT_TRUE(alive(pid));
     EXPECT_TRUE(has_event("callback flag=1 stop_fd=readable")) << "the notifications were given";
-    ::kill(pid, SIGKILL);
 }
 
 TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnTerm) {
-    const pid_t pid = spawn({kDaemon, "-start", "-no-detach"},
-                            {"KS_INSTALL_ROOT=" + root_.path(), "KSTEST_EVENTS=" + events_file(), "KSTEST_MODE=normal"},
+    const pid_t pid = spawn({"KS_INSTALL_ROOT=" + root_.path(), "KSTEST_EVENTS=" + events_file(), kDaemon, "-start",
+                             "-no-detach"},
                             root_ / "daemon.out");
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(wait_for([&] { return has_event("run pid=" + std::to_string(pid)); })) << "runs in the started process";
@@ -324,7 +291,7 @@ TEST_F(DaemonTest, BadStartupEnvironments) {
     };
     const std::string run_dir = root_ / "var/run";
     const Case cases[] = {
-        {"missing install root", [] {}, "-start", "normal", 1, "Error: kslog setup failed"},
+        {"missing install root", [] {}, "-start", "normal KS_INSTALL_ROOT=/nonexistent/root", 1, "Error: kslog setup failed"},
         {"var/run not a directory", [&] { kstest::run("rm -rf '" + run_dir + "' && touch '" + run_dir + "'"); }, "-start",
          "normal", 127, "Error: Failed to open PID file '" + run_dir + "/" + kName + ".pid': Not a directory"},
         {"var/run not a directory, no detach", [] {}, "-start -no-detach", "normal", 127,
@@ -337,35 +304,13 @@ TEST_F(DaemonTest, BadStartupEnvironments) {
     for (const Case& c : cases) {
         c.prepare();
         std::string out;
-        const std::string root_env = std::string(c.name) == "missing install root" ? "KS_INSTALL_ROOT=/nonexistent/root "
-                                                                                     : "";
-        const int status = kstest::run("cd '" + root_.path() + "' && " + env(c.mode) + root_env + "'" + kDaemon + "' " +
-                                           c.args + " 2>&1",
+        const int status = kstest::run("cd '" + root_.path() + "' && " + env(c.mode) + "'" + kDaemon + "' " + c.args + " 2>&1",
                                        &out);
         EXPECT_EQ(c.status, status) << c.name << "\n" << out;
         EXPECT_NE(out.find(c.expected), std::string::npos) << c.name << "\n" << out;
         EXPECT_EQ(-1, pidfile_holder()) << c.name;
     }
     for (const auto& line : events()) EXPECT_EQ(std::string::npos, line.find("run pid")) << line;
-}
-
-TEST_F(DaemonTest, StalePidFileOfAKilledDaemonDoesNotBlockAStart) {
-    ASSERT_EQ(0, daemon("-start"));
-    const pid_t first = wait_running();
-    ASSERT_GT(first, 0);
-    ::kill(first, SIGKILL);
-    ASSERT_TRUE(wait_for([&] { return !alive(first); }));
-    EXPECT_EQ(std::to_string(first) + "\n", kstest::read_file(root_ / ("var/run/" + kName + ".pid"))) << "left behind";
-
-    kstest::run("rm -f '" + events_file() + "'");
-    std::string out;
-    ASSERT_EQ(0, daemon("-start", &out)) << out;
-    const pid_t second = wait_running();
-    ASSERT_GT(second, 0);
-    EXPECT_NE(first, second);
-    EXPECT_EQ(second, pidfile_holder());
-    ::kill(second, SIGTERM);
-    EXPECT_TRUE(wait_for([&] { return !alive(second); }));
 }
 
 TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
@@ -403,7 +348,6 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     kstest::write_file(config, R"({"action":"update","channels":{"default":[)"
                                R"({"file":"$INSTALL_PATH/var/log/$IDENTITY","level":"info"},)"
                                R"({"file":"$INSTALL_PATH/var/log/runtime-output","level":"trace"}]}})");
-    out.clear();
     EXPECT_EQ(0, daemon("-execute-log-config -log-config='" + config + "'", &out)) << out;
     EXPECT_EQ("Static log config validation OK. Sending log config '" + config + "' to daemon ...\n", out);
     const std::string new_output = root_ / "var/log/runtime-output.0";
@@ -419,7 +363,6 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
 
     // A file that is not a log configuration is refused before it reaches the daemon.
     kstest::write_file(root_ / "bad.json", "not json");
-    out.clear();
     EXPECT_EQ(127, daemon("-execute-log-config -log-config='" + root_ / "bad.json" + "'", &out));
     EXPECT_EQ("Error: Static log config validation failed for '" + root_ / "bad.json" + "'. Please check logs.\n", out);
     std::string key;
@@ -430,12 +373,11 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     EXPECT_EQ(127, daemon("-execute-log-config -log-config=/no/such/file.json", &out));
     EXPECT_NE(out.find("Error: Failed to resolve path '/no/such/file.json'"), std::string::npos) << out;
 
-    out.clear();
     EXPECT_EQ(0, daemon("-stop", &out, "normal", false)) << out;
     EXPECT_TRUE(wait_for([&] { return !alive(pid); }));
 }
 
-TEST_F(DaemonTest, CrashLeavesAReportWithABacktrace) {
+TEST_F(DaemonTest, CrashLeavesAReportAndAStalePidFileThatDoesNotBlockAStart) {
     ASSERT_EQ(0, daemon("-start", nullptr, "crash"));
     const pid_t pid = wait_running();
     ASSERT_GT(pid, 0);
@@ -446,12 +388,20 @@ TEST_F(DaemonTest, CrashLeavesAReportWithABacktrace) {
     const std::string file = kName + "-" + std::to_string(pid) + "-";
     ASSERT_EQ(0u, listing.find(file)) << listing;
     const std::string report = kstest::read_file(dir + "/" + lines_of(listing).at(0));
-    for (const std::string& text : {"program: " + kName, "pid: " + std::to_string(pid), std::string("signal: 11 (SIGSEGV)"),
-                                   std::string("fault address: 0x0000000000000000"), std::string("backtrace:\n"),
-                                   std::string("run_daemon"), std::string("memory map:\n"), std::string("[stack]"),
-                                   std::string("end of report\n")})
+    // The report's layout is the crash reporter's tests' business; here: the daemon's name and its frames.
+    for (const std::string& text : {"program: " + kName, std::string("signal: 11 (SIGSEGV)"), std::string("backtrace:\n"),
+                                   std::string("run_daemon"), std::string("end of report\n")})
         EXPECT_NE(report.find(text), std::string::npos) << text << "\n" << report;
     EXPECT_EQ(-1, pidfile_holder()) << "the lock died with the process";
+    EXPECT_EQ(std::to_string(pid) + "\n", kstest::read_file(root_ / ("var/run/" + kName + ".pid"))) << "left behind";
+
+    kstest::run("rm -f '" + events_file() + "'");
+    std::string out;
+    ASSERT_EQ(0, daemon("-start", &out)) << out;
+    const pid_t second = wait_running();
+    ASSERT_GT(second, 0);
+    EXPECT_EQ(second, pidfile_holder());
+    EXPECT_EQ(0, daemon("-stop", &out)) << out;
 }
 
 }  // namespace
