@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "kstest.h"
@@ -26,21 +27,10 @@ inline std::string test_key(const char* name) {
     return keys / name;
 }
 
-// The standard output of a shell command as a descriptor; closing it waits for the command,
-// which a reader that stopped early has ended with SIGPIPE.
-class PipeFrom {
-public:
-    explicit PipeFrom(const std::string& command) : pipe_(::popen(command.c_str(), "r")) {}
-    ~PipeFrom() {
-        if (pipe_) ::pclose(pipe_);
-    }
-    PipeFrom(const PipeFrom&) = delete;
-    PipeFrom& operator=(const PipeFrom&) = delete;
-    int fd() const { return pipe_ ? ::fileno(pipe_) : -1; }
-
-private:
-    FILE* pipe_;
-};
+// The standard output of a shell command (read it through fileno); closing it waits for the
+// command, which a reader that stopped early has ended with SIGPIPE.
+using PipeFrom = std::unique_ptr<FILE, int (*)(FILE*)>;
+inline PipeFrom pipe_from(const std::string& command) { return PipeFrom(::popen(command.c_str(), "r"), &::pclose); }
 
 // "openssl enc" for AES-256-CBC with a raw key and IV (hexadecimal) and no salt.
 inline std::string openssl_aes(const std::string& key_hex, const std::string& iv_hex, const std::string& args) {

@@ -72,9 +72,9 @@ protected:
     // reads return partial blocks; the output lands in the file `out`.
     int file_form(int (*form)(int, int, const unsigned char*, const unsigned char*), const std::string& in,
                   const std::string& out) {
-        kstest::PipeFrom dd("dd status=none bs=37 if=" + quoted(in));
+        const kstest::PipeFrom dd = kstest::pipe_from("dd status=none bs=37 if=" + quoted(in));
         ks::unique_fd dst(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
-        return form(dst.get(), dd.fd(), key.data(), iv.data());
+        return dd ? form(dst.get(), ::fileno(dd.get()), key.data(), iv.data()) : -1;
     }
 };
 
@@ -147,15 +147,15 @@ TEST_F(CryptoTest, AesRejectsBadInput) {
 }
 
 TEST(KscryptoStrerror, CodeTable) {
-    const std::pair<int, const char*> cases[] = {{0, "No error"},           {1, "Invalid param"},
-                                                 {2, "Buffer size is too small"}, {3, "Input size mismatch"},
-                                                 {4, "Wrong key type"},     {5, "Unknown error"},
-                                                 {100, "Unknown error"}};
+    // Codes above 100 take the text of errno.
+    const std::pair<int, const char*> cases[] = {
+        {0, "No error"},       {1, "Invalid param"}, {2, "Buffer size is too small"}, {3, "Input size mismatch"},
+        {4, "Wrong key type"}, {5, "Unknown error"}, {100, "Unknown error"},          {101, std::strerror(ENOSPC)},
+        {102, std::strerror(ENOSPC)}, {103, std::strerror(ENOSPC)}};
     char buffer[64];
-    for (auto [code, text] : cases) EXPECT_STREQ(kscrypto_strerror(code, buffer, sizeof buffer), text) << code;
-    for (int code : {101, 102, 103}) {
+    for (auto [code, text] : cases) {
         errno = ENOSPC;
-        EXPECT_STREQ(kscrypto_strerror(code, buffer, sizeof buffer), std::strerror(ENOSPC)) << code;
+        EXPECT_STREQ(kscrypto_strerror(code, buffer, sizeof buffer), text) << code;
     }
     // A crypto library code has its own text.
     const std::string library_text = kscrypto_strerror(-0x3E00, buffer, sizeof buffer);
@@ -167,7 +167,7 @@ TEST(KscryptoStrerror, CodeTable) {
 }
 
 TEST_F(CryptoTest, RsaEncryptionInteroperatesWithOpenssl) {
-    const std::string pub = kstest::test_key("pub.pem");
+    const std::string pub = kstest::test_key("pub.pem"), priv = kstest::test_key("priv.pem");
     const Bytes secret = pattern(32, 9);
     unsigned char block[RSA_BLOCK_SIZE];
     ASSERT_EQ(rsa_encrypt(secret.data(), secret.size(), block, pub.c_str()), 0);
@@ -185,9 +185,7 @@ TEST_F(CryptoTest, RsaEncryptionInteroperatesWithOpenssl) {
               0);
     ASSERT_EQ(theirs.size(), 256u);
     size_t len = 0;
-    ASSERT_EQ(rsa_decrypt(reinterpret_cast<const unsigned char*>(theirs.data()), block, &len,
-                          kstest::test_key("priv.pem").c_str()),
-              0);
+    ASSERT_EQ(rsa_decrypt(reinterpret_cast<const unsigned char*>(theirs.data()), block, &len, priv.c_str()), 0);
     EXPECT_EQ(std::string(block, block + len), message);
 }
 
@@ -228,15 +226,13 @@ TEST_F(CryptoTest, RsaRefusesBadKeysAndArguments) {
     size_t len = 0;
     const std::string ec = kstest::test_key("ec.pem"), ecpub = kstest::test_key("ecpub.pem"),
                       priv = kstest::test_key("priv.pem"), pub = kstest::test_key("pub.pem"),
-                      missing = dir / "missing.pem", junk = dir / "junk.pem";
+                      missing = dir / "missing.pem";
     EXPECT_EQ(rsa_encrypt(in, 32, out, ecpub.c_str()), KSCRYPTO_EKEYTYPE);
     EXPECT_EQ(rsa_verify(in, 32, in, ecpub.c_str()), KSCRYPTO_EKEYTYPE);
     EXPECT_EQ(rsa_decrypt(in, out, &len, ec.c_str()), KSCRYPTO_EKEYTYPE);
     EXPECT_EQ(rsa_sign(in, 32, out, &len, ec.c_str()), KSCRYPTO_EKEYTYPE);
     // Parse errors come back as the crypto library's own (negative) codes.
-    ASSERT_TRUE(kstest::write_file(junk, "-----BEGIN PUBLIC KEY-----\nnot base64\n"));
     EXPECT_LT(rsa_encrypt(in, 32, out, missing.c_str()), 0);
-    EXPECT_LT(rsa_encrypt(in, 32, out, junk.c_str()), 0);
     EXPECT_LT(rsa_decrypt(in, out, &len, missing.c_str()), 0);
     // A public key where the private one belongs, too long an input, a block not made for this key.
     EXPECT_LT(rsa_decrypt(in, out, &len, pub.c_str()), 0);
@@ -257,16 +253,17 @@ TEST(RandomBytes, FillsAndDiffers) {
     EXPECT_EQ(crypto_gen_random_bytes(a.data(), 0), 0);
 }
 
-TEST(Digest, MatchesCoreutils) {
+TEST(DigestAndBase64, MatchCoreutils) {
     kstest::TempDir dir;
-    for (const std::string& input : {std::string(), std::string("abc"), as_string(pattern(100000)),
-                                     std::string("The quick brown fox jumps over the lazy dog\n")}) {
+    const std::string in = quoted(dir / "in");
+    for (const std::string& input : {std::string(), std::string("a"), std::string("ab"), std::string("abc"),
+                                     std::string("\xff\xfe\xfd\x00\x01", 5), as_string(pattern(100000))}) {
         SCOPED_TRACE("size " + std::to_string(input.size()));
         ASSERT_TRUE(kstest::write_file(dir / "in", input));
-        for (auto [function, tool] : {std::pair{ks::HashFunction::MD5, "md5sum"},
-                                      std::pair{ks::HashFunction::SHA256, "sha256sum"}}) {
+        for (auto [function, tool] : {std::pair{ks::HashFunction::MD5, "md5sum "},
+                                      std::pair{ks::HashFunction::SHA256, "sha256sum "}}) {
             std::string line;
-            ASSERT_EQ(kstest::run(std::string(tool) + " " + quoted(dir / "in"), &line), 0);
+            ASSERT_EQ(kstest::run(tool + in, &line), 0);
             const std::string expected = line.substr(0, line.find(' '));
             EXPECT_EQ(ks::compute_hash(function, input.data(), 0, input.size()), expected) << tool;
 
@@ -279,6 +276,15 @@ TEST(Digest, MatchesCoreutils) {
             EXPECT_EQ(md.digest().size(), function == ks::HashFunction::MD5 ? 16u : 32u);
             EXPECT_EQ(md.hexdigest(), expected) << "second call";
         }
+        if (input.empty()) continue;  // which Base64 refuses
+        std::string wrapped, unwrapped, encoded, decoded;
+        ASSERT_EQ(kstest::run("base64 " + in, &wrapped), 0);  // lines of 76
+        ASSERT_EQ(kstest::run("base64 -w0 " + in, &unwrapped), 0);
+        ASSERT_TRUE(ks::base64_encode(input, encoded));
+        EXPECT_EQ(encoded, unwrapped.substr(0, unwrapped.find('=')));
+        // coreutils' wrapped text decodes once its padding is gone.
+        ASSERT_TRUE(ks::base64_decode(wrapped.substr(0, wrapped.find('=')), decoded));
+        EXPECT_EQ(decoded, input);
     }
     EXPECT_EQ(ks::compute_hash(static_cast<ks::HashFunction>(7), "abc", 0, 3), "");
 }
@@ -305,23 +311,6 @@ TEST(Digest, LifeCycle) {
     ks::MessageDigest moved(ks::MessageDigest::SHA256);
     moved = std::move(md);
     EXPECT_EQ(moved.hexdigest(), "900150983cd24fb0d6963f7d28e17f72");
-}
-
-TEST(Base64, MatchesCoreutilsWithoutPadding) {
-    kstest::TempDir dir;
-    for (const std::string& input : {std::string("a"), std::string("ab"), std::string("abc"), std::string("abcd"),
-                                     std::string("\xff\xfe\xfd\x00\x01", 5), as_string(pattern(1000))}) {
-        SCOPED_TRACE("size " + std::to_string(input.size()));
-        ASSERT_TRUE(kstest::write_file(dir / "in", input));
-        std::string wrapped, unwrapped, encoded, decoded;
-        ASSERT_EQ(kstest::run("base64 " + quoted(dir / "in"), &wrapped), 0);  // lines of 76
-        ASSERT_EQ(kstest::run("base64 -w0 " + quoted(dir / "in"), &unwrapped), 0);
-        ASSERT_TRUE(ks::base64_encode(input, encoded));
-        EXPECT_EQ(encoded, unwrapped.substr(0, unwrapped.find('=')));
-        // coreutils' wrapped text decodes once its padding is gone.
-        ASSERT_TRUE(ks::base64_decode(wrapped.substr(0, wrapped.find('=')), decoded));
-        EXPECT_EQ(decoded, input);
-    }
 }
 
 TEST(Base64, TolerantDecoderRules) {

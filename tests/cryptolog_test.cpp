@@ -50,20 +50,19 @@ std::string layout(const std::string& file) {
 class CryptoLogTest : public ::testing::Test {
 protected:
     kstest::TempDir dir;
-    const std::string log = dir / "test.0";
+    const std::string log = dir / "test.0", plain_file = dir / "plain";
     ks::CryptoLogWriter writer{test_key("pub.pem").c_str()};
 
     void SetUp() override { ASSERT_TRUE(writer); }
 
     // What the log core does for one record: open, seek to the end, header when empty.
-    int append(crypto_log_writer* w, const std::string& record, int extra_flags = 0) {
+    int append(const std::string& record, int extra_flags = 0, crypto_log_writer* w = nullptr) {
         ks::unique_fd fd(::open(log.c_str(), O_RDWR | O_CREAT | extra_flags, 0644));
         if (!fd) return -2;
         if (::lseek(fd.get(), 0, SEEK_END) == 0 && crypto_log_layout_write_header(fd.get()) != 0) return -3;
         ::lseek(fd.get(), 0, SEEK_END);
-        return crypto_log_writer_encrypt(w, fd.get(), record.data(), record.size());
+        return crypto_log_writer_encrypt(w ? w : writer.get(), fd.get(), record.data(), record.size());
     }
-    int append(const std::string& record, int extra_flags = 0) { return append(writer.get(), record, extra_flags); }
 
     // Our reader's plain text. Its result code goes to `rc` and the error message to `message`;
     // without `rc` the read must succeed.
@@ -72,13 +71,13 @@ protected:
         crypto_log_reader* reader = crypto_log_reader_new(test_key(private_key).c_str());
         EXPECT_NE(reader, nullptr);
         ks::unique_fd in(::open(file.c_str(), O_RDONLY));
-        ks::unique_fd plain(::open((dir / "plain").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
-        const int result = crypto_log_reader_decrypt(reader, plain.get(), in.get());
+        ks::unique_fd out(::open(plain_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+        const int result = crypto_log_reader_decrypt(reader, out.get(), in.get());
         if (message) *message = std::string(ks::_get_kserrno().message_view());
         crypto_log_reader_free(reader);
         if (rc) *rc = result;
         else EXPECT_EQ(result, 0) << ks::_get_kserrno().message_view();
-        return kstest::read_file(dir / "plain");
+        return kstest::read_file(plain_file);
     }
 
     // The second reader: framing parsed here, every decryption done by the openssl command.
@@ -139,7 +138,7 @@ TEST_F(CryptoLogTest, EachProcessStartsItsRunWithItsOwnKey) {
         ASSERT_GE(child, 0);
         if (child == 0) {
             crypto_log_writer* w = own_writer ? crypto_log_writer_new(test_key("pub.pem").c_str()) : writer.get();
-            const int rc = w ? append(w, "child 1\n") | append(w, "child 2\n") : -1;
+            const int rc = w ? append("child 1\n", 0, w) | append("child 2\n", 0, w) : -1;
             ::_exit(rc == 0 && le32(kstest::read_file(log), 5) == static_cast<uint32_t>(::getpid()) ? 0 : 1);
         }
         int status = 0;
@@ -183,7 +182,7 @@ TEST_F(CryptoLogTest, NewKeyAndRotationResendTheKey) {
     ASSERT_TRUE(own);
     ASSERT_EQ(::unlink(pub.c_str()), 0);
     EXPECT_FALSE(own.regen_sym_key());
-    ASSERT_EQ(append(own.get(), "five\n"), 0);
+    ASSERT_EQ(append("five\n", 0, own.get()), 0);
     EXPECT_EQ(openssl_read(log), "four\nfive\n");
 }
 
@@ -202,11 +201,14 @@ TEST_F(CryptoLogTest, ForeignFilesAreNotAppendedTo) {
 }
 
 TEST_F(CryptoLogTest, ReaderStopsAtDamageAfterPrintingWhatItCould) {
-    ASSERT_EQ(append("first\n"), 0);
-    ASSERT_EQ(append("second\n"), 0);
-    ASSERT_EQ(append("third record\n"), 0);
-    const std::string good = kstest::read_file(log), all = "first\nsecond\nthird record\n", two = "first\nsecond\n";
-    const size_t third_record = 32 + 5 + 256 + 2 * (5 + 16);
+    const std::string two = "first\nsecond, a record longer than one block\n", all = two + "third\n";
+    for (const char* record : {"first\n", "second, a record longer than one block\n", "third\n"})
+        ASSERT_EQ(append(record), 0);
+    const std::string good = kstest::read_file(log);
+    std::vector<size_t> boundaries = {32};  // the start of each block, and the end
+    for (const auto& block : blocks_of(good)) boundaries.push_back(boundaries.back() + 5 + block.second.size());
+    ASSERT_EQ(boundaries.size(), 5u);
+    const size_t third_record = boundaries[3];
     // A record under the right key whose padding byte is 0: only the cipher can say.
     std::vector<std::string> aes_keys;
     ASSERT_EQ(openssl_read(log, &aes_keys), all);
@@ -249,23 +251,16 @@ TEST_F(CryptoLogTest, ReaderStopsAtDamageAfterPrintingWhatItCould) {
         EXPECT_EQ(rc, *c.message ? -1 : 0);
         EXPECT_NE(message.find(c.message), std::string::npos) << message;
     }
-}
 
-TEST_F(CryptoLogTest, EveryTruncationIsCleanOrReported) {
-    // Cut the file at every length: only block boundaries read cleanly, and whatever is
-    // printed is always a whole-record prefix of the text.
-    const std::string text = "alpha\na record longer than one block\nomega\n";
-    for (const char* record : {"alpha\n", "a record longer than one block\n", "omega\n"}) ASSERT_EQ(append(record), 0);
-    const std::string good = kstest::read_file(log);
-    std::vector<size_t> boundaries = {32};
-    for (const auto& block : blocks_of(good)) boundaries.push_back(boundaries.back() + 5 + block.second.size());
+    // Cut at every length: only block boundaries read cleanly, and whatever is printed is a
+    // prefix of the text.
     for (size_t length = 0; length <= good.size(); ++length) {
         ASSERT_TRUE(kstest::write_file(dir / "cut", good.substr(0, length)));
         int rc = -9;
         const std::string plain = read_back(dir / "cut", "priv.pem", &rc);
         const bool boundary = std::find(boundaries.begin(), boundaries.end(), length) != boundaries.end();
         EXPECT_EQ(rc, boundary ? 0 : -1) << length;
-        EXPECT_EQ(text.compare(0, plain.size(), plain), 0) << length;
+        EXPECT_EQ(all.compare(0, plain.size(), plain), 0) << length;
     }
 }
 
@@ -310,10 +305,11 @@ TEST_F(CryptoLogTest, ClassWrappersAndAPipedReader) {
     ASSERT_TRUE(kstest::write_file(log, file.substr(0, 32 + 5 + 256 + 5 + 16)));
     ks::CryptoLogReader reader(test_key("priv.pem").c_str()), other(test_key("other.pem").c_str());
     other = std::move(reader);
-    kstest::PipeFrom in("cat " + quoted(log));
-    ks::unique_fd plain(::open((dir / "plain").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
-    EXPECT_TRUE(other.decrypt(plain.get(), in.fd()));
-    EXPECT_EQ(kstest::read_file(dir / "plain"), "via the class\n");
+    const kstest::PipeFrom cat = kstest::pipe_from("cat " + quoted(log));
+    ASSERT_TRUE(cat);
+    ks::unique_fd out(::open(plain_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+    EXPECT_TRUE(other.decrypt(out.get(), ::fileno(cat.get())));
+    EXPECT_EQ(kstest::read_file(plain_file), "via the class\n");
 }
 
 }  // namespace
