@@ -260,7 +260,6 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-count", "7"}, "count=7"},
         {{"-count=7x"}, "E_INVAL Parameter 1: '7x' invalid value for parameter 'count'"},
         {{"-color=", "-color", "no"}, "color=0"},
-        {{"-color=yes"}, "color=1"},
         {{"-color=TRUE"}, "E_INVAL Parameter 1: 'TRUE' invalid value for parameter 'color'"},
         // Named values.
         {{"-level=high"}, "level=9"},
@@ -355,12 +354,9 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
     } rows[] = {
         {named(cl::at_most(1)), {"-a=1", "-a=2"}, "E_FAULT Option 'a' can only be used at most once"},
         {named(cl::exactly(1)), {"-a=1", "-a=2"}, "E_FAULT Option 'a' can only be used exactly once"},
-        {named(cl::at_most(2)), {"-a=1", "-a=2", "-a=3"},
-         "E_FAULT -a: these options can be used at most 2 times (in any combination)"},
         {shared(cl::at_most(1)), {"-a=1", "-b=2"}, "E_FAULT -a|-b: any of these options can be specified at most once"},
         {shared(cl::at_most(2)), {"-a=1", "-b=2", "-a=3"},
          "E_FAULT -a|-b: these options can be used at most 2 times (in any combination)"},
-        {shared(cl::at_most(1)), {"-b=2"}, "ok"},
         {unnamed(cl::at_most(1)), {"-fast", "-slow"},
          "E_FAULT fast|slow: any of these options can be specified at most once"},
         {named(cl::exactly(1)), {}, "E_NOENT Option '-a' must be specified exactly once"},

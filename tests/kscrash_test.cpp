@@ -19,6 +19,8 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -48,14 +50,22 @@ protected:
     std::string crash_dir() const { return "/tmp/kslogs" + root_.path() + "/var/crash"; }
 
     std::vector<std::string> reports() const {
-        std::string listing;
-        kstest::run("ls '" + crash_dir() + "' 2>/dev/null", &listing);
         std::vector<std::string> names;
-        size_t start = 0;
-        for (size_t nl; (nl = listing.find('\n', start)) != std::string::npos; start = nl + 1)
-            names.push_back(listing.substr(start, nl - start));
+        std::error_code ec;
+        for (const auto& entry : std::filesystem::directory_iterator(crash_dir(), ec)) names.push_back(entry.path().filename());
         return names;
     }
+
+    // A crash collector's listening socket at its place in the install root.
+    int listen_as_collector(int flags = 0) {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", collector_path().c_str());
+        const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 && ::listen(fd, 4) == 0;
+        return ok ? fd : -1;
+    }
+    std::string collector_path() const { return root_ / "var/run/kscrash.skt"; }
 
     // Forks a child that installs the handler and runs `crash`; returns the signal it died
     // of (0 when it exited) and its pid.
@@ -74,7 +84,8 @@ protected:
     kstest::InstallRoot root_;
 };
 
-void expect_complete(const std::string& report, pid_t pid, int sig, const char* name) {
+void expect_complete(const std::string& report, pid_t pid, int sig) {
+    const std::string name = std::string("SIG") + sigabbrev_np(sig);
     for (const std::string& text :
          {std::string("program: crashtest\n"), "pid: " + std::to_string(pid) + "\n",
           "signal: " + std::to_string(sig) + " (" + name + ")\n", std::string("backtrace:\n"),
@@ -88,44 +99,35 @@ void expect_complete(const std::string& report, pid_t pid, int sig, const char* 
 }
 
 TEST_F(CrashTest, EachCrashSignalWritesAReportAndKillsWithThatSignal) {
-    struct Case {
+    const struct {
         int sig;
-        const char* name;
         std::function<void()> crash;
-        bool null_address;
+        const char* also;  // more text the report must hold
+    } cases[] = {
+        {SIGSEGV, write_null, "fault address: 0x0000000000000000\n"},
+        {SIGSEGV, [] { overflow_stack(0); }, ""},
+        {SIGFPE, divide_by_zero, ""},
+        {SIGABRT, [] { std::abort(); }, ""},
+        {SIGILL, [] { __builtin_trap(); }, ""},
+        {SIGBUS, [] { std::raise(SIGBUS); }, ""},
     };
-    const Case cases[] = {
-        {SIGSEGV, "SIGSEGV", write_null, true},
-        {SIGSEGV, "SIGSEGV", [] { overflow_stack(0); }, false},
-        {SIGFPE, "SIGFPE", divide_by_zero, false},
-        {SIGABRT, "SIGABRT", [] { std::abort(); }, false},
-        {SIGILL, "SIGILL", [] { __builtin_trap(); }, false},
-        {SIGBUS, "SIGBUS", [] { std::raise(SIGBUS); }, false},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         kstest::run("rm -rf '" + crash_dir() + "'");
         pid_t pid = -1;
-        EXPECT_EQ(c.sig, crash_child(ks::ExceptionHandlerMethod::report_file, c.crash, pid)) << c.name;
+        EXPECT_EQ(c.sig, crash_child(ks::ExceptionHandlerMethod::report_file, c.crash, pid)) << sigabbrev_np(c.sig);
         const auto names = reports();
-        ASSERT_EQ(1u, names.size()) << c.name;
+        ASSERT_EQ(1u, names.size()) << sigabbrev_np(c.sig);
         EXPECT_EQ(0u, names[0].find("crashtest-" + std::to_string(pid) + "-")) << names[0];
         EXPECT_NE(names[0].find(".crash"), std::string::npos) << names[0];
         const std::string report = kstest::read_file(crash_dir() + "/" + names[0]);
-        expect_complete(report, pid, c.sig, c.name);
-        if (c.null_address) {
-            EXPECT_NE(report.find("fault address: 0x0000000000000000\n"), std::string::npos);
-        }
+        expect_complete(report, pid, c.sig);
+        EXPECT_NE(report.find(c.also), std::string::npos) << c.also;
     }
 }
 
 TEST_F(CrashTest, CollectorReceivesTheReportAndFileIsTheFallback) {
-    const std::string socket_path = root_ / "var/run/kscrash.skt";
-    int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_path.c_str());
-    ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
-    ASSERT_EQ(0, ::listen(listener, 4));
+    const int listener = listen_as_collector();
+    ASSERT_GE(listener, 0);
 
     pid_t pid = -1;
     EXPECT_EQ(SIGSEGV, crash_child(ks::ExceptionHandlerMethod::collector, write_null, pid));
@@ -135,25 +137,20 @@ TEST_F(CrashTest, CollectorReceivesTheReportAndFileIsTheFallback) {
     char chunk[4096];
     for (ssize_t n; (n = ::read(conn, chunk, sizeof chunk)) > 0;) received.append(chunk, static_cast<size_t>(n));
     ::close(conn);
-    expect_complete(received, pid, SIGSEGV, "SIGSEGV");
+    expect_complete(received, pid, SIGSEGV);
     EXPECT_TRUE(reports().empty()) << "no file when the collector took it";
 
     // Without a collector the report still reaches the crash directory.
     ::close(listener);
-    ::unlink(socket_path.c_str());
+    ::unlink(collector_path().c_str());
     EXPECT_EQ(SIGSEGV, crash_child(ks::ExceptionHandlerMethod::collector, write_null, pid));
     ASSERT_EQ(1u, reports().size());
-    expect_complete(kstest::read_file(crash_dir() + "/" + reports()[0]), pid, SIGSEGV, "SIGSEGV");
+    expect_complete(kstest::read_file(crash_dir() + "/" + reports()[0]), pid, SIGSEGV);
 }
 
 TEST_F(CrashTest, CollectorConnectionIsReestablished) {
-    const std::string socket_path = root_ / "var/run/kscrash.skt";
-    int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_path.c_str());
-    ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
-    ASSERT_EQ(0, ::listen(listener, 4));
+    const int listener = listen_as_collector(SOCK_NONBLOCK);
+    ASSERT_GE(listener, 0);
     auto accept_one = [&] {
         pollfd p{listener, POLLIN, 1000};
         if (::poll(&p, 1, 1000) != 1) return -1;
@@ -173,7 +170,7 @@ TEST_F(CrashTest, CollectorConnectionIsReestablished) {
 
     ::close(second);
     ::close(listener);
-    ::unlink(socket_path.c_str());
+    ::unlink(collector_path().c_str());
     EXPECT_EQ(-1, ks::check_exception_handler_connection()) << "collector gone";
     ks::uninit_exception_handler();
     EXPECT_EQ(0, ks::check_exception_handler_connection()) << "nothing to check without a collector";

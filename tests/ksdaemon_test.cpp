@@ -154,12 +154,13 @@ protected:
     // The settings server on this install root, once it answers a request.
     bool start_settings_server() {
         const pid_t pid = spawn({kstest::tool_path("kssetter"), "-root", root_.path()}, root_ / "kssetter.out");
-        return wait_for([&] { return set_key("/kstest/ready", "1") == 0 || !alive(pid); }) && alive(pid);
+        return wait_for([&] { return setmgmt("set /kstest/ready 1") == 0 || !alive(pid); }) && alive(pid);
     }
 
-    int set_key(const std::string& key, const std::string& value) {
-        return kstest::run("'" + kstest::tool_path("kssetmgmt") + "' -root '" + root_.path() + "' set '" + key + "' '" +
-                           value + "' >/dev/null 2>&1");
+    // The command-line settings client on this install root; its standard output only.
+    int setmgmt(const std::string& args, std::string* output = nullptr) {
+        return kstest::run("'" + kstest::tool_path("kssetmgmt") + "' -root '" + root_.path() + "' " + args + " 2>/dev/null",
+                           output);
     }
 
     kstest::InstallRoot root_;
@@ -333,7 +334,7 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     // The subscription is made by the settings thread; change the key until it is seen.
     bool changed = false;
     for (int attempt = 0; attempt < 10 && !changed; ++attempt) {
-        ASSERT_EQ(0, set_key("/default_settings", "v" + std::to_string(attempt)));
+        ASSERT_EQ(0, setmgmt("set /default_settings v" + std::to_string(attempt)));
         changed = wait_for([&] { return default_rounds().size() >= 6; }, std::chrono::milliseconds(1000));
     }
     ASSERT_TRUE(changed);
@@ -351,7 +352,6 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     EXPECT_EQ(0, daemon("-execute-log-config -log-config='" + config + "'", &out)) << out;
     EXPECT_EQ("Static log config validation OK. Sending log config '" + config + "' to daemon ...\n", out);
     const std::string new_output = root_ / "var/log/runtime-output.0";
-    ASSERT_TRUE(wait_for([&] { return ::access(new_output.c_str(), F_OK) == 0; })) << "new output on disk";
     std::string plain;
     ASSERT_TRUE(wait_for([&] {
         plain.clear();
@@ -366,9 +366,7 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     EXPECT_EQ(127, daemon("-execute-log-config -log-config='" + root_ / "bad.json" + "'", &out));
     EXPECT_EQ("Error: Static log config validation failed for '" + root_ / "bad.json" + "'. Please check logs.\n", out);
     std::string key;
-    kstest::run("'" + kstest::tool_path("kssetmgmt") + "' -root '" + root_.path() + "' get /tmp/daemon/" + kName +
-                    "/logging/config",
-                &key);
+    setmgmt("get /tmp/daemon/" + kName + "/logging/config", &key);
     EXPECT_EQ(config, key) << "the daemon's key still names the valid file";
     EXPECT_EQ(127, daemon("-execute-log-config -log-config=/no/such/file.json", &out));
     EXPECT_NE(out.find("Error: Failed to resolve path '/no/such/file.json'"), std::string::npos) << out;

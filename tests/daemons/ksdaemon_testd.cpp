@@ -45,9 +45,7 @@ bool readable(int fd) {
 __attribute__((noinline, no_sanitize("undefined"))) void crash_now(volatile int* target) { *target = 42; }
 
 int run_normal() {
-    for (;;) {
-        pollfd p{g_stop_fd, POLLIN, -1};
-        if (::poll(&p, 1, -1) == 1) break;
+    for (pollfd p{g_stop_fd, POLLIN, 0}; ::poll(&p, 1, -1) != 1;) {
     }
     char byte = 0;
     (void)!::read(g_stop_fd, &byte, 1);
