@@ -187,6 +187,7 @@ TEST_F(CryptoLogTest, NewKeyAndRotationResendTheKey) {
 }
 
 TEST_F(CryptoLogTest, ForeignFilesAreNotAppendedTo) {
+    // (The reader's side of these is in the damage table below.)
     for (const std::string& contents : {std::string("KSCX\x01", 5) + std::string(27, '\0'),  // magic
                                         std::string("KSCL\x02", 5) + std::string(27, '\0'),  // version
                                         std::string("KSCL\x01", 5),                          // too short
@@ -194,9 +195,6 @@ TEST_F(CryptoLogTest, ForeignFilesAreNotAppendedTo) {
         ASSERT_TRUE(kstest::write_file(log, contents));
         EXPECT_EQ(append("record\n"), -1);
         EXPECT_EQ(kstest::read_file(log), contents);
-        int rc = 0;
-        EXPECT_EQ(read_back(log, "priv.pem", &rc), "");
-        EXPECT_EQ(rc, -1);
     }
 }
 
@@ -212,10 +210,9 @@ TEST_F(CryptoLogTest, ReaderStopsAtDamageAfterPrintingWhatItCould) {
     // A record under the right key whose padding byte is 0: only the cipher can say.
     std::vector<std::string> aes_keys;
     ASSERT_EQ(openssl_read(log, &aes_keys), all);
-    ASSERT_TRUE(kstest::write_file(dir / "zeros", std::string(16, '\0')));
     std::string bad_padding;
-    const std::string encrypt_zeros = kstest::openssl_aes(aes_keys[0], std::string(32, '0'), "-nopad -in ");
-    ASSERT_EQ(kstest::run(encrypt_zeros + quoted(dir / "zeros"), &bad_padding), 0);
+    const std::string encrypt = kstest::openssl_aes(aes_keys[0], std::string(32, '0'), "-nopad");
+    ASSERT_EQ(kstest::run("head -c 16 /dev/zero | " + encrypt, &bad_padding), 0);
     ASSERT_EQ(bad_padding.size(), 16u);
 
     // Each damage, the text read before it and a part of the error message ("" for success).
@@ -229,6 +226,8 @@ TEST_F(CryptoLogTest, ReaderStopsAtDamageAfterPrintingWhatItCould) {
         {"intact", [](std::string f) { return f; }, all, ""},
         {"header only", [](std::string f) { return f.substr(0, 32); }, "", ""},
         {"empty", [](std::string) { return std::string(); }, "", "shorter than its header"},
+        {"foreign magic", [](std::string f) { return f.replace(0, 4, "KSCX"); }, "", "not an encrypted log file"},
+        {"newer version", [](std::string f) { return f.replace(4, 1, "\x02"); }, "", "unsupported format version 2"},
         {"cut in the last payload", [](std::string f) { return f.substr(0, f.size() - 3); }, two, "truncated"},
         {"other private key", [](std::string f) { return f; }, "", "does not match", "other.pem"},
         {"damaged key block", [](std::string f) { return f.replace(37, 256, 256, '\x55'); }, "", "does not match"},
