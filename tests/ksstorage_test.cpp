@@ -5,7 +5,7 @@
 #include <ksutils/error.h>
 #include <ksutils/kslog.h>
 
-#include <kstest.h>
+#include <kslogcapture.h>
 
 #include <gtest/gtest.h>
 
@@ -43,26 +43,38 @@ std::string sha256sum(const std::string& producer) {
 Store make(const std::vector<std::string>& entries) {
     Store store;
     for (const auto& e : entries) {
-        const size_t eq = std::min(e.find('='), e.size());
-        const std::string value = e.substr(std::min(eq + 1, e.size()));
-        EXPECT_EQ(store.setKey_(e.substr(0, eq), eq < e.size() ? bytes(value) : nullptr, eq < e.size() ? String : None,
-                                value.size()),
-                  0);
+        const size_t eq = e.find('=');
+        const std::string value = eq == std::string::npos ? "" : e.substr(eq + 1);
+        const bool valued = eq != std::string::npos;
+        EXPECT_EQ(store.setKey_(e.substr(0, eq), valued ? bytes(value) : nullptr, valued ? String : None, value.size()), 0);
     }
     return store;
 }
 
-// The store's persistent records as sorted lines, independent of hash-map order.
+std::vector<std::string> sorted(std::vector<std::string> v) {
+    std::sort(v.begin(), v.end());
+    return v;
+}
+
+// Records of settings-file text, each with its continuation lines, sorted so that hash-map
+// order does not matter.
+std::vector<std::string> records(ks::string_view text) {
+    std::vector<std::string> out;
+    for (auto line : text.split('\n')) {
+        if (!out.empty() && !line.empty() && line[0] == ' ') out.back() += "\n" + line.str();
+        else out.push_back(line.str());
+    }
+    if (out.back().empty()) out.pop_back();  // after the final "\n"
+    return sorted(out);
+}
+
 std::vector<std::string> records(const Store& store) {
     if (store.empty()) return {"<empty>"};
     ks::basic_memstream out;
     store.getRoot()->save(out);
-    std::vector<std::string> lines;
-    for (auto line : out.view().split('\n'))
-        if (!line.empty()) lines.push_back(line.str());
-    std::sort(lines.begin(), lines.end());
-    return lines;
+    return records(out.view());
 }
+
 
 TEST(Store, BadKeysFailAndChangeNothing) {
     const std::string inval(ks::error_default_message(ks::E_INVAL));
@@ -84,20 +96,19 @@ TEST(Store, BadKeysFailAndChangeNothing) {
 }
 
 TEST(Store, LookupsLocateAndInherit) {
-    struct Case {
+    struct {
         std::vector<std::string> entries;
-        std::string key, value;  // value "<none>": absent
+        std::string key, value, locatedValue;  // value "<none>": absent
         std::pair<int, int64_t> located;
-        std::string locatedValue;
         std::vector<std::string> inherited;
     } cases[] = {
-        {{"/=R", "/a=A", "/a/b/c"}, "/a/b/c", "", {1, 0}, "", {"R", "A"}},
-        {{"/=R", "/a=A"}, "/a/b/c", "<none>", {0, 1}, "A", {"R", "A"}},
-        {{"/=R", "/x=X"}, "/a/b", "<none>", {0, 1}, "R", {"R"}},
-        {{"/a", "/a/b=B"}, "/a/b/zz", "<none>", {0, 1}, "B", {"B"}},
-        {{"/=R"}, "/", "R", {1, 1}, "R", {"R"}},
-        {{"/a=A", "/a//b=E", "/a/=T"}, "/a//b", "E", {1, 1}, "E", {"A", "T", "E"}},
-        {{}, "/a", "<none>", {2, 0}, "", {}},
+        {{"/=R", "/a=A", "/a/b/c"}, "/a/b/c", "", "", {1, 0}, {"R", "A"}},
+        {{"/=R", "/a=A"}, "/a/b/c", "<none>", "A", {0, 1}, {"R", "A"}},
+        {{"/=R", "/x=X"}, "/a/b", "<none>", "R", {0, 1}, {"R"}},
+        {{"/a", "/a/b=B"}, "/a/b/zz", "<none>", "B", {0, 1}, {"B"}},
+        {{"/=R"}, "/", "R", "R", {1, 1}, {"R"}},
+        {{"/a=A", "/a//b=E", "/a/=T"}, "/a//b", "E", "E", {1, 1}, {"A", "T", "E"}},
+        {{}, "/a", "<none>", "", {2, 0}, {}},
     };
     for (const auto& c : cases) {
         Store store = make(c.entries);
@@ -111,11 +122,8 @@ TEST(Store, LookupsLocateAndInherit) {
         EXPECT_EQ(store.getInheritance(c.key), c.inherited) << c.key;
     }
     Store store = make({"/a=1", "/a/b=22", "/a/c", "/a/c/d=4444"});
-    std::vector<std::string> names = store.enumSubkeys("/a"), values = store.enumDescendantsValues("/a");
-    std::sort(names.begin(), names.end());
-    std::sort(values.begin(), values.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"b", "c"}));
-    EXPECT_EQ(values, (std::vector<std::string>{"1", "22", "4444"}));
+    EXPECT_EQ(sorted(store.enumSubkeys("/a")), (std::vector<std::string>{"b", "c"}));
+    EXPECT_EQ(sorted(store.enumDescendantsValues("/a")), (std::vector<std::string>{"1", "22", "4444"}));
     EXPECT_EQ(store.getMemoryCount(), 7);
     EXPECT_EQ(store.findNode("a/c/d")->getValueBytes(), "4444");
     ks::_get_kserrno().set(ks::E_AGAIN);
@@ -125,7 +133,7 @@ TEST(Store, LookupsLocateAndInherit) {
 
 TEST(Store, DeletesAndChangeCounters) {
     const std::vector<std::string> tree = {"/a/b/c=1", "/a/x=2", "/v=3", "/v/w=4"}, all = records(make(tree));
-    struct Case {
+    struct {
         std::vector<std::string> entries;
         std::string key;
         bool prune, leafOnly;
@@ -152,20 +160,20 @@ TEST(Store, DeletesAndChangeCounters) {
         EXPECT_EQ(records(store), c.remaining) << c.key;
         EXPECT_EQ(store.getPersistentChanges(), c.code ? 0u : 1u) << c.key;
     }
-    for (const char* key : {"/tmp", "/tmp/x", "/tmpx", "/a/tmp", "/"}) {
+    const std::pair<std::string, bool> volatiles[] = {{"/tmp", true}, {"/tmp/x", true}, {"/tmpx", false}, {"/a/tmp", false}, {"/", false}};
+    for (const auto& [key, isVolatile] : volatiles) {
         Store store;
         ASSERT_EQ(store.setKey(key, bytes("v"), String, 1) + store.delKey(key, true, false), 0);
-        EXPECT_EQ(store.getVolatileChanges(), Store::isVolatileKey(key) ? 2u : 0u) << key;
-        EXPECT_EQ(store.getPersistentChanges() + store.getVolatileChanges(), 2u) << key;
+        EXPECT_EQ(Store::isVolatileKey(key), isVolatile) << key;
+        EXPECT_EQ(std::make_pair(store.getVolatileChanges(), store.getPersistentChanges()),
+                  isVolatile ? std::make_pair(2u, 0u) : std::make_pair(0u, 2u)) << key;
     }
-    EXPECT_TRUE(Store::isVolatileKey("/tmp/x") && !Store::isVolatileKey("/tmpx"));
     Store store = make(tree);
-    EXPECT_TRUE(store.clear());
-    EXPECT_FALSE(store.clear());
+    EXPECT_TRUE(store.clear() && store.empty() && !store.clear());
 }
 
 TEST(Store, MergeAndBranchCopy) {
-    struct Case {
+    struct {
         std::vector<std::string> mine, theirs;
         std::string key;
         std::vector<std::string> mineAfter, theirsAfter;
@@ -214,17 +222,27 @@ TEST(StoreFile, ExactFormAndChecksum) {
     const std::string text = kstest::read_file(file);
     EXPECT_EQ(text.substr(0, 77), "/tmp/hash=s|" + sha256sum("tail -c +78 " + file) + "\n");
     std::string base64;
-    ASSERT_EQ(kstest::run("printf '\\000\\376=|' | base64 | tr -d =", &base64), 0);
-    std::vector<std::string> lines;
-    for (auto line : ks::string_view(text).substr(77).split('\n')) lines.push_back(line.str());
-    const auto ml = std::find(lines.begin(), lines.end(), "/ml=s|a"), lead = std::find(lines.begin(), lines.end(), "/lead=s|");
-    ASSERT_TRUE(ml + 2 < lines.end() && lead + 2 < lines.end());
-    EXPECT_EQ(ml[1] + "|" + ml[2] + "|" + lead[1] + "|" + lead[2], " b| | | z");
-    std::sort(lines.begin(), lines.end());
-    EXPECT_EQ(lines, (std::vector<std::string>{"", " ", " ", " b", " z", "/bin=b|" + base64.substr(0, base64.size() - 1),
-                                               "/inner/x=s|1", "/lead=s|", "/leaf", "/ml=s|a", "/sep=s|x=y|z\tw",
-                                               "/tmpx=s|kept"}));
-    EXPECT_EQ(Store::checkHash(file), 0);
+    ASSERT_EQ(kstest::run("printf '\\000\\376=|' | base64 | tr -d '=\\n'", &base64), 0);
+    EXPECT_EQ(records(ks::string_view(text).substr(77)),
+              (std::vector<std::string>{"/bin=b|" + base64, "/inner/x=s|1", "/lead=s|\n \n z", "/leaf", "/ml=s|a\n b\n ",
+                                        "/sep=s|x=y|z\tw", "/tmpx=s|kept"}));
+
+    std::string flipped = text, zeros = text;
+    flipped[text.size() - 3] ^= 1;
+    zeros.replace(12, 64, std::string(64, '0'));
+    const std::string bad = "Checksums don't match for file: " + file, size = "Invalid hash size in " + file;
+    const std::pair<std::string, std::string> corrupt[] = {
+        {text, ""}, {flipped, bad}, {zeros, bad}, {text + "/z\n", bad}, {text.substr(0, 40), size},
+        {text.substr(0, 75), size}, {"/tmp/hash=s|" + sha256sum("printf ''") + "\n", ""}, {"/a=s|1\n", ""},
+        {"/tmp/has", ""}, {"", ""}};
+    for (const auto& [contents, error] : corrupt) {
+        kstest::write_file(file, contents);
+        ks::_get_kserrno().set(ks::E_OK);
+        EXPECT_EQ(Store::checkHash(file), error.empty() ? 0 : -1) << contents;
+        EXPECT_EQ(message(), error.empty() ? std::string(ks::error_default_message(ks::E_OK)) : error) << contents;
+    }
+    EXPECT_EQ(Store::checkHash(dir / "missing"), -1);
+    EXPECT_EQ(code(), ks::E_SYSTEM);
 
     Store single = make({"/x"});  // one node: one possible order, every byte known
     single.setKey("/x", bytes("a\nb\n"), String, 4);
@@ -236,7 +254,7 @@ TEST(StoreFile, LoadParsing) {
     const std::string digest(64, '0');
     const std::pair<std::string, std::vector<std::string>> cases[] = {
         {"/a=s|1\n\n/b=s|2\n", {"/a=s|1"}},                                // an empty line ends the file
-        {"/a=s|x\n y\n \n/b=s|z\n", {" ", " y", "/a=s|x", "/b=s|z"}},      // continuations
+        {"/a=s|x\n y\n \n/b=s|z\n", {"/a=s|x\n y\n ", "/b=s|z"}},          // continuations
         {"/a=b|QUJD\n lost\n/b\n lost\n", {"/a=b|QUJD", "/b"}},            // nothing to continue
         {" lost\n/a=s|1\n", {"/a=s|1"}},
         {"/a=s\n/b=\n/c=s|1\n/d=x|1\n/e=b|\n", {"/c=s|1"}},              // short, unknown type, empty base64
@@ -263,30 +281,6 @@ TEST(StoreFile, LoadParsing) {
     EXPECT_TRUE(store.empty());
     store = make({"/a=1"});
     EXPECT_EQ(store.load(dir.path()), -1);
-    EXPECT_EQ(code(), ks::E_SYSTEM);
-}
-
-TEST(StoreFile, CheckHash) {
-    kstest::TempDir dir;
-    const std::string file = dir / "settings";
-    Store store = make({"/a=1", "/b/c=2", "/d"});
-    store.setKey("/x", bytes("multi\nline"), String, 10);
-    ASSERT_EQ(store.save({file}), 0);
-    std::string good = kstest::read_file(file), flipped = good, zeros = good;
-    flipped[good.size() - 3] ^= 1;
-    zeros.replace(12, 64, std::string(64, '0'));
-    const std::string bad = "Checksums don't match for file: " + file, size = "Invalid hash size in " + file;
-    const std::pair<std::string, std::string> cases[] = {
-        {good, ""}, {flipped, bad}, {zeros, bad}, {good + "/z\n", bad}, {good.substr(0, 40), size},
-        {good.substr(0, 75), size}, {"/tmp/hash=s|" + sha256sum("printf ''") + "\n", ""}, {"/a=s|1\n", ""},
-        {"/tmp/has", ""}, {"", ""}};
-    for (const auto& [text, error] : cases) {
-        kstest::write_file(file, text);
-        ks::_get_kserrno().set(ks::E_OK);
-        EXPECT_EQ(Store::checkHash(file), error.empty() ? 0 : -1) << text;
-        EXPECT_EQ(message(), error.empty() ? std::string(ks::error_default_message(ks::E_OK)) : error) << text;
-    }
-    EXPECT_EQ(Store::checkHash(dir / "missing"), -1);
     EXPECT_EQ(code(), ks::E_SYSTEM);
 }
 
@@ -354,18 +348,6 @@ Store random_store(size_t count, unsigned seed) {
     return store;
 }
 
-TEST(StoreFile, LargeRoundTrip) {
-    kstest::TempDir dir;
-    Store store = random_store(50000, 6), loaded;
-    ASSERT_EQ(store.save({dir / "settings"}), 0);
-    ASSERT_EQ(Store::checkHash(dir / "settings") + loaded.load(dir / "settings"), 0);
-    EXPECT_EQ(get(loaded, "/tmp/hash"), sha256sum("tail -c +78 " + dir / "settings"));
-    EXPECT_FALSE(loaded == store);
-    loaded.delKey_("/tmp", false, false);
-    store.delKey_("/tmp", false, false);
-    EXPECT_TRUE(loaded == store);
-}
-
 // True once a save to `file` is writing: the shadow has content, or the file changed size.
 bool writing(const std::string& file, size_t oldSize) {
     struct stat st;
@@ -373,12 +355,20 @@ bool writing(const std::string& file, size_t oldSize) {
     return ::stat(file.c_str(), &st) == 0 && static_cast<size_t>(st.st_size) != oldSize;
 }
 
-TEST(StoreFile, SaveKilledAtAnyMomentLeavesAWholeFile) {
+// A large store reloads equal; then saves of it are killed at varied moments, and every
+// time the file is either the previous version or the new one, whole.
+TEST(StoreFile, LargeRoundTripAndSavesKilledAtAnyMoment) {
     kstest::TempDir dir;
     const std::string file = dir / "settings";
-    Store store = random_store(100000, 7);
-    store.setKey("/version", nullptr, None, 0);
+    Store store = random_store(100000, 7), loaded;
     ASSERT_EQ(store.save({file}), 0);
+    ASSERT_EQ(Store::checkHash(file) + loaded.load(file), 0);
+    EXPECT_EQ(get(loaded, "/tmp/hash"), sha256sum("tail -c +78 " + file));
+    EXPECT_FALSE(loaded == store);
+    loaded.delKey_("/tmp", false, false);
+    store.delKey_("/tmp", false, false);
+    EXPECT_TRUE(loaded == store);
+
     store.setKey("/version", nullptr, None, 0);
     const auto start = std::chrono::steady_clock::now();
     store.save({dir / "probe"});
@@ -411,29 +401,28 @@ TEST(StoreFile, SaveKilledAtAnyMomentLeavesAWholeFile) {
 }
 
 TEST(StoreLog, RecordsOnTheSettingsChannel) {
-    kstest::InstallRoot root;
-    const std::string config = root / "etc/logging/capture.json", file = root / "settings";
-    kstest::write_file(config, R"({"action":"update","channels":{"kssetmgmt":[{"file":":stderr","level":"trace"}]}})");
-    ASSERT_TRUE(ks::log::start("ksstorage_test", root.path().c_str(), config.c_str()));
+    kstest::LogCapture log("ksstorage_test", ks::log::kKSSetMgmtChannel);
+    ASSERT_TRUE(log.started());
+    const kstest::InstallRoot& root = log.root();
+    const std::string file = root / "settings", zeros(64, '0');
     ::mkdir((root / "blocked.shadow").c_str(), 0755);
     kstest::write_file(root / "bad", "/a=s\n/b=b|\n/c=q|1\n/d\n");
     kstest::write_file(root / "short", "/tmp/hash=s|0123\n");
-    kstest::write_file(root / "wrong", "/tmp/hash=s|" + std::string(64, '0') + "\n/a=s|1\n");
-    testing::internal::CaptureStderr();
-    Store store = make({"/e"});
-    store.setKey("/e", nullptr, Binary, 0);
-    store.save({file});
-    store.setKey("/e", nullptr, None, 0);
-    store.save({root / "blocked", root / "var"});
-    store.load(root / "bad");
-    store.enumSubkeys("/nothing");
-    for (const char* name : {"settings", "short", "wrong"}) Store::checkHash(root / name);
-    const std::string text = testing::internal::GetCapturedStderr();
+    kstest::write_file(root / "wrong", "/tmp/hash=s|" + zeros + "\n/a=s|1\n");
+    const std::string text = log.during([&] {
+        Store store = make({"/e"});
+        store.setKey("/e", nullptr, Binary, 0);
+        store.save({file});
+        store.setKey("/e", nullptr, None, 0);
+        store.save({root / "blocked", root / "var"});
+        store.load(root / "bad");
+        store.enumSubkeys("/nothing");
+        for (const char* name : {"settings", "short", "wrong"}) Store::checkHash(root / name);
+    });
     const unsigned long channel = ks::log::get_channel_by_name(ks::log::kKSSetMgmtChannel);
     ks::log::close_channel(channel);
     Store::checkHash(root / "wrong");
     EXPECT_FALSE(ks::log::can_log(channel, ks::log::level::error));  // a closed channel stays closed
-    ks::log::stop();
     const std::string expected[] = {
         "error [kstree.cpp:", "Failed to base64 encode value for key /e", "debug [ksstorage.cpp:",
         "Hash for storage content: ", "Saving storage to file " + file, "Wrote data to " + file + ".shadow",
@@ -443,7 +432,7 @@ TEST(StoreLog, RecordsOnTheSettingsChannel) {
         "Failed to rename file: Is a directory", "There was an error while saving to " + root / "var",
         "Error while parsing line /a=s", "Failed to base64 decode value for key /b", "Unknown key value type",
         "debug [", "Key /nothing not found", "Checksums match for file: " + file, "Invalid hash size in " + root / "short",
-        "Checksums don't match for file: " + root / "wrong" + ", saved_hash=" + std::string(64, '0') +
+        "Checksums don't match for file: " + root / "wrong" + ", saved_hash=" + zeros +
             ", crt_hash=" + sha256sum("printf '/a=s|1\\n'")};
     size_t at = 0;
     for (const auto& part : expected) {
