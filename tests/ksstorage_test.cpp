@@ -1,6 +1,6 @@
 // Settings store: key errors, lookups, deletes, merges, change counting, and the settings
-// file checked byte for byte and against sha256sum, a large round trip, saves killed at
-// random moments, and the log records.
+// file checked byte for byte and against sha256sum and base64, a large store that reloads
+// equal and whose saves are killed at random moments, and the log records.
 #include <kssetter/ksstorage.h>
 #include <ksutils/error.h>
 #include <ksutils/kslog.h>
@@ -44,8 +44,8 @@ Store make(const std::vector<std::string>& entries) {
     Store store;
     for (const auto& e : entries) {
         const size_t eq = e.find('=');
-        const std::string value = eq == std::string::npos ? "" : e.substr(eq + 1);
         const bool valued = eq != std::string::npos;
+        const std::string value = valued ? e.substr(eq + 1) : "";
         EXPECT_EQ(store.setKey_(e.substr(0, eq), valued ? bytes(value) : nullptr, valued ? String : None, value.size()), 0);
     }
     return store;
@@ -74,7 +74,6 @@ std::vector<std::string> records(const Store& store) {
     store.getRoot()->save(out);
     return records(out.view());
 }
-
 
 TEST(Store, BadKeysFailAndChangeNothing) {
     const std::string inval(ks::error_default_message(ks::E_INVAL));
