@@ -1,13 +1,11 @@
 // Executor dispatch rules, timers, cross-thread wake-ups, the helpers and their log records.
 #include <ksutils/error.h>
 #include <ksutils/executor.h>
-#include <ksutils/kslog.h>
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
