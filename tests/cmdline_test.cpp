@@ -38,13 +38,13 @@ struct declarations {
     parser_ptr parser = std::make_shared<cl::command_line_parser>();
     std::vector<std::unique_ptr<cl::detail::option_base>> options;
     template <class Option, class... Mods>
-    Option& add(const Mods&... mods) {
-        auto option = std::make_unique<Option>(mods..., cl::register_with(parser));
-        Option& ref = *option;
-        options.push_back(std::move(option));
-        return ref;
+    declarations& add(const Mods&... mods) {
+        options.push_back(std::make_unique<Option>(mods..., cl::register_with(parser)));
+        return *this;
     }
 };
+
+using D = declarations;
 
 std::string error_text() {
     const auto& e = ks::_get_kserrno();
@@ -87,72 +87,75 @@ struct daemon_line {
     cl::opt<ks::string_view> log_config{on, "log-config", cl::in("start"), cl::help("startup log config")};
     cl::opt<ks::string_view> runtime_config{on, "log-config", cl::in("execute-log-config"), cl::exactly(1),
                                             cl::help("log config at runtime")};
+
+    std::string dump() const {  // "action no-detach log-config"
+        const ks::string_view config = *what == action::start ? *log_config : *runtime_config;
+        return std::to_string(what.int_val()) + " " + std::to_string(no_detach.int_val()) + " " + std::string(config);
+    }
 };
+
+struct parse_row {
+    std::vector<std::string> args;
+    std::string expected;  // parse_with()
+};
+
+// What a fresh `Line` makes of `args`: its dump() after success, else "<code name> <message>".
+template <class Line>
+std::string parse_with(const std::vector<std::string>& args) {
+    argv_holder a(args);
+    Line line;
+    return line.parser->parse(a.argc(), a.argv()) ? line.dump() : error_text();
+}
 
 TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto started = [] {  // a line with the sub-commands start and stop
-        declarations d;
-        d.add<cl::sub_commands<int>>(cl::values(cl::value("start", 0), cl::value("stop", 1)));
-        return d;
+        return std::move(D().add<cl::sub_commands<int>>(cl::values(cl::value("start", 0), cl::value("stop", 1))));
     };
     const struct {
         const char* message;
         std::function<void()> declare;
     } rows[] = {
         {"No type bit set", [] { raw_option o(cl::Positional | cl::Prefix); }},
-        {"You must add storage to this option using ks::cl::storage()!",
-         [] { declarations().add<cl::opt<int, true>>("x"); }},
-        {"Option has no names and no named values", [] { declarations().add<cl::opt<int>>(); }},
-        {"Prefix options must be named",
-         [] { declarations().add<cl::opt<int>>(cl::Prefix, cl::values(cl::value("a", 1))); }},
+        {"You must add storage to this option using ks::cl::storage()!", [] { D().add<cl::opt<int, true>>("x"); }},
+        {"Option has no names and no named values", [] { D().add<cl::opt<int>>(); }},
+        {"Prefix options must be named", [] { D().add<cl::opt<int>>(cl::Prefix, cl::values(cl::value("a", 1))); }},
         {"cl::SeparatedList can only be used on named lists",
-         [] { declarations().add<cl::list<int>>(cl::SeparatedList, cl::values(cl::value("a", 1))); }},
-        {"cl::SeparatedList can only be used with cl::list<>()",
-         [] { declarations().add<cl::opt<int>>("x", cl::SeparatedList); }},
-        {"Subcommand does not exist: nope", [] { declarations().add<cl::flag>("x", cl::in("nope")); }},
+         [] { D().add<cl::list<int>>(cl::SeparatedList, cl::values(cl::value("a", 1))); }},
+        {"cl::SeparatedList can only be used with cl::list<>()", [] { D().add<cl::opt<int>>("x", cl::SeparatedList); }},
+        {"Subcommand does not exist: nope", [] { D().add<cl::flag>("x", cl::in("nope")); }},
         {"You have already defined the subcommands list",
          [&] { started().add<cl::sub_commands<int>>(cl::values(cl::value("other", 5))); }},
         {"Subcommand definition must be unnamed",
-         [] { declarations().add<cl::sub_commands<int>>("s", cl::values(cl::value("a", 1))); }},
+         [] { D().add<cl::sub_commands<int>>("s", cl::values(cl::value("a", 1))); }},
         {"Option has no parsable names",
          [] {
-             declarations d;
+             D d;
              raw_option o(cl::kSingleValued);
              d.parser->register_option(d.parser->get_subcommand(-1L), &o);
          }},
-        {"Cannot register options with empty names", [] { declarations().add<cl::flag>("x", ""); }},
+        {"Cannot register options with empty names", [] { D().add<cl::flag>("x", ""); }},
         {"Duplicate option name 'x' in the default subcommand",
-         [] {
-             declarations d;
-             d.add<cl::flag>("x");
-             d.add<cl::opt<int>>("y", "x");
-         }},
+         [] { D().add<cl::flag>("x").add<cl::opt<int>>("y", "x"); }},
         {"Duplicate option name 'x' in subcommand 'stop'",
-         [&] {
-             declarations d = started();
-             d.add<cl::flag>("x", cl::in("stop"));
-             d.add<cl::flag>("x", cl::in("start", "stop"));
-         }},
+         [&] { started().add<cl::flag>("x", cl::in("stop")).add<cl::flag>("x", cl::in("start", "stop")); }},
         {"Option name cannot duplicate subcommand name", [&] { started().add<cl::flag>("start", cl::in("start")); }},
-        {"Positionals must be named",
-         [] { declarations().add<cl::opt<int>>(cl::Positional, cl::values(cl::value("a", 1))); }},
-        {"Positionals cannot have aliases", [] { declarations().add<cl::opt<int>>("a", "b", cl::Positional); }},
-        {"Only lists can be set as sinks", [] { declarations().add<cl::opt<int>>("a", cl::Positional | cl::Sink); }},
+        {"Positionals must be named", [] { D().add<cl::opt<int>>(cl::Positional, cl::values(cl::value("a", 1))); }},
+        {"Positionals cannot have aliases", [] { D().add<cl::opt<int>>("a", "b", cl::Positional); }},
+        {"Only lists can be set as sinks", [] { D().add<cl::opt<int>>("a", cl::Positional | cl::Sink); }},
         {"You cannot set multiple sinks in subcommand 'start'",
          [&] {
-             declarations d = started();
-             d.add<cl::list<int>>("a", cl::Positional, cl::Sink);
-             d.add<cl::list<int>>("b", cl::Positional, cl::Sink, cl::in("start"));
+             started()
+                 .add<cl::list<int>>("a", cl::Positional, cl::Sink)
+                 .add<cl::list<int>>("b", cl::Positional, cl::Sink, cl::in("start"));
          }},
-        {"Non-separated lists cannot be set as positionals",
-         [] { declarations().add<cl::list<int>>("a", cl::Positional); }},
+        {"Non-separated lists cannot be set as positionals", [] { D().add<cl::list<int>>("a", cl::Positional); }},
         {"Duplicate subcommand ID: 1",
-         [] { declarations().add<cl::sub_commands<int>>(cl::values(cl::value("a", 1), cl::value("b", 1))); }},
+         [] { D().add<cl::sub_commands<int>>(cl::values(cl::value("a", 1), cl::value("b", 1))); }},
         {"Duplicate subcommand name: a",
-         [] { declarations().add<cl::sub_commands<int>>(cl::values(cl::value("a", 1), cl::value("a", 2))); }},
+         [] { D().add<cl::sub_commands<int>>(cl::values(cl::value("a", 1), cl::value("a", 2))); }},
         {"cl::separator() takes exactly one character",
-         [] { declarations().add<cl::list<int>>("a", cl::SeparatedList, cl::separator("::")); }},
+         [] { D().add<cl::list<int>>("a", cl::SeparatedList, cl::separator("::")); }},
     };
     for (const auto& r : rows) {
         EXPECT_DEATH(r.declare(), ::testing::Matcher<const std::string&>(r.message + std::string("\n"))) << r.message;
@@ -234,10 +237,7 @@ struct tool_line {
 };
 
 TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
-    const struct {
-        std::vector<std::string> args;
-        std::string expected;  // dump() after success, or "<code name> <message>"
-    } rows[] = {
+    const parse_row rows[] = {
         {{}, ""},
         // Flags toggle, alone or in clusters taken from the last letter.
         {{"-x"}, "x=1"},
@@ -282,20 +282,11 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-"}, "E_INVAL Parameter 1: expected parameter name after '-'"},
         {{"--x"}, "E_NOENT Parameter 1: unknown option '--'"},
     };
-    for (const auto& r : rows) {
-        argv_holder a(r.args);
-        SCOPED_TRACE(::testing::PrintToString(r.args));
-        tool_line t;
-        const std::string got = t.parser->parse(a.argc(), a.argv()) ? t.dump() : error_text();
-        EXPECT_EQ(got, r.expected);
-    }
+    for (const auto& r : rows) EXPECT_EQ(parse_with<tool_line>(r.args), r.expected) << ::testing::PrintToString(r.args);
 }
 
 TEST(CmdlineParse, TheSelectorChoosesTheSubCommandWhereverItStands) {
-    const struct {
-        std::vector<std::string> args;
-        std::string expected;  // "action no-detach log-config" after success, else the error
-    } rows[] = {
+    const parse_row rows[] = {
         {{}, "0 0 "},
         {{"-stop"}, "1 0 "},
         {{"-no-detach", "-log-config=f", "-start"}, "0 1 f"},
@@ -308,45 +299,34 @@ TEST(CmdlineParse, TheSelectorChoosesTheSubCommandWhereverItStands) {
         {{"-startx"}, "E_INVAL Parameter 1: '-start' does not take a value"},
         {{"-start", "-stop"}, "E_NOENT Parameter 2: unknown option '-p'"},
     };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(::testing::PrintToString(r.args));
-        argv_holder a(r.args);
-        daemon_line d;
-        if (!d.parser->parse(a.argc(), a.argv())) {
-            EXPECT_EQ(error_text(), r.expected);
-            continue;
-        }
-        const ks::string_view config = *d.what == action::start ? *d.log_config : *d.runtime_config;
-        EXPECT_EQ(std::to_string(d.what.int_val()) + " " + std::to_string(d.no_detach.int_val()) + " " +
-                      std::string(config),
-                  r.expected);
-    }
+    for (const auto& r : rows)
+        EXPECT_EQ(parse_with<daemon_line>(r.args), r.expected) << ::testing::PrintToString(r.args);
 }
 
 TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
-    using decl = std::function<void(declarations&)>;
+    using decl = std::function<void(D&)>;
     int slot = 0;  // storage shared by "a" and "b" makes them one occurrence group
     auto shared = [&slot](cl::occurrence_bounds b) -> decl {
-        return [&slot, b](declarations& d) {
+        return [&slot, b](D& d) {
             d.add<cl::opt<int, true>>("a", cl::storage(slot), b);
             d.add<cl::opt<int, true>>("b", cl::storage(slot), b);
         };
     };
-    auto named = [](cl::occurrence_bounds b) -> decl { return [b](declarations& d) { d.add<cl::opt<int>>("a", b); }; };
-    auto listed = [](cl::occurrence_bounds b) -> decl { return [b](declarations& d) { d.add<cl::list<int>>("l", b); }; };
+    auto named = [](cl::occurrence_bounds b) -> decl { return [b](D& d) { d.add<cl::opt<int>>("a", b); }; };
+    auto listed = [](cl::occurrence_bounds b) -> decl { return [b](D& d) { d.add<cl::list<int>>("l", b); }; };
     auto unnamed = [](cl::occurrence_bounds b) -> decl {
-        return [b](declarations& d) { d.add<cl::opt<int>>(cl::values(cl::value("fast", 1), cl::value("slow", 2)), b); };
+        return [b](D& d) { d.add<cl::opt<int>>(cl::values(cl::value("fast", 1), cl::value("slow", 2)), b); };
     };
     auto sink = [](cl::occurrence_bounds b) -> decl {
-        return [b](declarations& d) { d.add<cl::list<int>>("files", cl::Positional, cl::Sink, b); };
+        return [b](D& d) { d.add<cl::list<int>>("files", cl::Positional, cl::Sink, b); };
     };
     auto positionals = [](std::vector<std::pair<const char*, bool>> required) -> decl {
-        return [required](declarations& d) {
+        return [required](D& d) {
             for (auto [name, needed] : required)
                 d.add<cl::opt<ks::string_view>>(name, cl::Positional, needed ? cl::required : cl::optional);
         };
     };
-    auto point = [](declarations& d) { d.add<cl::list<int>>("point", cl::Positional, cl::SeparatedList, cl::exactly(3)); };
+    auto point = [](D& d) { d.add<cl::list<int>>("point", cl::Positional, cl::SeparatedList, cl::exactly(3)); };
     const struct {
         decl declare;
         std::vector<std::string> args;
@@ -370,7 +350,7 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
         {shared(cl::exactly(2)), {"-b=1"},
          "E_NOENT One or more of the following options must be specified exactly 2 times: -a|-b"},
         {shared(cl::exactly(2)), {"-b=1", "-a=2"}, "ok"},
-        {[](declarations& d) { d.add<cl::flag>("f", cl::required); }, {}, "E_NOENT Required option 'f' not found"},
+        {[](D& d) { d.add<cl::flag>("f", cl::required); }, {}, "E_NOENT Required option 'f' not found"},
         {listed(cl::exactly(1)), {}, "E_NOENT Option '-l' must be used exacly once"},
         {listed(cl::exactly(2)), {"-l=1"}, "E_NOENT Option '-l' must be used exactly 2 times"},
         {listed(cl::required), {}, "E_NOENT Option '-l' must be used at least once"},

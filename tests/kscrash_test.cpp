@@ -52,7 +52,8 @@ protected:
     std::vector<std::string> reports() const {
         std::vector<std::string> names;
         std::error_code ec;
-        for (const auto& entry : std::filesystem::directory_iterator(crash_dir(), ec)) names.push_back(entry.path().filename());
+        for (const auto& entry : std::filesystem::directory_iterator(crash_dir(), ec))
+            names.push_back(entry.path().filename());
         return names;
     }
 

@@ -25,6 +25,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 const std::string kDaemon = std::string(KS_BINARY_DIR) + "/tests/ksdaemon_testd";
 const std::string kName = "ksdaemon_testd";
 
@@ -68,15 +70,9 @@ std::vector<std::string> lines_of(const std::string& text) {
 class DaemonTest : public ::testing::Test {
 protected:
     ~DaemonTest() override {
-        for (pid_t pid : started_) {
-            if (alive(pid)) ::kill(pid, SIGKILL);
-        }
-        for (pid_t pid : children_) {
-            if (pid > 0) {
-                ::kill(pid, SIGKILL);
-                ::waitpid(pid, nullptr, 0);
-            }
-        }
+        // waitpid reaps our own children and returns at once for the detached daemons.
+        for (pid_t pid : started_)
+            if (alive(pid) && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
         if (const pid_t pid = pidfile_holder(); pid > 0) ::kill(pid, SIGKILL);
         const std::string crash_root = "/tmp/kslogs" + root_.path();
         kstest::run("rm -rf '" + crash_root + "'; rmdir /tmp/kslogs/tmp /tmp/kslogs 2>/dev/null");
@@ -138,7 +134,7 @@ protected:
             ::_exit(127);
         }
         ::close(out);
-        children_.push_back(pid);
+        started_.push_back(pid);
         return pid;
     }
 
@@ -146,8 +142,7 @@ protected:
     int reap(pid_t pid) {
         int status = 0;
         if (::waitpid(pid, &status, 0) != pid) return -1;
-        for (auto& c : children_)
-            if (c == pid) c = -1;
+        std::replace(started_.begin(), started_.end(), pid, -1);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
@@ -159,13 +154,12 @@ protected:
 
     // The command-line settings client on this install root; its standard output only.
     int setmgmt(const std::string& args, std::string* output = nullptr) {
-        return kstest::run("'" + kstest::tool_path("kssetmgmt") + "' -root '" + root_.path() + "' " + args + " 2>/dev/null",
-                           output);
+        const std::string client = kstest::tool_path("kssetmgmt");
+        return kstest::run("'" + client + "' -root '" + root_.path() + "' " + args + " 2>/dev/null", output);
     }
 
     kstest::InstallRoot root_;
-    std::vector<pid_t> started_;   // detached daemons
-    std::vector<pid_t> children_;  // our own children
+    std::vector<pid_t> started_;  // detached daemons and our own children
 };
 
 TEST_F(DaemonTest, CommandLineActionsAndFailures) {
@@ -249,7 +243,8 @@ TEST_F(DaemonTest, SignalsReachEveryStopNotification) {
         for (const auto& line : events())
             if (line.rfind("callback", 0) == 0 || line.rfind("pipe", 0) == 0 || line.rfind("flag", 0) == 0)
                 seen.insert(line);
-        EXPECT_EQ(std::multiset<std::string>(c.after_run.begin(), c.after_run.end()), seen) << c.mode << " " << c.signal;
+        const std::multiset<std::string> expected(c.after_run.begin(), c.after_run.end());
+        EXPECT_EQ(expected, seen) << c.mode << " " << c.signal;
         EXPECT_EQ(exit_line, events().back()) << "the run callback returns after the notifications";
         EXPECT_TRUE(wait_for([&] { return !alive(pid); }));
     }
@@ -292,7 +287,8 @@ TEST_F(DaemonTest, BadStartupEnvironments) {
     };
     const std::string run_dir = root_ / "var/run";
     const Case cases[] = {
-        {"missing install root", [] {}, "-start", "normal KS_INSTALL_ROOT=/nonexistent/root", 1, "Error: kslog setup failed"},
+        {"missing install root", [] {}, "-start", "normal KS_INSTALL_ROOT=/nonexistent/root", 1,
+         "Error: kslog setup failed"},
         {"var/run not a directory", [&] { kstest::run("rm -rf '" + run_dir + "' && touch '" + run_dir + "'"); }, "-start",
          "normal", 127, "Error: Failed to open PID file '" + run_dir + "/" + kName + ".pid': Not a directory"},
         {"var/run not a directory, no detach", [] {}, "-start -no-detach", "normal", 127,
@@ -305,8 +301,8 @@ TEST_F(DaemonTest, BadStartupEnvironments) {
     for (const Case& c : cases) {
         c.prepare();
         std::string out;
-        const int status = kstest::run("cd '" + root_.path() + "' && " + env(c.mode) + "'" + kDaemon + "' " + c.args + " 2>&1",
-                                       &out);
+        const std::string command = env(c.mode) + "'" + kDaemon + "' " + c.args + " 2>&1";
+        const int status = kstest::run("cd '" + root_.path() + "' && " + command, &out);
         EXPECT_EQ(c.status, status) << c.name << "\n" << out;
         EXPECT_NE(out.find(c.expected), std::string::npos) << c.name << "\n" << out;
         EXPECT_EQ(-1, pidfile_holder()) << c.name;
@@ -387,8 +383,8 @@ TEST_F(DaemonTest, CrashLeavesAReportAndAStalePidFileThatDoesNotBlockAStart) {
     ASSERT_EQ(0u, listing.find(file)) << listing;
     const std::string report = kstest::read_file(dir + "/" + lines_of(listing).at(0));
     // The report's layout is the crash reporter's tests' business; here: the daemon's name and its frames.
-    for (const std::string& text : {"program: " + kName, std::string("signal: 11 (SIGSEGV)"), std::string("backtrace:\n"),
-                                   std::string("run_daemon"), std::string("end of report\n")})
+    for (const std::string& text :
+         {"program: " + kName, "signal: 11 (SIGSEGV)"s, "backtrace:\n"s, "run_daemon"s, "end of report\n"s})
         EXPECT_NE(report.find(text), std::string::npos) << text << "\n" << report;
     EXPECT_EQ(-1, pidfile_holder()) << "the lock died with the process";
     EXPECT_EQ(std::to_string(pid) + "\n", kstest::read_file(root_ / ("var/run/" + kName + ".pid"))) << "left behind";
