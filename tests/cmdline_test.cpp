@@ -11,7 +11,6 @@
 #include <random>
 #include <string>
 #include <system_error>
-#include <type_traits>
 #include <vector>
 
 namespace cl = ks::cl;
@@ -209,14 +208,8 @@ struct tool_line {
     cl::opt<ks::string_view> src{on, "src", cl::Positional};
     cl::opt<int> port{on, "port", cl::Positional};
 
-    template <class T>
-    static std::string text(const T& v) {
-        if constexpr (std::is_same_v<T, ks::string_view>) {
-            return std::string(v);
-        } else {
-            return std::to_string(v);
-        }
-    }
+    static std::string text(ks::string_view v) { return std::string(v); }
+    static std::string text(long v) { return std::to_string(v); }
     template <class T>
     static std::string text(const std::vector<T>& items) {
         std::string s = "[";

@@ -106,9 +106,8 @@ protected:
     }
 
     bool has_event(const std::string& event) const {
-        for (const auto& line : events())
-            if (line == event) return true;
-        return false;
+        const auto all = events();
+        return std::find(all.begin(), all.end(), event) != all.end();
     }
 
     pid_t pidfile_holder() const {
