@@ -163,8 +163,7 @@ TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
 
 TEST(CmdlineRegistration, OptionsJoinTheSubCommandsDeclaredBeforeThemAndLeaveWhenDestroyed) {
     declarations d;
-    d.add<cl::flag>("early");
-    d.add<cl::sub_commands<int>>(cl::values(cl::value("start", 0), cl::value("stop", 1)));
+    d.add<cl::flag>("early").add<cl::sub_commands<int>>(cl::values(cl::value("start", 0), cl::value("stop", 1)));
     d.add<cl::flag>("late");
     std::vector<std::unique_ptr<argv_holder>> argvs;  // the parser keeps views into them
     auto parse = [&](std::vector<std::string> args) {
@@ -469,8 +468,7 @@ TEST(CmdlineParse, ArbitraryArgvNeverBreaksTheParser) {
     for (int round = 0; round < 3000; ++round) {
         std::vector<std::string> args(random() % 6);
         for (auto& arg : args) {
-            const int pick = random() % 4;
-            if (pick == 0) arg = std::string(random() % 3 == 0 ? 100000 : random() % 8, char(random()));
+            if (random() % 4 == 0) arg = std::string(random() % 3 == 0 ? 100000 : random() % 8, char(random()));
             for (int k = random() % 3; k >= 0; --k) arg += pieces[random() % pieces.size()];
         }
         argv_holder a(args);
