@@ -149,9 +149,10 @@ TEST_F(CryptoTest, AesRejectsBadInput) {
 TEST(KscryptoStrerror, CodeTable) {
     // Codes above 100 take the text of errno.
     const std::pair<int, const char*> cases[] = {
-        {0, "No error"},       {1, "Invalid param"}, {2, "Buffer size is too small"}, {3, "Input size mismatch"},
-        {4, "Wrong key type"}, {5, "Unknown error"}, {100, "Unknown error"},          {101, std::strerror(ENOSPC)},
-        {102, std::strerror(ENOSPC)}, {103, std::strerror(ENOSPC)}};
+        {0, "No error"},            {1, "Invalid param"},        {2, "Buffer size is too small"},
+        {3, "Input size mismatch"}, {4, "Wrong key type"},       {5, "Unknown error"},
+        {100, "Unknown error"},     {101, std::strerror(ENOSPC)}, {102, std::strerror(ENOSPC)},
+        {103, std::strerror(ENOSPC)}};
     char buffer[64];
     for (auto [code, text] : cases) {
         errno = ENOSPC;
@@ -318,7 +319,7 @@ TEST(Base64, TolerantDecoderRules) {
         {"-_.~", "\xff\xff\xff"},               // so is any other character
         {"YQ", "a"},                            // leftover bits dropped
         {"Y", ""},                              // not even one byte
-        {" YW\r\nJj\tZA\n", "abcd"},         // white space is skipped
+        {" YW\r\nJj\tZA\n", "abcd"},           // white space is skipped
         {"YQ==", std::string("a\x0f\xff", 3)},  // '=' is just another 63
     };
     for (const auto& [in, expected] : cases) {
