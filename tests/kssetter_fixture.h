@@ -1,6 +1,7 @@
 // Fixtures of the settings client and server tests: one install root per test program
 // (the client computes its socket path once per process), the settings server run as a
-// child on it, and a scripted stand-in server for exact request bytes and broken replies.
+// child on it, raw frames, and a scripted stand-in server for exact request bytes and broken
+// replies.
 #pragma once
 
 #include "kstest.h"
@@ -8,6 +9,7 @@
 #include <kssetter/kssetmgmt.h>
 #include <ksutils/error.h>
 #include <ksutils/kslog.h>
+#include <ksutils/unique_fd.h>
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -21,42 +23,51 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
-#include <memory>
+#include <set>
 #include <string>
 #include <thread>
-#include <vector>
 
 extern char** environ;
 
 namespace kssetter_test {
 
+using namespace std::string_literals;  // "\0/a"s keeps the NUL
+
 // The process's install root, with logging started on it so that the client can open its
 // log channel. Created by the first test that asks, kept until the program ends.
 inline kstest::InstallRoot& root() {
     struct Holder {
-        Holder() : installRoot(new kstest::InstallRoot()) {
-            ks::log::start("kssetter_test", installRoot->path().c_str(), nullptr);
-        }
+        kstest::InstallRoot installRoot;
+        Holder() { ks::log::start("kssetter_test", installRoot.path().c_str(), nullptr); }
         ~Holder() { ks::log::stop(); }
-        std::unique_ptr<kstest::InstallRoot> installRoot;
     };
     static Holder holder;
-    return *holder.installRoot;
+    return holder.installRoot;
 }
 
-inline std::string socketPath() { return root() / "var/run/kssetmgmt.skt"; }
 inline std::string storagePath() { return root() / "etc/storage.data"; }
+inline std::string errorText() { return std::string(ks::_get_kserrno().message_view()); }
 
-// A connected raw socket to whatever listens on the settings socket, or -1.
-inline int connectRaw() {
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// Whether a call returned -1 and set `code` (and `message`, when given) in the error record.
+inline ::testing::AssertionResult failed(int64_t returned, int code, const char* message = nullptr) {
+    if (returned == -1 && ks::_get_kserrno().code == code && (!message || errorText() == message))
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "returned " << returned << ", error " << ks::_get_kserrno().code << " \""
+                                         << errorText() << '"';
+}
+
+inline sockaddr_un socketAddress() {
     sockaddr_un a{};
     a.sun_family = AF_UNIX;
-    std::strncpy(a.sun_path, socketPath().c_str(), sizeof a.sun_path - 1);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-        ::close(fd);
-        return -1;
-    }
+    std::strncpy(a.sun_path, (root() / "var/run/kssetmgmt.skt").c_str(), sizeof a.sun_path - 1);
+    return a;
+}
+
+// A connected raw socket to whatever listens on the settings socket (empty when none does).
+inline ks::unique_fd connectRaw() {
+    const sockaddr_un a = socketAddress();
+    ks::unique_fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) fd.reset();
     return fd;
 }
 
@@ -69,20 +80,13 @@ public:
     ServerProcess& operator=(const ServerProcess&) = delete;
 
     void start() {
-        const std::string tool = kstest::tool_path("kssetter");
-        const std::string rootDir = root().path();
-        std::vector<char*> argv{const_cast<char*>(tool.c_str()), const_cast<char*>("-root"),
-                                const_cast<char*>(rootDir.c_str()), nullptr};
-        ASSERT_EQ(0, ::posix_spawn(&pid_, tool.c_str(), nullptr, nullptr, argv.data(), environ));
-        // Ready once it accepts connections (or gone if it failed to start).
+        const std::string tool = kstest::tool_path("kssetter"), dir = root().path();
+        char* argv[] = {const_cast<char*>(tool.c_str()), const_cast<char*>("-root"), const_cast<char*>(dir.c_str()),
+                        nullptr};
+        ASSERT_EQ(0, ::posix_spawn(&pid_, tool.c_str(), nullptr, nullptr, argv, environ));
         for (int i = 0; i < 1000; ++i) {
-            int fd = connectRaw();
-            if (fd >= 0) {
-                ::close(fd);
-                return;
-            }
-            int status;
-            if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+            if (connectRaw()) return;
+            if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
                 pid_ = -1;
                 FAIL() << "kssetter exited during start-up";
             }
@@ -91,10 +95,10 @@ public:
         FAIL() << "kssetter did not start listening";
     }
 
-    // Sends `sig` and reaps the child; returns its exit status (-1 when killed by a signal).
-    int stop(int sig = SIGTERM) {
+    // Sends SIGTERM and reaps the child; returns its exit status (-1 when killed by a signal).
+    int stop() {
         if (pid_ <= 0) return -1;
-        ::kill(pid_, sig);
+        ::kill(pid_, SIGTERM);
         int status = 0;
         ::waitpid(pid_, &status, 0);
         pid_ = -1;
@@ -106,8 +110,6 @@ public:
         start();
     }
 
-    pid_t pid() const { return pid_; }
-
 private:
     pid_t pid_ = -1;
 };
@@ -115,63 +117,69 @@ private:
 // Runs `fn` on a new thread and waits for it: a fresh per-thread connection each time.
 inline void inThread(const std::function<void()>& fn) { std::thread(fn).join(); }
 
-inline bool readAll(int fd, void* out, size_t n) {
-    auto* p = static_cast<char*>(out);
+// Moves exactly `n` bytes; false when the peer went away first.
+inline bool transfer(int fd, char* p, size_t n, bool sending) {
     while (n) {
-        ssize_t r = ::recv(fd, p, n, 0);
+        const ssize_t r = sending ? ::send(fd, p, n, MSG_NOSIGNAL) : ::recv(fd, p, n, 0);
         if (r <= 0) return false;
         p += r;
         n -= static_cast<size_t>(r);
     }
     return true;
 }
+inline bool readAll(int fd, void* out, size_t n) { return transfer(fd, static_cast<char*>(out), n, false); }
+inline bool writeAll(int fd, std::string bytes) { return transfer(fd, &bytes[0], bytes.size(), true); }
 
-inline bool writeAll(int fd, const void* data, size_t n) {
-    auto* p = static_cast<const char*>(data);
-    while (n) {
-        ssize_t r = ::send(fd, p, n, MSG_NOSIGNAL);
-        if (r <= 0) return false;
-        p += r;
-        n -= static_cast<size_t>(r);
-    }
-    return true;
+// A request frame: command, body length (announced, or the real one), body.
+inline std::string frame(uint32_t command, const std::string& body, uint64_t announced = UINT64_MAX) {
+    const uint64_t length = announced == UINT64_MAX ? body.size() : announced;
+    return std::string(reinterpret_cast<const char*>(&command), 4) +
+           std::string(reinterpret_cast<const char*>(&length), 8) + body;
 }
-
-// One whole request frame as sent by the client.
-struct Frame {
-    uint32_t command = 0;
-    std::string body;
-};
-
-inline bool readFrame(int fd, Frame& f) {
-    unsigned char header[12];
-    if (!readAll(fd, header, sizeof header)) return false;
-    uint64_t length;
-    std::memcpy(&f.command, header, 4);
-    std::memcpy(&length, header + 4, 8);
-    f.body.assign(length, '\0');
-    return length == 0 || readAll(fd, &f.body[0], length);
+// A CMD_SET body after its lock byte and key.
+inline std::string setBody(const std::string& lockAndKey, uint32_t type, const std::string& value) {
+    return lockAndKey + '\0' + std::string(reinterpret_cast<const char*>(&type), 4) + value;
 }
-
 inline std::string result(int64_t r) { return std::string(reinterpret_cast<const char*>(&r), 8); }
+
+// The next whole request frame on `fd`, or "" when the connection ended.
+inline std::string readFrame(int fd) {
+    std::string f(12, '\0');
+    uint64_t length;
+    if (!readAll(fd, &f[0], 12)) return "";
+    std::memcpy(&length, &f[4], 8);
+    f.resize(12 + length);
+    return readAll(fd, &f[12], length) ? f : "";
+}
+
+// Waits until `expected` notifications came on `h` (their keys added to `keys`); returns
+// how many did.
+inline int collect(ks::setMgmt::NotifyHandle* h, int expected, std::set<std::string>* keys = nullptr) {
+    int total = 0;
+    while (total < expected) {
+        const int n = keys ? ks::setMgmt::waitNotification(h, 2000, *keys) : ks::setMgmt::waitNotification(h, 2000);
+        if (n <= 0) {
+            ADD_FAILURE() << "notification wait: " << errorText();
+            break;
+        }
+        total += n;
+    }
+    return total;
+}
 
 // A stand-in server listening on the settings socket: each accepted connection is handed
 // to the next scripted handler, on a thread of its own.
 class FakeServer {
 public:
-    FakeServer() {
-        listen_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un a{};
-        a.sun_family = AF_UNIX;
-        std::strncpy(a.sun_path, socketPath().c_str(), sizeof a.sun_path - 1);
-        ::unlink(socketPath().c_str());
-        EXPECT_EQ(0, ::bind(listen_, reinterpret_cast<sockaddr*>(&a), sizeof a));
-        EXPECT_EQ(0, ::listen(listen_, 16));
+    FakeServer() : listen_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        const sockaddr_un a = socketAddress();
+        ::unlink(a.sun_path);
+        EXPECT_EQ(0, ::bind(listen_.get(), reinterpret_cast<const sockaddr*>(&a), sizeof a));
+        EXPECT_EQ(0, ::listen(listen_.get(), 16));
     }
     ~FakeServer() {
         join();
-        ::close(listen_);
-        ::unlink(socketPath().c_str());
+        ::unlink(socketAddress().sun_path);
     }
 
     // Serves the next `count` connections with `handler` (given the connection socket).
@@ -179,10 +187,9 @@ public:
         join();
         thread_ = std::thread([this, handler, count] {
             for (int i = 0; i < count; ++i) {
-                int fd = ::accept(listen_, nullptr, nullptr);
-                if (fd < 0) return;
-                handler(fd);
-                ::close(fd);
+                ks::unique_fd fd(::accept(listen_.get(), nullptr, nullptr));
+                if (!fd) return;
+                handler(fd.get());
             }
         });
     }
@@ -191,25 +198,29 @@ public:
     }
     // True when a client connected without being served (pending in the backlog).
     bool connectionPending() {
-        pollfd p{listen_, POLLIN, 0};
+        pollfd p{listen_.get(), POLLIN, 0};
         return ::poll(&p, 1, 0) == 1;
     }
 
 private:
-    int listen_ = -1;
+    ks::unique_fd listen_;
     std::thread thread_;
 };
 
 // Initialises the client for the test and uninitialises it afterwards.
-class ClientScope {
-public:
+struct ClientScope {
     ClientScope() {
         root();
-        EXPECT_EQ(0, ks::setMgmt::init()) << ks::_get_kserrno().message_view();
+        EXPECT_EQ(0, ks::setMgmt::init()) << errorText();
     }
     ~ClientScope() { ks::setMgmt::uninit(); }
 };
 
-inline std::string errorText() { return std::string(ks::_get_kserrno().message_view()); }
+// A test with the client initialised and the settings server running.
+class WithServer : public ::testing::Test {
+protected:
+    ClientScope client;
+    ServerProcess server;
+};
 
 }  // namespace kssetter_test

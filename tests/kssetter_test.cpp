@@ -8,34 +8,17 @@
 #include <kssetter/ksstorage.h>
 #include <ksutils/error.h>
 
-#include <poll.h>
-
 #include <atomic>
 #include <map>
 #include <mutex>
 
 using namespace kssetter_test;
+using namespace ks::setter;
 namespace sm = ks::setMgmt;
-using ks::setter::CmdType;
 
 namespace {
 
-std::string frame(uint32_t cmd, const std::string& body, uint64_t announced = UINT64_MAX) {
-    const uint64_t length = announced == UINT64_MAX ? body.size() : announced;
-    std::string f(reinterpret_cast<const char*>(&cmd), 4);
-    f.append(reinterpret_cast<const char*>(&length), 8);
-    return f + body;
-}
-
-std::string setBody(char lockByte, const std::string& key, uint32_t type, const std::string& value) {
-    std::string b(1, lockByte);
-    b += key;
-    b.push_back('\0');
-    b.append(reinterpret_cast<const char*>(&type), 4);
-    return b + value;
-}
-
-// The next reply's result, or nullopt-like `closed` when the server closed the connection.
+// The next reply's result, or `closed` when the server closed the connection.
 struct Answer {
     bool closed = false;
     int64_t result = 0;
@@ -63,58 +46,41 @@ bool serverAnswers() {
 
 }  // namespace
 
-class KssetterTest : public ::testing::Test {
-protected:
-    ClientScope client;
-    ServerProcess server;
-};
+using KssetterTest = WithServer;
 
 TEST_F(KssetterTest, MalformedFrames) {
-    const std::string key = "/bad/key";
-    const struct {
-        const char* name;
-        std::string bytes;
-        bool closes;
-        int64_t result;
-    } cases[] = {
-        {"body over the limit", frame(ks::setter::CMD_GET, "", ks::setter::kMaxBodyLength + 1), true, 0},
-        {"command 0", frame(0, std::string(1, '\0') + key), true, 0},
-        {"command 12", frame(12, std::string(1, '\0') + key), true, 0},
+    const std::string key = "/bad/key", plainKey = '\0' + key;
+    const std::tuple<const char*, std::string, bool, int64_t> cases[] = {  // name, bytes, closes, result
+        {"body over the limit", frame(CMD_GET, "", kMaxBodyLength + 1), true, 0},
+        {"command 0", frame(0, plainKey), true, 0},
+        {"command 12", frame(12, plainKey), true, 0},
         {"text garbage", "GARBAGE GARBAGE GARBAGE\n", true, 0},
-        {"empty get", frame(ks::setter::CMD_GET, ""), false, ks::setter::kResultParseError},
-        {"lock byte 2", frame(ks::setter::CMD_GET, "\2" + key), false, ks::setter::kResultParseError},
-        {"lock byte without lock", frame(ks::setter::CMD_GET, "\1" + key), false, ks::setter::kResultLockLost},
-        {"set without NUL", frame(ks::setter::CMD_SET, std::string(1, '\0') + key), false,
-         ks::setter::kResultParseError},
-        {"set without type", frame(ks::setter::CMD_SET, std::string(1, '\0') + key + std::string(3, '\0')), false,
-         ks::setter::kResultParseError},
-        {"set type 7", frame(ks::setter::CMD_SET, setBody('\0', key, 7, "v")), false, ks::setter::kResultParseError},
-        {"set none with bytes", frame(ks::setter::CMD_SET, setBody('\0', key, 2, "v")), false,
-         ks::setter::kResultParseError},
-        {"relative key", frame(ks::setter::CMD_GET, std::string(1, '\0') + "bad"), false,
-         ks::setter::kResultInvalidOperation},
-        {"key with newline", frame(ks::setter::CMD_SET, setBody('\0', "/a\nb", 0, "v")), false,
-         ks::setter::kResultInvalidOperation},
-        {"unlock not held", frame(ks::setter::CMD_UNLOCK, std::string(1, '\0') + key), false,
-         ks::setter::kResultInvalidOperation},
-        {"request on a stream", frame(ks::setter::CMD_NOTIFY, key) + frame(ks::setter::CMD_GET, std::string(1, '\0') + key),
-         true, 0},
+        {"empty get", frame(CMD_GET, ""), false, kResultParseError},
+        {"lock byte 2", frame(CMD_GET, "\2" + key), false, kResultParseError},
+        {"lock byte without lock", frame(CMD_GET, "\1" + key), false, kResultLockLost},
+        {"set without NUL", frame(CMD_SET, plainKey), false, kResultParseError},
+        {"set without type", frame(CMD_SET, plainKey + "\0\0\0"s), false, kResultParseError},
+        {"set type 7", frame(CMD_SET, setBody(plainKey, 7, "v")), false, kResultParseError},
+        {"set none with bytes", frame(CMD_SET, setBody(plainKey, 2, "v")), false, kResultParseError},
+        {"relative key", frame(CMD_GET, "\0bad"s), false, kResultInvalidOperation},
+        {"key with newline", frame(CMD_SET, setBody("\0/a\nb"s, 0, "v")), false, kResultInvalidOperation},
+        {"unlock not held", frame(CMD_UNLOCK, plainKey), false, kResultInvalidOperation},
+        // A request after a subscription, on the notification stream.
+        {"request on a stream", frame(CMD_NOTIFY, key) + frame(CMD_GET, plainKey), true, 0},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const int fd = connectRaw();
-        ASSERT_GE(fd, 0);
-        ASSERT_TRUE(writeAll(fd, c.bytes.data(), c.bytes.size()));
-        Answer a = answer(fd);
-        if (!a.closed && c.bytes.compare(0, 4, frame(ks::setter::CMD_NOTIFY, "").substr(0, 4)) == 0) {
+    for (const auto& [name, bytes, closes, result] : cases) {
+        SCOPED_TRACE(name);
+        const ks::unique_fd fd = connectRaw();
+        ASSERT_TRUE(writeAll(fd.get(), bytes));
+        Answer a = answer(fd.get());
+        if (!a.closed && bytes.compare(0, 4, frame(CMD_NOTIFY, ""), 0, 4) == 0) {
             EXPECT_EQ(0, a.result);  // the subscription itself
-            a = answer(fd);
+            a = answer(fd.get());
         }
-        EXPECT_EQ(c.closes, a.closed);
-        if (!c.closes) {
-            EXPECT_EQ(c.result, a.result);
+        EXPECT_EQ(closes, a.closed);
+        if (!closes) {
+            EXPECT_EQ(result, a.result);
         }
-        ::close(fd);
         EXPECT_TRUE(serverAnswers());
     }
     std::string value;
@@ -122,72 +88,55 @@ TEST_F(KssetterTest, MalformedFrames) {
 }
 
 TEST_F(KssetterTest, ClientVanishingMidRequest) {
-    const std::string whole = frame(ks::setter::CMD_SET, setBody('\0', "/vanish/k", 0, "value"));
-    for (size_t cut : {size_t(5), size_t(12), whole.size() - 1}) {
-        const int fd = connectRaw();
-        ASSERT_GE(fd, 0);
-        ASSERT_TRUE(writeAll(fd, whole.data(), cut));
-        ::close(fd);
-    }
+    const std::string whole = frame(CMD_SET, setBody("\0/vanish/k"s, 0, "value"));
+    for (size_t cut : {size_t(5), size_t(12), whole.size() - 1})
+        ASSERT_TRUE(writeAll(connectRaw().get(), whole.substr(0, cut)));  // and closes
     // A waiter for a lock that goes away does not inherit it.
     ASSERT_EQ(0, sm::lockKey("/vanish/lock"));
-    const int waiter = connectRaw();
-    const std::string lock = frame(ks::setter::CMD_LOCK, "/vanish/lock");
-    ASSERT_TRUE(writeAll(waiter, lock.data(), lock.size()));
+    ks::unique_fd waiter = connectRaw();
+    ASSERT_TRUE(writeAll(waiter.get(), frame(CMD_LOCK, "/vanish/lock")));
     ASSERT_TRUE(serverAnswers());
-    ::close(waiter);
+    waiter.reset();
     ASSERT_EQ(0, sm::unlockKey("/vanish/lock"));
     inThread([] {
         EXPECT_EQ(0, sm::lockKey("/vanish/lock"));
         EXPECT_EQ(0, sm::unlockKey("/vanish/lock"));
     });
-
     EXPECT_TRUE(sm::keyDeleted("/vanish/k"));
     EXPECT_TRUE(serverAnswers());
 }
 
 TEST_F(KssetterTest, SlowSubscriberIsDropped) {
-    const int slow = connectRaw();
-    ASSERT_GE(slow, 0);
+    const ks::unique_fd slow = connectRaw();
     int small = 4096;
-    ::setsockopt(slow, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    const std::string subscribe = frame(ks::setter::CMD_NOTIFY_KEYS, "/slow");
-    ASSERT_TRUE(writeAll(slow, subscribe.data(), subscribe.size()));
-    ASSERT_EQ(0, answer(slow).result);
+    ::setsockopt(slow.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    ASSERT_TRUE(writeAll(slow.get(), frame(CMD_NOTIFY_KEYS, "/slow")));
+    ASSERT_EQ(0, answer(slow.get()).result);
     sm::NotifyHandle* healthy = sm::setNotification("/slow", false);
     ASSERT_NE(nullptr, healthy);
 
-    // About 8 MiB of keyed notifications, twice what the server queues for one client.
+    // About 8 MiB of keyed notifications, twice what the server queues for one client; the
+    // healthy subscriber keeps reading.
     const std::string key = "/slow/" + std::string(1000, 'k');
     constexpr int kChanges = 8000;
     int healthyCount = 0;
     for (int i = 0; i < kChanges; ++i) {
         ASSERT_EQ(0, sm::setKey(key, "v")) << errorText();
-        if (i % 100 == 99) {
-            int n = sm::waitNotification(healthy, 2000);
-            ASSERT_GT(n, 0);
-            healthyCount += n;
-        }
+        if (i % 100 == 99) healthyCount += collect(healthy, 1);
     }
-    while (healthyCount < kChanges) {
-        int n = sm::waitNotification(healthy, 2000);
-        ASSERT_GT(n, 0);
-        healthyCount += n;
-    }
-    EXPECT_EQ(kChanges, healthyCount);
+    EXPECT_EQ(kChanges, healthyCount + collect(healthy, kChanges - healthyCount));
 
     // The slow one gets what was queued, then the end of the stream.
     size_t received = 0;
     char chunk[65536];
     for (;;) {
-        pollfd p{slow, POLLIN, 0};
+        pollfd p{slow.get(), POLLIN, 0};
         ASSERT_EQ(1, ::poll(&p, 1, 5000));
-        ssize_t n = ::recv(slow, chunk, sizeof chunk, 0);
+        const ssize_t n = ::recv(slow.get(), chunk, sizeof chunk, 0);
         if (n <= 0) break;
         received += static_cast<size_t>(n);
     }
     EXPECT_LT(received, kChanges * (8 + key.size()));
-    ::close(slow);
     sm::cancelNotification(healthy);
     EXPECT_TRUE(serverAnswers());
 }
@@ -215,23 +164,16 @@ TEST_F(KssetterTest, TwoHundredConcurrentClients) {
     }
     for (auto& th : threads) th.join();
     EXPECT_EQ(0, failures.load());
-    int notified = 0;
-    while (notified < kClients * kRounds) {
-        const int n = sm::waitNotification(watcher, 2000);
-        ASSERT_GT(n, 0) << errorText();
-        notified += n;
-    }
-    EXPECT_EQ(kClients * kRounds, notified);
+    EXPECT_EQ(kClients * kRounds, collect(watcher, kClients * kRounds));
     sm::cancelNotification(watcher);
 }
 
 TEST_F(KssetterTest, StopKeepsEveryAcknowledgedWrite) {
-    constexpr int kWriters = 4;
     std::mutex m;
     std::map<std::string, std::string> acknowledged;
     std::atomic<bool> started{false};
     std::vector<std::thread> writers;
-    for (int t = 0; t < kWriters; ++t) {
+    for (int t = 0; t < 4; ++t) {
         writers.emplace_back([t, &m, &acknowledged, &started] {
             for (int i = 0;; ++i) {
                 const std::string key = "/durable/w" + std::to_string(t) + "/k" + std::to_string(i % 50);
@@ -245,7 +187,7 @@ TEST_F(KssetterTest, StopKeepsEveryAcknowledgedWrite) {
     }
     while (!started) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(0, server.stop(SIGTERM));
+    EXPECT_EQ(0, server.stop());
     for (auto& w : writers) w.join();
     ASSERT_FALSE(acknowledged.empty());
 
@@ -262,26 +204,23 @@ TEST_F(KssetterTest, StopKeepsEveryAcknowledgedWrite) {
 }
 
 TEST_F(KssetterTest, SecondServerRefusesToStart) {
-    const std::string command = "'" + kstest::tool_path("kssetter") + "' -root '" + root().path() + "' 2>/dev/null";
-    EXPECT_EQ(1, kstest::run(command));
-    EXPECT_EQ(1, kstest::run("'" + kstest::tool_path("kssetter") + "' -bogus 2>/dev/null"));
+    const std::string tool = "'" + kstest::tool_path("kssetter") + "' ";
+    EXPECT_EQ(1, kstest::run(tool + "-root '" + root().path() + "' 2>/dev/null"));
+    EXPECT_EQ(1, kstest::run(tool + "-bogus 2>/dev/null"));
     EXPECT_TRUE(serverAnswers());
 }
 
 TEST_F(KssetterTest, CommandLineClient) {
     const std::string cli = "'" + kstest::tool_path("kssetmgmt") + "' -root '" + root().path() + "' ";
-    const std::string binFile = root() / "var/tmp/blob";
-    ASSERT_TRUE(kstest::write_file(binFile, std::string("\0\1\2\xff", 4)));
-    const struct {
-        std::string args;
-        int status;
-        std::string output;  // null-free expectation of standard output
-    } steps[] = {
+    const std::string blob = "\0\1\2\xff"s, blobFile = root() / "var/tmp/blob";
+    ASSERT_TRUE(kstest::write_file(blobFile, blob));
+    const std::tuple<std::string, int, std::string> steps[] = {  // arguments, exit status, output
         {"set /cli/name 'the box'", 0, ""},
         {"get /cli/name", 0, "the box"},
         {"stat /cli/name", 0, "string 7\n"},
-        {"set-file /cli/blob '" + binFile + "'", 0, ""},
+        {"set-file /cli/blob '" + blobFile + "'", 0, ""},
         {"stat /cli/blob", 0, "binary 4\n"},
+        {"get /cli/blob", 0, blob},
         {"set /cli/empty ''", 0, ""},
         {"stat /cli/empty", 0, "none 0\n"},
         {"lock-set /cli/locked yes", 0, ""},
@@ -295,15 +234,11 @@ TEST_F(KssetterTest, CommandLineClient) {
         {"frobnicate 2>/dev/null", 1, ""},
         {"watch /cli 0 2>/dev/null", 1, ""},
     };
-    for (const auto& s : steps) {
-        SCOPED_TRACE(s.args);
+    for (const auto& [args, status, output] : steps) {
         std::string out;
-        EXPECT_EQ(s.status, kstest::run(cli + s.args, &out));
-        EXPECT_EQ(s.output, out);
+        EXPECT_EQ(status, kstest::run(cli + args, &out)) << args;
+        EXPECT_EQ(output, out) << args;
     }
-    std::string blob;
-    EXPECT_EQ(0, kstest::run(cli + "get /cli/blob", &blob));
-    EXPECT_EQ(std::string("\0\1\2\xff", 4), blob);
 
     // watch prints the changed keys as they come and stops after the count.
     std::string watched;
@@ -323,24 +258,20 @@ TEST_F(KssetterTest, PipelinedRequestsWithoutReading) {
     const std::string value(1000, 'v');
     ASSERT_EQ(0, sm::setKey("/pipe/value", value));
     constexpr int kRequests = 20000;
-    const int fd = connectRaw();
-    ASSERT_GE(fd, 0);
-    std::thread writer([fd] {
-        std::string batch;
-        for (int i = 0; i < 100; ++i) batch += frame(ks::setter::CMD_GET, std::string(1, '\0') + "/pipe/value");
+    const ks::unique_fd fd = connectRaw();
+    std::string batch;
+    for (int i = 0; i < 100; ++i) batch += frame(CMD_GET, "\0/pipe/value"s);
+    std::thread writer([&] {
         for (int i = 0; i < kRequests / 100; ++i)
-            if (!writeAll(fd, batch.data(), batch.size())) return;
+            if (!writeAll(fd.get(), batch)) return;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_TRUE(serverAnswers());  // others are served while this client lags
     int good = 0;
-    for (int i = 0; i < kRequests; ++i) {
+    for (std::string got(value.size(), '\0'); good < kRequests; ++good) {
         int64_t size = 0;
-        std::string got(value.size(), '\0');
-        if (!readAll(fd, &size, 8) || size != 1000 || !readAll(fd, &got[0], got.size())) break;
-        if (got == value) ++good;
+        if (!readAll(fd.get(), &size, 8) || size != 1000 || !readAll(fd.get(), &got[0], got.size()) || got != value) break;
     }
     writer.join();
     EXPECT_EQ(kRequests, good);
-    ::close(fd);
 }

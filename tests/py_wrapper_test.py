@@ -17,40 +17,36 @@ def main():
     if lib.kslog_init(b"py_wrapper_test", root, None) != 0:
         return "kslog_init failed"
 
+    text = ctypes.POINTER(ctypes.c_char)
     lib.getKey_py_wrapper.restype = ctypes.c_int64
-    lib.getKey_py_wrapper.argtypes = [ctypes.c_char_p, ctypes.POINTER(ctypes.POINTER(ctypes.c_char))]
-    lib.enumSubkeys_py_wrapper.argtypes = [ctypes.c_char_p, ctypes.POINTER(ctypes.POINTER(ctypes.c_char))]
+    lib.getKey_py_wrapper.argtypes = lib.enumSubkeys_py_wrapper.argtypes = [ctypes.c_char_p, ctypes.POINTER(text)]
     libc.free.argtypes = [ctypes.c_void_p]
 
+    def take(p):  # the C string the library allocated, freed
+        value = ctypes.cast(p, ctypes.c_char_p).value
+        libc.free(p)
+        return value
+
     def get(key):
-        out = ctypes.POINTER(ctypes.c_char)()
-        n = lib.getKey_py_wrapper(key, ctypes.byref(out))
-        text = ctypes.cast(out, ctypes.c_char_p).value
-        libc.free(out)
-        return n, text
+        out = text()
+        return lib.getKey_py_wrapper(key, ctypes.byref(out)), take(out)
 
-    failures = []
+    def enum(key):
+        slots = (text * 8)()
+        n = lib.enumSubkeys_py_wrapper(key, slots)
+        return n, sorted(take(slots[i]) for i in range(max(n, 0)))
 
-    def check(what, got, expected):
-        if got != expected:
-            failures.append(f"{what}: got {got!r}, expected {expected!r}")
-
-    check("init", lib.init_py_wrapper(), 0)
-    check("getKey", get(b"/py/name"), (3, b"box"))
-    check("getKey missing", get(b"/py/missing"), (-1, b""))
-    check("getKey bad key", get(b"py"), (-1, b""))
-
-    slots = (ctypes.POINTER(ctypes.c_char) * 8)()
-    n = lib.enumSubkeys_py_wrapper(b"/py/list", slots)
-    names = sorted(ctypes.cast(slots[i], ctypes.c_char_p).value for i in range(max(n, 0)))
-    for i in range(max(n, 0)):
-        libc.free(slots[i])
-    check("enumSubkeys", (n, names), (2, [b"one", b"two"]))
-    check("enumSubkeys missing", lib.enumSubkeys_py_wrapper(b"/py/missing", slots), -1)
-    check("uninit", lib.uninit_py_wrapper(), 0)
-
+    checks = [  # in call order
+        ("init", lib.init_py_wrapper(), 0),
+        ("getKey", get(b"/py/name"), (3, b"box")),
+        ("getKey missing", get(b"/py/missing"), (-1, b"")),
+        ("getKey bad key", get(b"py"), (-1, b"")),
+        ("enumSubkeys", enum(b"/py/list"), (2, [b"one", b"two"])),
+        ("enumSubkeys missing", enum(b"/py/missing"), (-1, [])),
+        ("uninit", lib.uninit_py_wrapper(), 0),
+    ]
     lib.kslog_uninit()
-    return "\n".join(failures) or None
+    return "\n".join(f"{what}: got {got!r}, expected {want!r}" for what, got, want in checks if got != want)
 
 
 if __name__ == "__main__":
