@@ -228,7 +228,6 @@ TEST_F(KssetterTest, CommandLineClient) {
         {"enum /cli", 0, "blob\nempty\nlocked\nname\n"},
         {"delete /cli/name", 0, ""},
         {"get /cli/name 2>&1", 2, "kssetmgmt: get /cli/name: Key not found (E_INVAL)\n"},
-        {"get cli/name 2>/dev/null", 2, ""},
         {"set-file /cli/x '" + root() / "var/tmp/missing" + "' 2>/dev/null", 2, ""},
         {"set-file /cli/x / 2>/dev/null", 2, ""},
         {"frobnicate 2>/dev/null", 1, ""},
