@@ -3,9 +3,6 @@
 // broken reply matter.
 #include "kssetter_fixture.h"
 
-#include <kssetter/kssetmgmt.h>
-#include <ksutils/error.h>
-
 #include <atomic>
 
 using namespace kssetter_test;
