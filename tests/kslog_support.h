@@ -1,10 +1,12 @@
-// Helpers shared by the logging tests: a started logger in a throw-away install root,
+// Helpers shared by the logging tests: a logger started in a throw-away install root,
 // decryption of log files with the install root's private key, and a walk over a log
 // file's block structure.
 #pragma once
 
 #include <kscryptolog.h>
 #include <kslog.h>
+#include <ksutils/crypto.h>
+#include <ksutils/unique_fd.h>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -12,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -22,29 +25,19 @@ namespace kslogtest {
 // Plain text of an encrypted log file ("" when missing); `ok` says whether the reader
 // accepted the whole file.
 inline std::string decrypt(const std::string& path, const std::string& private_key, bool* ok = nullptr) {
-    if (ok) *ok = false;
-    int in = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (in < 0) return "";
-    int out = ::memfd_create("decrypted", MFD_CLOEXEC);
-    crypto_log_reader* reader = crypto_log_reader_new(private_key.c_str());
-    const int rc = reader ? crypto_log_reader_decrypt(reader, out, in) : -1;
-    if (reader) crypto_log_reader_free(reader);
-    ::close(in);
-    if (ok) *ok = rc == 0;
-    std::string text;
-    char chunk[8192];
-    ::lseek(out, 0, SEEK_SET);
-    for (ssize_t n; (n = ::read(out, chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<size_t>(n));
-    ::close(out);
-    return text;
+    ks::unique_fd in(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), out(::memfd_create("plain", MFD_CLOEXEC));
+    const bool whole = in && ks::CryptoLogReader(private_key.c_str()).decrypt(out.get(), in.get());
+    if (ok) *ok = whole;
+    return kstest::read_file("/proc/self/fd/" + std::to_string(out.get()));
 }
 
+// The lines of `text`, each with its newline (the last one may lack it).
 inline std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> result;
-    size_t start = 0;
-    for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
-        result.push_back(text.substr(start, nl - start + 1));
-    if (start < text.size()) result.push_back(text.substr(start));
+    for (size_t start = 0, end; start < text.size(); start = end) {
+        end = std::min(text.find('\n', start), text.size() - 1) + 1;
+        result.push_back(text.substr(start, end - start));
+    }
     return result;
 }
 
@@ -53,6 +46,13 @@ inline std::vector<std::string> test_records(const std::string& text) {
     std::vector<std::string> result;
     for (auto& line : lines(text))
         if (line.find("[test.cpp:1][test()]: ") == KSLOG_HEADER_SIZE) result.push_back(std::move(line));
+    return result;
+}
+
+// The messages of those records, each with its newline, run together.
+inline std::string messages(const std::string& text) {
+    std::string result;
+    for (const auto& r : test_records(text)) result += r.substr(KSLOG_HEADER_SIZE + 22);
     return result;
 }
 
@@ -80,7 +80,6 @@ inline std::string record(const std::string& message) {
 
 inline void log(int channel, int level, const std::string& message) {
     std::string text = record(message);
-    text.reserve(4096);
     kslog_log_full(channel, level, text.data(), text.size());
 }
 
@@ -92,6 +91,19 @@ inline int execute(const std::string& json) {
     const int rc = kslog_execute_config(doc);
     json_decref(doc);
     return rc;
+}
+
+// The running configuration as JSON text, keys sorted; with `channel` and `key`, only the
+// value of `key` in that channel's first output.
+inline std::string config_text(const char* channel = nullptr, const char* key = nullptr) {
+    json_t* config = kslog_get_config();
+    const json_t* value = channel ? json_object_get(
+        json_array_get(json_object_get(json_object_get(config, "channels"), channel), 0), key) : config;
+    char* text = value ? json_dumps(value, JSON_SORT_KEYS | JSON_COMPACT | JSON_ENCODE_ANY) : nullptr;
+    const std::string result = text ? text : "";
+    free(text);
+    json_decref(config);
+    return result;
 }
 
 // A logger started as `identity` in a fresh install root; stopped however often the
@@ -107,7 +119,6 @@ protected:
     std::string decrypt(const std::string& path, bool* ok = nullptr) const {
         return kslogtest::decrypt(path, root.private_key(), ok);
     }
-    int update(const std::string& json) { return kslogtest::execute(json); }
 
     kstest::InstallRoot root;
 };
