@@ -117,7 +117,8 @@ TEST(KslogIdentity, IsTheNameAfterTheLastSlash) {
                  {too_long.c_str(), nullptr}, {nullptr, nullptr}};
     for (const auto& row : table) {
         const char* id = kslog_identity(row.path);
-        EXPECT_EQ(id ? std::string(id) : "(null)", row.identity ? row.identity : "(null)") << (row.path ? row.path : "");
+        EXPECT_EQ(id ? std::string(id) : "(null)", row.identity ? row.identity : "(null)")
+            << (row.path ? row.path : "(null)");
     }
 }
 
@@ -259,35 +260,33 @@ TEST_F(LoggerTest, ClampsOutputSizesToTheGlobalLimits) {
 }
 
 // Stopped, every call answers with its default (whatever the configuration was) and
-// nothing is written; a restart begins from a clean table.
-TEST_F(LoggerTest, InitIsReferenceCounted) {
+// nothing is written; a failed start leaves it stopped; a restart begins from a clean table.
+TEST_F(LoggerTest, InitIsReferenceCountedAndFailsCleanly) {
     start();
     start();
     ASSERT_EQ(execute(R"({"action":"update","global":{"size":8192,"num":1},"channels":{"extra":[]}})"), 0);
     kslog_uninit();
     EXPECT_TRUE(kslog_can_log(0, 0));
     kslog_uninit();
-    EXPECT_FALSE(kslog_initialized());
     EXPECT_FALSE(kslog_can_log(0, 0));
     EXPECT_EQ(kslog_channel_open("x"), -1);
-    EXPECT_EQ(kslog_get_num_channels(), 0);
     EXPECT_EQ(kslog_get_max_log_size(), 262144u);
     EXPECT_EQ(kslog_get_max_num_logs(), 2u);
     kslogtest::log(0, 0, "after the end");
     EXPECT_EQ(decrypt(root / "var/log/kstestd.0").find("after the end"), std::string::npos);
-    start();
-    EXPECT_EQ(kslog_get_num_channels(), 1);
-}
 
-TEST_F(LoggerTest, InitFailsWithoutTheKeyOrWithABadIdentity) {
     const std::string long_root(4096, 'r');
     EXPECT_EQ(kslog_init("/bin/", root.path().c_str(), nullptr), -1);
     EXPECT_EQ(kslog_init(nullptr, root.path().c_str(), nullptr), -1);
     EXPECT_EQ(kslog_init("/bin/kstestd", long_root.c_str(), nullptr), -1);
+    EXPECT_FALSE(kslog_initialized());
+    EXPECT_EQ(kslog_get_num_channels(), 0);
+    start();
+    EXPECT_EQ(kslog_get_num_channels(), 1);
+    kslog_uninit();
     ::unlink((root / "etc/logs-pub.pem").c_str());
     EXPECT_EQ(kslog_init("/bin/kstestd", root.path().c_str(), nullptr), -1);
     EXPECT_FALSE(kslog_initialized());
-    EXPECT_EQ(kslog_get_num_channels(), 0);
 }
 
 // Threads of one process never interleave inside a record; 800 records with rising

@@ -84,7 +84,8 @@ TEST_F(LoggerTest, RefusesBadDocumentsWithTheirMessageAndChangesNothing) {
     // The messages reach the log too, on the default channel.
     const std::string log = decrypt(root / "var/log/kstestd.0");
     for (const auto& row : table)
-        for (const auto& message : row.messages) EXPECT_NE(log.find("]: " + message + "\n"), std::string::npos) << message;
+        for (const auto& message : row.messages)
+            EXPECT_NE(log.find("]: " + message + "\n"), std::string::npos) << message;
 }
 
 TEST_F(LoggerTest, UnreadableOrUnusableInputFailsCleanly) {
@@ -172,7 +173,8 @@ TEST_F(LoggerTest, StartUpOrder) {
         const char *startup, *channel;
         size_t size;
         std::string applied;
-    } table[] = {{nullptr, "prog", 8192, program}, {given.c_str(), "given", 4096, given}, {nullptr, "dflt", 16384, shared}};
+    } table[] = {
+        {nullptr, "prog", 8192, program}, {given.c_str(), "given", 4096, given}, {nullptr, "dflt", 16384, shared}};
     for (const auto& row : table) {
         SCOPED_TRACE(row.applied);
         if (row.applied == shared) kstest::write_file(program, "{ broken");  // falls through to default.json
@@ -186,7 +188,8 @@ TEST_F(LoggerTest, StartUpOrder) {
         std::snprintf(size_line, sizeof size_line, "]:    size : %10zu - source: %s\n", row.size, row.applied.c_str());
         for (const std::string& line :
              {"]: kslog started with config '" + row.applied + "'.\n",
-              std::string("]: kslog limits - [min, max]: level in [error, trace], size in [4096, 262144], num in [1, 2]\n"),
+              std::string("]: kslog limits - [min, max]: level in [error, trace], size in [4096, 262144], "
+                          "num in [1, 2]\n"),
               std::string(size_line), "]:    num  :          1 - source: " + shared + "\n",
               std::string("]:    level:      error - source: library built-in\n")})
             EXPECT_NE(log.find(line), std::string::npos) << line << log;

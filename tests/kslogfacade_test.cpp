@@ -46,7 +46,8 @@ TEST_F(FacadeTest, LevelsMapToTheCore) {
         unsigned long channel;
         unsigned level;
         bool allowed;
-    } table[] = {{0, 3, true}, {0, 4, false}, {quiet, 0, true}, {quiet, 1, false}, {quiet, 7, true}, {quiet, 100, true}};
+    } table[] = {
+        {0, 3, true}, {0, 4, false}, {quiet, 0, true}, {quiet, 1, false}, {quiet, 7, true}, {quiet, 100, true}};
     for (const auto& row : table)
         EXPECT_EQ(ks::log::can_log(row.channel, static_cast<ks::log::level>(row.level)), row.allowed)
             << row.channel << " " << row.level;

@@ -37,8 +37,8 @@ protected:
     };
     Result reader(const std::string& arguments) {
         Result r;
-        r.status = kstest::run(quoted(kstest::tool_path("kslogreader")) + " " + arguments + " 2>" + quoted(root / "err"),
-                               &r.out);
+        const std::string program = quoted(kstest::tool_path("kslogreader"));
+        r.status = kstest::run(program + " " + arguments + " 2>" + quoted(root / "err"), &r.out);
         r.err = kstest::read_file(root / "err");
         return r;
     }
@@ -72,7 +72,8 @@ TEST_F(LogReaderTool, ReadsWhatTheLoggerWrote) {
 }
 
 TEST_F(LogReaderTool, BadFilesAreNamedAndTheRestIsStillRead) {
-    const std::string good = make_log("good.0", {"good\n"}), truncated = make_log("cut.0", {"kept\n", "lost in the cut\n"});
+    const std::string good = make_log("good.0", {"good\n"});
+    const std::string truncated = make_log("cut.0", {"kept\n", "lost in the cut\n"});
     const std::string bytes = kstest::read_file(truncated);
     ASSERT_TRUE(kstest::write_file(truncated, bytes.substr(0, bytes.size() - 4)));
     ASSERT_TRUE(kstest::write_file(root / "foreign.0", "this is a plain text file, not an encrypted log\n"));
