@@ -205,10 +205,12 @@ TEST_F(LoggerTest, ChannelsOpenCloseCopy) {
     EXPECT_FALSE(kslog_can_log(64, 0));
 }
 
-TEST_F(LoggerTest, EachOutputFiltersByItsOwnLevel) {
+// Each output filters by its own level; sizes and counts are clamped to the global limits.
+TEST_F(LoggerTest, EachOutputFiltersByItsOwnLevelWithinTheGlobalLimits) {
     start();
-    ASSERT_EQ(execute(R"({"action":"update","channels":{"net":[
-        {"file":"errors","level":"error"},{"file":"all","level":"debug"}]}})"),
+    ASSERT_EQ(execute(R"({"action":"update","global":{"size":8192},"channels":{
+        "net":[{"file":"errors","level":"error"},{"file":"all","level":"debug"}],
+        "a":[{"file":"a","size":100,"num":1}],"b":[{"file":"b","size":10000000,"num":7}]}})"),
               0);
     const int net = kslog_channel_get_by_name("net");
     EXPECT_EQ(kschlog_get_max_level(net), 3);
@@ -216,6 +218,10 @@ TEST_F(LoggerTest, EachOutputFiltersByItsOwnLevel) {
     for (int level : {0, 2, 4}) kslogtest::log(net, level, "level " + std::to_string(level));
     EXPECT_EQ(kslogtest::messages(decrypt(root / "var/log/kstestd.errors.0")), "level 0\n");
     EXPECT_EQ(kslogtest::messages(decrypt(root / "var/log/kstestd.all.0")), "level 0\nlevel 2\n");
+    EXPECT_EQ(kslogtest::config_text("a", "size"), "4096");
+    EXPECT_EQ(kslogtest::config_text("a", "num"), "1");
+    EXPECT_EQ(kslogtest::config_text("b", "size"), "8192");
+    EXPECT_EQ(kslogtest::config_text("b", "num"), "2");
 }
 
 TEST_F(LoggerTest, RotatesByRenamingAndKeepsAtMostNumFiles) {
@@ -246,17 +252,6 @@ TEST_F(LoggerTest, RotatesByRenamingAndKeepsAtMostNumFiles) {
         for (int i = 100 - survivors; i < 100; ++i) newest += message(i) + "\n";
         EXPECT_EQ(kept, newest);
     }
-}
-
-TEST_F(LoggerTest, ClampsOutputSizesToTheGlobalLimits) {
-    start();
-    ASSERT_EQ(execute(R"({"action":"update","global":{"size":8192},"channels":{
-        "a":[{"file":"a","size":100,"num":1}],"b":[{"file":"b","size":10000000,"num":7}]}})"),
-              0);
-    EXPECT_EQ(kslogtest::config_text("a", "size"), "4096");
-    EXPECT_EQ(kslogtest::config_text("a", "num"), "1");
-    EXPECT_EQ(kslogtest::config_text("b", "size"), "8192");
-    EXPECT_EQ(kslogtest::config_text("b", "num"), "2");
 }
 
 // Stopped, every call answers with its default (whatever the configuration was) and
