@@ -125,6 +125,7 @@ public:
 private:
     TreeNode* lookup(ks::string_view key) const;
     const TreeNode* enumerated(const std::string& key) const;
+    static bool hasKeyShape(const std::string& key);
     void count(const std::string& key);
     unsigned long channel() const;
 

@@ -330,15 +330,21 @@ int Store::setKey(const std::string& key, const unsigned char* value, ValueType 
     return 0;
 }
 
-int Store::setKey_(const std::string& key, const unsigned char* value, ValueType type, unsigned long size) {
+// The shape every stored key has: not empty and starting at the root (E_INVAL otherwise).
+bool Store::hasKeyShape(const std::string& key) {
     if (key.empty()) {
         _get_kserrno().set(E_INVAL, "Empty key");
-        return -1;
+        return false;
     }
     if (key[0] != kDelimiter) {
         _get_kserrno().set(E_INVAL, "Key does not start with delimiter: {:s}", key);
-        return -1;
+        return false;
     }
+    return true;
+}
+
+int Store::setKey_(const std::string& key, const unsigned char* value, ValueType type, unsigned long size) {
+    if (!hasKeyShape(key)) return -1;
     if (!root) root = std::make_unique<TreeNode>("", nullptr);
     TreeNode* node = root.get();
     if (key.size() > 1) {
@@ -365,14 +371,7 @@ int Store::delKey_(const std::string& key, bool prune, bool leafOnly) {
         _get_kserrno().set(E_NOENT, "Key {:s} not found", key);
         return -1;
     }
-    if (key.empty()) {
-        _get_kserrno().set(E_INVAL, "Empty key");
-        return -1;
-    }
-    if (key[0] != kDelimiter) {
-        _get_kserrno().set(E_INVAL, "Key does not start with delimiter: {:s}", key);
-        return -1;
-    }
+    if (!hasKeyShape(key)) return -1;
     if (key.size() == 1) {
         if (leafOnly && root->childCount() > 0) {
             _get_kserrno().set(E_FAULT, "Key {:s} is not leaf", key);
