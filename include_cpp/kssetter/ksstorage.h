@@ -125,7 +125,7 @@ public:
 private:
     TreeNode* lookup(ks::string_view key) const;
     const TreeNode* enumerated(const std::string& key) const;
-    static bool hasKeyShape(const std::string& key);
+    static bool hasKeyShape(ks::string_view key);
     void count(const std::string& key);
     unsigned long channel() const;
 

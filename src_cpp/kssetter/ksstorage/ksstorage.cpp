@@ -202,15 +202,7 @@ bool Store::isValidKey(ks::string_view key) {
         _get_kserrno().set(E_INVAL);
         return false;
     }
-    if (key.empty()) {
-        _get_kserrno().set(E_INVAL, "Empty key");
-        return false;
-    }
-    if (key[0] != kDelimiter) {
-        _get_kserrno().set(E_INVAL, "Key does not start with delimiter: {:s}", key);
-        return false;
-    }
-    return true;
+    return hasKeyShape(key);
 }
 
 bool Store::isVolatileKey(ks::string_view key) noexcept {
@@ -331,7 +323,7 @@ int Store::setKey(const std::string& key, const unsigned char* value, ValueType 
 }
 
 // The shape every stored key has: not empty and starting at the root (E_INVAL otherwise).
-bool Store::hasKeyShape(const std::string& key) {
+bool Store::hasKeyShape(ks::string_view key) {
     if (key.empty()) {
         _get_kserrno().set(E_INVAL, "Empty key");
         return false;
