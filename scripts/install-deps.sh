@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config python3
   libjansson-dev libmbedtls-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  openssl coreutils util-linux iproute2
+  openssl coreutils util-linux iproute2 iptables
   # benchmark baselines only: the library never links them
   libuv1-dev redis-server redis-tools
 )

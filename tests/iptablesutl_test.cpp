@@ -1,0 +1,183 @@
+// Firewall rules applied by the real iptables/ip6tables inside a network namespace of the
+// test's own, read back with "-S": idempotence, address families, MAC case, log texts, and
+// chain names that try to reach the shell.
+#include <ksutils/error.h>
+#include <ksutils/iptablesutl.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <sstream>
+
+#include "kslogcapture.h"
+
+namespace {
+
+using ks::sockutl::address;
+using ks::sockutl::macaddr;
+
+// Moves the test into a fresh network namespace and back to the original one on exit.
+class NetNamespace {
+public:
+    NetNamespace() : original_(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC)) {
+        entered_ = original_ >= 0 && ::unshare(CLONE_NEWNET) == 0;
+    }
+    ~NetNamespace() {
+        if (entered_) ::setns(original_, CLONE_NEWNET);
+        if (original_ >= 0) ::close(original_);
+    }
+    bool entered() const { return entered_; }
+
+private:
+    int original_;
+    bool entered_ = false;
+};
+
+// Every rule of both programs as "-S" prints them, sorted, for one chain.
+std::string rules(const std::string& chain) {
+    std::string out, all;
+    for (const char* prog : {"iptables", "ip6tables"}) {
+        out.clear();
+        kstest::run(std::string(prog) + " -S " + chain + " 2>&1", &out);
+        std::vector<std::string> lines;
+        std::istringstream in(out);
+        for (std::string l; std::getline(in, l);)
+            if (l.rfind("-A ", 0) == 0) lines.push_back(l);
+        std::sort(lines.begin(), lines.end());
+        all += std::string(prog) + ":";
+        for (const auto& l : lines) all += "\n  " + l;
+        all += "\n";
+    }
+    return all;
+}
+
+ks::ip_set ips(std::initializer_list<const char*> texts) {
+    ks::ip_set set;
+    for (const char* t : texts) set.insert(address(ks::string_view(t)));
+    return set;
+}
+
+class FirewallTest : public ::testing::Test {
+protected:
+    // The machine's own rules, read in its own namespace before and after the suite.
+    static std::string host_rules() {
+        std::string out;
+        kstest::run("iptables -S 2>&1; ip6tables -S 2>&1", &out);
+        return out;
+    }
+    static void SetUpTestSuite() { host_before_ = host_rules(); }
+    static void TearDownTestSuite() {
+        EXPECT_EQ(host_before_, host_rules());
+    }
+
+    void SetUp() override {
+        if (!ns_.entered()) GTEST_SKIP() << "network namespaces are refused here (unshare: " << strerror(errno) << ")";
+        ASSERT_TRUE(log_.started());
+        for (const char* prog : {"iptables", "ip6tables"})
+            ASSERT_EQ(0, kstest::run("ln -s \"$(command -v " + std::string(prog) + ")\" '" + (log_.root() / "bin/") +
+                                     prog + "' && " + prog + " -N FWTEST && " + prog + " -N WHITELIST"));
+        ASSERT_TRUE(macaddr::parse_str("0A:1b:2C:3d:4E:5f", mac_));
+    }
+
+    NetNamespace ns_;
+    kstest::LogCapture log_{"iptablesutl_test"};
+    macaddr mac_;
+    static inline std::string host_before_;
+};
+
+TEST_F(FirewallTest, EachStepLeavesExactlyOneCopyOfEachRule) {
+    const std::string mac = "-m mac --mac-source 0a:1b:2c:3d:4e:5f";
+    const std::string none = "iptables:\nip6tables:\n";
+    const std::string mac_drop = "iptables:\n  -A FWTEST " + mac + " -j DROP\nip6tables:\n  -A FWTEST " + mac + " -j DROP\n";
+    const ks::ip_set mixed = ips({"192.168.1.5", "fd00::5"}), other = ips({"10.0.0.1", "fd00::9", "fd00::a"});
+    const struct {
+        const char* what;
+        std::function<bool()> op;
+        std::string expected;
+    } steps[] = {
+        {"whitelist", [&] { return ks::whitelist_mac(mac_, "FWTEST"); },
+         "iptables:\n  -A FWTEST " + mac + " -j WHITELIST\nip6tables:\n  -A FWTEST " + mac + " -j WHITELIST\n"},
+        {"unwhitelist", [&] { return ks::unwhitelist_mac(mac_, "FWTEST"); }, none},
+        {"block, no ips", [&] { return ks::block_device(mac_, {}, "FWTEST"); }, mac_drop},
+        {"unblock, no ips", [&] { return ks::unblock_device(mac_, {}, "FWTEST"); }, none},
+        {"block, v4 only", [&] { return ks::block_device(mac_, ips({"192.168.1.5"}), "FWTEST"); },
+         "iptables:\n  -A FWTEST " + mac + " -j DROP\n  -A FWTEST -d 192.168.1.5/32 -j DROP\nip6tables:\n  -A FWTEST " +
+             mac + " -j DROP\n"},
+        {"block, v6 only", [&] { return ks::block_device(mac_, ips({"fd00::5"}), "FWTEST"); },
+         "iptables:\n  -A FWTEST " + mac + " -j DROP\n  -A FWTEST -d 192.168.1.5/32 -j DROP\nip6tables:\n  -A FWTEST " +
+             mac + " -j DROP\n  -A FWTEST -d fd00::5/128 -j DROP\n"},
+        {"block, mixed (already there)", [&] { return ks::block_device(mac_, mixed, "FWTEST"); },
+         "iptables:\n  -A FWTEST " + mac + " -j DROP\n  -A FWTEST -d 192.168.1.5/32 -j DROP\nip6tables:\n  -A FWTEST " +
+             mac + " -j DROP\n  -A FWTEST -d fd00::5/128 -j DROP\n"},
+        {"update, same set", [&] { return ks::update_blocked_ip(mixed, mixed, "FWTEST"); },
+         "iptables:\n  -A FWTEST " + mac + " -j DROP\n  -A FWTEST -d 192.168.1.5/32 -j DROP\nip6tables:\n  -A FWTEST " +
+             mac + " -j DROP\n  -A FWTEST -d fd00::5/128 -j DROP\n"},
+        {"update, other set", [&] { return ks::update_blocked_ip(mixed, other, "FWTEST"); },
+         "iptables:\n  -A FWTEST " + mac + " -j DROP\n  -A FWTEST -d 10.0.0.1/32 -j DROP\nip6tables:\n  -A FWTEST " +
+             mac + " -j DROP\n  -A FWTEST -d fd00::9/128 -j DROP\n  -A FWTEST -d fd00::a/128 -j DROP\n"},
+        {"unblock, other set", [&] { return ks::unblock_device(mac_, other, "FWTEST"); }, none},
+    };
+    for (const auto& step : steps)
+        for (int round = 1; round <= 2; ++round) {
+            EXPECT_TRUE(step.op()) << step.what << ", round " << round << ": " << ks::_get_kserrno().message_view();
+            EXPECT_EQ(step.expected, rules("FWTEST")) << step.what << ", round " << round;
+        }
+    EXPECT_EQ(none, rules("WHITELIST"));
+}
+
+TEST_F(FirewallTest, LogsWhatItDoesAndWhyItFailed) {
+    const std::string out = log_.during([&] {
+        EXPECT_TRUE(ks::whitelist_mac(mac_, "FWTEST"));
+        EXPECT_TRUE(ks::block_device(mac_, ips({"192.168.1.5"}), "FWTEST"));
+        EXPECT_TRUE(ks::unblock_device(mac_, {}, "FWTEST"));
+        EXPECT_TRUE(ks::update_blocked_ip({}, ips({"fd00::5"}), "FWTEST"));
+        // A chain that does not exist makes iptables itself fail.
+        // Removing from a missing chain is only a failed check (nothing to remove); adding fails.
+        EXPECT_TRUE(ks::unwhitelist_mac(mac_, "NOSUCHCHAIN"));
+        EXPECT_FALSE(ks::block_device(mac_, {}, "NOSUCHCHAIN"));
+        EXPECT_FALSE(ks::update_blocked_ip({}, ips({"10.0.0.1"}), "NOSUCHCHAIN"));
+        EXPECT_EQ(ks::E_SYSTEM, ks::_get_kserrno().code);
+    });
+    for (const char* record : {
+             "Adding whitelist rule for mac 0a:1b:2c:3d:4e:5f in chain FWTEST",
+             "Adding block rule for mac 0a:1b:2c:3d:4e:5f, ips [192.168.1.5] in chain FWTEST",
+             "Removing block rule for mac 0a:1b:2c:3d:4e:5f, ips [] from chain FWTEST",
+             "Updating block rule ips from [] to [fd00::5] in chain FWTEST",
+             "Removing whitelist rule for mac 0a:1b:2c:3d:4e:5f in chain NOSUCHCHAIN",
+             "Failed to block device with mac=\"0a:1b:2c:3d:4e:5f\": *",
+             "Failed to update ips: *",
+         })
+        EXPECT_TRUE(kstest::has_record(out, record)) << record << "\n" << out;
+}
+
+TEST_F(FirewallTest, ChainNamesThatReachTheShellAreRefusedBeforeAnythingRuns) {
+    const std::string marker = log_.root() / "injected";
+    const std::string touch = "touch " + marker;
+    for (const std::string& chain :
+         {"FWTEST;" + touch, "$(" + touch + ")", "`" + touch + "`", "FWTEST " + touch, "FWTEST\n" + touch,
+          std::string("FWTEST|sh"), std::string(""), std::string("-F"), std::string(29, 'A')}) {
+        for (const auto& op : std::vector<std::function<bool()>>{
+                 [&] { return ks::whitelist_mac(mac_, chain); },
+                 [&] { return ks::unwhitelist_mac(mac_, chain); },
+                 [&] { return ks::block_device(mac_, ips({"192.168.1.5"}), chain); },
+                 [&] { return ks::unblock_device(mac_, ips({"192.168.1.5"}), chain); },
+                 [&] { return ks::update_blocked_ip({}, ips({"fd00::1"}), chain); },
+             }) {
+            ks::_get_kserrno().set(ks::E_OK);
+            EXPECT_FALSE(op()) << chain;
+            EXPECT_EQ(ks::E_INVAL, ks::_get_kserrno().code) << chain;
+        }
+    }
+    EXPECT_NE(0, ::access(marker.c_str(), F_OK));
+    EXPECT_EQ("iptables:\nip6tables:\n", rules("FWTEST"));
+    // The longest name allowed passes the check and reaches iptables, which has no such chain.
+    EXPECT_FALSE(ks::whitelist_mac(mac_, std::string(28, 'A')));
+    EXPECT_EQ(ks::E_SYSTEM, ks::_get_kserrno().code);
+}
+
+}  // namespace
