@@ -65,6 +65,10 @@ InstallRoot::InstallRoot() {
 
 InstallRoot::~InstallRoot() { kspath_set_install_path(nullptr); }
 
+::testing::Matcher<const std::string&> death_message(const std::string& text) {
+    return ::testing::AnyOf(::testing::Eq(text), ::testing::StartsWith(text + "qemu: uncaught target signal "));
+}
+
 std::string tool_path(const std::string& name) { return std::string(KS_BINARY_DIR) + "/tools/" + name; }
 
 }  // namespace kstest
