@@ -54,6 +54,10 @@ private:
     std::string public_key_;
 };
 
+// Descriptors this process has open, and its children that are zombies: leak checks.
+int open_descriptors();
+int zombie_children();
+
 // The build tree's directory of shipped programs (tools/).
 std::string tool_path(const std::string& name);
 
