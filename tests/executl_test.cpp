@@ -65,6 +65,20 @@ TEST(ExecCommand, WaitedResultsAndTheirErrors) {
             EXPECT_EQ(c.message, ks::_get_kserrno().message_view()) << c.argv[0];
         }
     }
+    // A callback makes the child a real fork; it runs there when the exec fails.
+    int report[2];
+    ASSERT_EQ(0, ::pipe(report));
+    ks::exec_command_ctx ctx;
+    ctx.keep_fds = {report[1]};
+    ctx.on_child_error = [fd = report[1]] { (void)!::write(fd, "x", 1); };
+    const char* missing[] = {"/nonexistent/program", nullptr};
+    EXPECT_EQ(-1, ks::exec_command(missing, ctx));
+    EXPECT_EQ(ENOENT, ctx.result);
+    char got = 0;
+    ::close(report[1]);
+    EXPECT_EQ(1, ::read(report[0], &got, 1));
+    ::close(report[0]);
+
     const char* words[] = {"sh", "-c", "exit 3", nullptr};
     EXPECT_EQ("sh -c exit 3", ks::command_to_str(words));
     EXPECT_EQ("", ks::command_to_str(nullptr));

@@ -18,6 +18,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sched.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
@@ -159,50 +161,23 @@ bool enter_own_group(pid_t parent, bool die_with_parent) {
     return ::setpgid(0, 0) == 0;
 }
 
-}  // namespace
+// The child's side of exec_command, on data the parent prepared.
+struct command_child {
+    const exec_command_ctx& ctx;
+    const std::vector<int>& keep;
+    int given[3];
+    const char** argv;
+    long limit;
+    pid_t parent;
+    bool detached;
 
-std::string command_to_str(const char** argv) {
-    std::string text;
-    for (const char** word = argv; word && *word; ++word) {
-        if (word != argv) text += ' ';
-        text += *word;
-    }
-    return text;
-}
+    // Without a callback and without the detaching double fork, the child runs nothing of
+    // the caller's, so it can share the parent's memory until it executes the program.
+    bool can_share_memory() const { return !ctx.on_child_error && !detached; }
 
-int exec_command(const char** argv) { return exec_command(argv, exec_command_ctx()); }
-
-int exec_command(const char** argv, const exec_command_ctx& ctx) {
-    ctx.has_result = false;
-    if (!argv || !argv[0]) {
-        _get_kserrno().set(E_INVAL, "empty command");
-        return -1;
-    }
-    const long limit = ::sysconf(_SC_OPEN_MAX);
-    if (limit < 0) {
-        _get_kserrno().set(E_SYSTEM, "sysconf failed");
-        return -1;
-    }
-    // Prepared before the fork: the child must not allocate.
-    const std::vector<int> keep(ctx.keep_fds.lower_bound(0), ctx.keep_fds.end());
-    const int given[3] = {ctx.stdin_fd, ctx.stdout_fd, ctx.stderr_fd};
-    char* const* const argvp = const_cast<char* const*>(argv);
-    const bool detached = !ctx.wait && ctx.detach;
-    const pid_t parent = ::getpid();
-
-    const pid_t pid = ks::fork();
-    if (pid < 0) {
-        const int err = errno;
-        _get_kserrno().set(E_FAULT, "fork failed for \"{:s}\"; errno={:d}", command_to_str(argv), err);
-        return -1;
-    }
-    if (pid == 0) {
+    [[noreturn]] void run() const {
         if (!detached) {
-            if (!enter_own_group(parent, true)) {
-                const int err = errno;
-                if (ctx.on_child_error) ctx.on_child_error();
-                ::_exit(err);
-            }
+            if (!enter_own_group(parent, true)) fail();
         } else {
             if (::setsid() < 0) ::_exit(errno);
             const pid_t grandchild = ::fork();
@@ -229,12 +204,95 @@ int exec_command(const char** argv, const exec_command_ctx& ctx) {
         }
         for (int fd : keep) child::keep_on_exec(fd);
         child::close_from(3, keep.data(), keep.size(), limit);
+        char* const* argvp = const_cast<char* const*>(argv);
         if (ctx.envp) ::execvpe(argvp[0], argvp, ctx.envp);
         else ::execvp(argvp[0], argvp);
+        fail();
+    }
+
+    [[noreturn]] void fail() const {
         const int err = errno;
         if (ctx.on_child_error) ctx.on_child_error();
         ::_exit(err);
     }
+};
+
+// Starts the child the way posix_spawn does: it borrows the parent's memory and the parent
+// waits until it has executed the program (CLONE_VM | CLONE_VFORK), so the cost does not grow
+// with the parent's size the way fork's copy of the page tables does. The library's fork
+// hooks are for children that go on running library code; this one only executes. Signals
+// are blocked around the start, and the child resets every caught signal to its default
+// before it unblocks them, so no handler of the parent ever runs on the borrowed memory.
+pid_t spawn_sharing_memory(const command_child& child) {
+    constexpr size_t kStackSize = 256 * 1024;
+    void* stack = ::mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+    if (stack == MAP_FAILED) return -1;
+    sigset_t all, old;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &old);
+    struct start {
+        const command_child& child;
+        const sigset_t& mask;
+        static int main(void* arg) {
+            const start& s = *static_cast<const start*>(arg);
+            for (int sig = 1; sig < NSIG; ++sig) {
+                struct sigaction sa {};
+                if (::sigaction(sig, nullptr, &sa) == 0 && sa.sa_handler != SIG_IGN && sa.sa_handler != SIG_DFL) {
+                    sa.sa_handler = SIG_DFL;
+                    sa.sa_flags = 0;
+                    ::sigaction(sig, &sa, nullptr);
+                }
+            }
+            ::pthread_sigmask(SIG_SETMASK, &s.mask, nullptr);
+            s.child.run();
+        }
+    } args{child, old};
+    const pid_t pid = ::clone(&start::main, static_cast<char*>(stack) + kStackSize, CLONE_VM | CLONE_VFORK | SIGCHLD,
+                              &args);
+    const int err = errno;
+    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    ::munmap(stack, kStackSize);
+    errno = err;
+    return pid;
+}
+
+}  // namespace
+
+std::string command_to_str(const char** argv) {
+    std::string text;
+    for (const char** word = argv; word && *word; ++word) {
+        if (word != argv) text += ' ';
+        text += *word;
+    }
+    return text;
+}
+
+int exec_command(const char** argv) { return exec_command(argv, exec_command_ctx()); }
+
+int exec_command(const char** argv, const exec_command_ctx& ctx) {
+    ctx.has_result = false;
+    if (!argv || !argv[0]) {
+        _get_kserrno().set(E_INVAL, "empty command");
+        return -1;
+    }
+    const long limit = ::sysconf(_SC_OPEN_MAX);
+    if (limit < 0) {
+        _get_kserrno().set(E_SYSTEM, "sysconf failed");
+        return -1;
+    }
+    // Prepared before the fork: the child must not allocate.
+    const std::vector<int> keep(ctx.keep_fds.lower_bound(0), ctx.keep_fds.end());
+    const command_child child{ctx,   keep,  {ctx.stdin_fd, ctx.stdout_fd, ctx.stderr_fd},
+                              argv,  limit, ::getpid(),
+                              !ctx.wait && ctx.detach};
+    const pid_t pid = child.can_share_memory() ? spawn_sharing_memory(child) : ks::fork();
+    if (pid < 0) {
+        const int err = errno;
+        _get_kserrno().set(E_FAULT, "fork failed for \"{:s}\"; errno={:d}", command_to_str(argv), err);
+        return -1;
+    }
+    if (pid == 0) child.run();
+    const bool detached = child.detached;
 
     KSLOG_DEBUG(kChannel, "child PID: {:d}", static_cast<int>(pid));
     ctx.pid = pid;
