@@ -60,6 +60,10 @@ private:
 // line qemu-user adds when an emulated program dies of a signal (the aarch64 suite).
 ::testing::Matcher<const std::string&> death_message(const std::string& text);
 
+// Descriptors this process has open, and its children that are zombies: leak checks.
+int open_descriptors();
+int zombie_children();
+
 // The build tree's directory of shipped programs (tools/).
 std::string tool_path(const std::string& name);
 
