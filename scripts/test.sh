@@ -1,32 +1,62 @@
 #!/usr/bin/env bash
-# Builds ksutils and runs the whole test suite: once in a normal build, once under
-# AddressSanitizer + UndefinedBehaviorSanitizer, then checks the installed tree with a
-# small consumer built through pkg-config and through find_package.
-# Usage: scripts/test.sh [--no-sanitize]
+# Builds ksutils and runs the whole test suite: in a normal build, under AddressSanitizer +
+# UndefinedBehaviorSanitizer, the threaded modules under ThreadSanitizer, and the whole suite
+# again cross-built for aarch64 under qemu-user; checks the installed tree with a small
+# consumer built through pkg-config and find_package. Prints how long each stage took.
+# Usage: scripts/test.sh [--no-sanitize] [--no-aarch64]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=$(nproc)
-sanitize=1
-[ "${1:-}" = "--no-sanitize" ] && sanitize=0
+sanitize=1 aarch64=1
+for arg in "$@"; do
+  case "$arg" in
+    --no-sanitize) sanitize=0 ;;
+    --no-aarch64) aarch64=0 ;;
+    *) echo "usage: $0 [--no-sanitize] [--no-aarch64]" >&2; exit 2 ;;
+  esac
+done
 
-"$root/scripts/install-deps.sh"
+timings=()
+stage() {  # name, command...
+  local name=$1 start=$SECONDS; shift
+  echo "== $name =="
+  "$@"
+  timings+=("$(printf '%-40s %4d s' "$name" $((SECONDS - start)))")
+}
 
-run_suite() {  # build-dir, extra cmake args...
+build() {  # build-dir, extra cmake args...
   local dir=$1; shift
   cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
-  ctest --test-dir "$dir" --output-on-failure -j "$jobs" --timeout 600
 }
 
-echo "== normal build =="
-run_suite "$root/build"
+run_tests() {  # build-dir, extra ctest args...
+  local dir=$1; shift
+  ctest --test-dir "$dir" --output-on-failure -j "$jobs" --timeout 600 "$@"
+}
 
-echo "== install check =="
-"$root/scripts/check-install.sh" "$root/build"
+suite() {  # build-dir, extra cmake args...
+  build "$@"
+  run_tests "$1"
+}
+
+stage "dependencies" "$root/scripts/install-deps.sh"
+stage "normal build and tests" suite "$root/build"
+stage "install check" "$root/scripts/check-install.sh" "$root/build"
 
 if [ "$sanitize" = 1 ]; then
-  echo "== AddressSanitizer + UndefinedBehaviorSanitizer =="
-  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-    run_suite "$root/build-asan" -DKS_SANITIZE=ON -DKS_BUILD_BENCH=OFF
+  export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+  stage "AddressSanitizer + UBSan" suite "$root/build-asan" -DKS_SANITIZE=ON -DKS_BUILD_BENCH=OFF
+  export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+  stage "ThreadSanitizer build" build "$root/build-tsan" -DKS_SANITIZE_THREAD=ON -DKS_BUILD_BENCH=OFF
+  stage "ThreadSanitizer (threaded modules)" run_tests "$root/build-tsan" -L threaded
 fi
+
+if [ "$aarch64" = 1 ]; then
+  stage "aarch64 under qemu" "$root/scripts/test-aarch64.sh"
+fi
+
+echo "== time by stage =="
+printf '%s\n' "${timings[@]}"
+echo "total: $SECONDS s"

@@ -31,7 +31,22 @@ volatile int* volatile g_null = nullptr;
 volatile int g_zero = 0;
 
 __attribute__((noinline, no_sanitize("undefined"))) void write_null() { *g_null = 1; }
-__attribute__((noinline, no_sanitize("undefined"))) void divide_by_zero() { g_zero = 10 / g_zero; }
+// ARM64 integer division by zero yields 0 instead of trapping, so there the signal is raised.
+__attribute__((noinline, no_sanitize("undefined"))) void divide_by_zero() {
+#if defined(__aarch64__)
+    std::raise(SIGFPE);
+#else
+    g_zero = 10 / g_zero;
+#endif
+}
+// __builtin_trap is a breakpoint (SIGTRAP) on ARM64, so there the undefined instruction is explicit.
+__attribute__((noinline)) void execute_undefined_instruction() {
+#if defined(__aarch64__)
+    __asm__ volatile("udf #0");
+#else
+    __builtin_trap();
+#endif
+}
 // Recurses until the stack is gone: only the alternate stack can report this one.
 volatile int g_depth_limit = 1 << 30;
 __attribute__((noinline)) int overflow_stack(int depth) {
@@ -109,7 +124,7 @@ TEST_F(CrashTest, EachCrashSignalWritesAReportAndKillsWithThatSignal) {
         {SIGSEGV, [] { overflow_stack(0); }, ""},
         {SIGFPE, divide_by_zero, ""},
         {SIGABRT, [] { std::abort(); }, ""},
-        {SIGILL, [] { __builtin_trap(); }, ""},
+        {SIGILL, execute_undefined_instruction, ""},
         {SIGBUS, [] { std::raise(SIGBUS); }, ""},
     };
     for (const auto& c : cases) {

@@ -197,7 +197,7 @@ TEST_F(DaemonTest, StartDetachesLocksThePidFileAndStops) {
     EXPECT_TRUE(has_event("env LD_LIBRARY_PATH=unset saved=/opt/x/lib")) << "removed, but kept in the saved copy";
 
     const ProcIds ids = proc_ids(pid);
-    EXPECT_NE(ids.session, proc_ids(::getpid()).session) << "a session of its own";
+    EXPECT_NE(ids.session, ::getsid(0)) << "a session of its own";
     EXPECT_EQ(pid, ids.pgrp) << "a process group of its own";
     EXPECT_NE(::getpid(), ids.ppid) << "not our child";
     for (int fd = 0; fd < 3; ++fd) EXPECT_EQ("/dev/null", fd_target(pid, fd)) << "descriptor " << fd;
@@ -268,7 +268,7 @@ TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnTerm) {
     ASSERT_TRUE(wait_for([&] { return has_event("run pid=" + std::to_string(pid)); })) << "runs in the started process";
     const ProcIds ids = proc_ids(pid);
     EXPECT_EQ(pid, ids.pgrp) << "its own process group";
-    EXPECT_EQ(proc_ids(::getpid()).session, ids.session) << "still in our session";
+    EXPECT_EQ(::getsid(0), ids.session) << "still in our session";
     EXPECT_EQ(root_ / "daemon.out", fd_target(pid, 1)) << "standard output kept";
     EXPECT_EQ(pid, pidfile_holder());
     ::kill(pid, SIGTERM);

@@ -5,8 +5,10 @@
 
 #include <stdlib.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -64,6 +66,35 @@ InstallRoot::InstallRoot() {
 }
 
 InstallRoot::~InstallRoot() { kspath_set_install_path(nullptr); }
+
+::testing::Matcher<const std::string&> death_message(const std::string& text) {
+    return ::testing::AnyOf(::testing::Eq(text), ::testing::StartsWith(text + "qemu: uncaught target signal "));
+}
+
+int open_descriptors() {
+    int count = 0;
+    std::error_code ec;
+    for (auto it = std::filesystem::directory_iterator("/proc/self/fd", ec); !ec && it != std::filesystem::end(it);
+         it.increment(ec))
+        ++count;
+    return count - 1;  // the iterator's own descriptor
+}
+
+int zombie_children() {
+    int count = 0;
+    std::error_code ec;
+    const std::string self = std::to_string(::getpid());
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", ec)) {
+        const std::string stat = read_file(entry.path().string() + "/stat");
+        const auto close = stat.rfind(')');
+        if (close == std::string::npos) continue;
+        std::istringstream fields(stat.substr(close + 2));
+        std::string state, ppid;
+        fields >> state >> ppid;
+        if (state == "Z" && ppid == self) ++count;
+    }
+    return count;
+}
 
 std::string tool_path(const std::string& name) { return std::string(KS_BINARY_DIR) + "/tools/" + name; }
 

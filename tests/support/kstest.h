@@ -2,6 +2,8 @@
 // pair, and running shell commands (openssl, sha256sum, ...) as independent peers.
 #pragma once
 
+#include <gmock/gmock.h>
+
 #include <string>
 #include <vector>
 
@@ -53,6 +55,14 @@ private:
     std::string private_key_;
     std::string public_key_;
 };
+
+// What a death test's standard error must be: exactly `text`, or `text` followed by the
+// line qemu-user adds when an emulated program dies of a signal (the aarch64 suite).
+::testing::Matcher<const std::string&> death_message(const std::string& text);
+
+// Descriptors this process has open, and its children that are zombies: leak checks.
+int open_descriptors();
+int zombie_children();
 
 // The build tree's directory of shipped programs (tools/).
 std::string tool_path(const std::string& name);

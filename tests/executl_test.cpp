@@ -1,0 +1,186 @@
+// Commands and scripts run for real: exit statuses and their error records, descriptors as
+// the child sees them in /proc, process groups and sessions, time limits that kill a whole
+// group, scripts larger than one writev batch, and no descriptor or zombie left behind.
+#include <ksutils/error.h>
+#include <ksutils/executl.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "kslogcapture.h"
+
+namespace {
+
+using lines_t = std::vector<std::vector<std::string>>;
+
+bool wait_for_file(const std::string& path) {
+    for (int i = 0; i < 500 && ::access(path.c_str(), F_OK) != 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return ::access(path.c_str(), F_OK) == 0;
+}
+
+// Fields 5 and 6 of /proc/PID/stat (process group, session).
+std::pair<long, long> group_and_session(pid_t pid) {
+    const std::string stat = kstest::read_file("/proc/" + std::to_string(pid) + "/stat");
+    long pgrp = -1, session = -1;
+    if (const auto close = stat.rfind(')'); close != std::string::npos)
+        std::sscanf(stat.c_str() + close + 2, "%*c %*d %ld %ld", &pgrp, &session);
+    return {pgrp, session};
+}
+
+bool gone(pid_t pid) {
+    const std::string stat = kstest::read_file("/proc/" + std::to_string(pid) + "/stat");
+    const auto close = stat.rfind(')');
+    return close == std::string::npos || stat.compare(close + 2, 1, "Z") == 0;
+}
+
+TEST(ExecCommand, WaitedResultsAndTheirErrors) {
+    const struct {
+        std::vector<const char*> argv;
+        int rc, code, result;
+        const char* message;
+    } cases[] = {
+        {{"true"}, 0, ks::E_OK, 0, ""},
+        {{"sh", "-c", "exit 3"}, -1, ks::E_SYSTEM, 3, "child's return code = 3"},
+        // A program that cannot be executed: the child ends with the exec's errno.
+        {{"/nonexistent/program"}, -1, ks::E_SYSTEM, ENOENT, "child's return code = 2"},
+        {{"sh", "-c", "kill -9 $$"}, -1, ks::E_FAULT, -1, "waitpid failed: child terminated abnormally"},
+    };
+    for (auto c : cases) {
+        c.argv.push_back(nullptr);
+        ks::exec_command_ctx ctx;
+        ks::_get_kserrno().set(ks::E_OK);
+        EXPECT_EQ(c.rc, ks::exec_command(c.argv.data(), ctx)) << c.argv[0];
+        EXPECT_TRUE(ctx.has_result);
+        EXPECT_EQ(c.result, ctx.result) << c.argv[0];
+        EXPECT_EQ(c.code, ks::_get_kserrno().code) << c.argv[0];
+        if (*c.message) {
+            EXPECT_EQ(c.message, ks::_get_kserrno().message_view()) << c.argv[0];
+        }
+    }
+    // A callback makes the child a real fork; it runs there when the exec fails.
+    int report[2];
+    ASSERT_EQ(0, ::pipe(report));
+    ks::exec_command_ctx ctx;
+    ctx.keep_fds = {report[1]};
+    ctx.on_child_error = [fd = report[1]] { (void)!::write(fd, "x", 1); };
+    const char* missing[] = {"/nonexistent/program", nullptr};
+    EXPECT_EQ(-1, ks::exec_command(missing, ctx));
+    EXPECT_EQ(ENOENT, ctx.result);
+    char got = 0;
+    ::close(report[1]);
+    EXPECT_EQ(1, ::read(report[0], &got, 1));
+    ::close(report[0]);
+
+    const char* words[] = {"sh", "-c", "exit 3", nullptr};
+    EXPECT_EQ("sh -c exit 3", ks::command_to_str(words));
+    EXPECT_EQ("", ks::command_to_str(nullptr));
+}
+
+TEST(ExecCommand, BackgroundChildGetsItsOwnGroupAndDetachedOneItsOwnSession) {
+    kstest::TempDir dir;
+    const char* sleeper[] = {"sleep", "30", nullptr};
+    ks::exec_command_ctx ctx;
+    ctx.wait = false;
+    ASSERT_EQ(0, ks::exec_command(sleeper, ctx));
+    EXPECT_FALSE(ctx.has_result);
+    ASSERT_GT(ctx.pid, 0);
+    for (int i = 0; i < 500 && group_and_session(ctx.pid).first != ctx.pid; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(ctx.pid, group_and_session(ctx.pid).first);
+    EXPECT_EQ(::getsid(0), group_and_session(ctx.pid).second);
+    ::kill(ctx.pid, SIGKILL);
+    ::waitpid(ctx.pid, nullptr, 0);
+
+    const std::string out = dir / "ids";
+    const std::string script = "echo $$ > " + out + ".tmp && mv " + out + ".tmp " + out + "; sleep 30";
+    const char* detached[] = {"sh", "-c", script.c_str(), nullptr};
+    ctx.detach = true;
+    ASSERT_EQ(0, ks::exec_command(detached, ctx));
+    ASSERT_TRUE(wait_for_file(out));
+    const pid_t grandchild = std::stoi(kstest::read_file(out));
+    EXPECT_NE(::getsid(0), group_and_session(grandchild).second) << "left our session";
+    EXPECT_EQ(0, kstest::zombie_children()) << "the intermediate child is collected";
+    ::kill(grandchild, SIGKILL);
+}
+
+TEST(ExecCommand, ChildSeesExactlyTheDescriptorsItWasGiven) {
+    kstest::TempDir dir;
+    const std::string listing = dir / "fds", kept = dir / "kept";
+    const int out = ::open(listing.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int keep = ::open(kept.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int stray = ::open(kept.c_str(), O_RDONLY);  // inheritable, but not asked for
+    ASSERT_GE(stray, 0);
+    ks::exec_command_ctx ctx;
+    ctx.stdout_fd = out;
+    ctx.keep_fds = {keep};
+    const char* argv[] = {"sh", "-c", "cd /proc/$$/fd && for f in *; do [ -e $f ] && printf '%s ' $f && readlink $f; done", nullptr};
+    ASSERT_EQ(0, ks::exec_command(argv, ctx)) << ks::_get_kserrno().message_view();
+    EXPECT_EQ("0 /dev/null\n1 " + listing + "\n2 /dev/null\n" + std::to_string(keep) + " " + kept + "\n",
+              kstest::read_file(listing));
+    for (int fd : {out, keep, stray}) ::close(fd);
+}
+
+TEST(ExecScript, StatusesOutputsAndTimeLimit) {
+    kstest::LogCapture log("executl_test");
+    kstest::TempDir dir;
+    const std::string pidfile = dir / "grandchild";
+    std::string out = log.during([&] {
+        EXPECT_EQ(0, ks::exec_script({}, "/bin/sh"));
+        EXPECT_EQ(0, ks::exec_script({}, 5, "/bin/sh"));
+        EXPECT_EQ(-1, ks::exec_script({{"exit", "4"}}, "/bin/sh"));
+        EXPECT_EQ("child's return code = 4", ks::_get_kserrno().message_view());
+        EXPECT_EQ(-1, ks::exec_script({{"echo", "hello"}, {"exit", "4"}}, 5, "/bin/sh"));
+        EXPECT_EQ("script exited with error/timeout", ks::_get_kserrno().message_view());
+        EXPECT_EQ(-1, ks::exec_script({{"sleep", "30", "&"}, {"echo", "$!", ">", pidfile}, {"sleep", "30"}}, 1, "sh"));
+        EXPECT_EQ(ks::E_FAULT, ks::_get_kserrno().code);
+    });
+    for (const char* record : {"Script retcode=0", "Script retcode=4, output='hello\n'", "Script timed-out. Killing it...",
+                               "Script retcode=9 (killed by signal)"})
+        EXPECT_TRUE(kstest::has_record(out, record)) << record << "\n" << out;
+    EXPECT_TRUE(gone(std::stoi(kstest::read_file(pidfile)))) << "the whole group is killed";
+}
+
+TEST(ExecScript, LongScriptsArriveWholeAndInOrder) {
+    kstest::TempDir dir;
+    const std::string file = dir / "lines";
+    // Four words a line: 2400 pieces, five writev batches.
+    lines_t lines;
+    std::string expected;
+    for (int i = 1; i <= 300; ++i) {
+        lines.push_back({"echo", std::to_string(i), ">>", file});
+        expected += std::to_string(i) + "\n";
+    }
+    EXPECT_EQ(0, ks::exec_script(lines, "/bin/sh"));
+    EXPECT_EQ(expected, kstest::read_file(file));
+    ::unlink(file.c_str());
+    EXPECT_EQ(0, ks::exec_script(lines, 30, "/bin/sh"));
+    EXPECT_EQ(expected, kstest::read_file(file));
+
+    // An interpreter that never reads: the write fails instead of raising SIGPIPE, and the
+    // time limit holds even though the script does not fit in the pipe.
+    const lines_t big(20000, {"echo", std::string(50, 'x')});
+    EXPECT_EQ(-1, ks::exec_script(big, "true"));
+    const lines_t stall{{"sleep", "30"}};
+    lines_t stalled = stall;
+    stalled.insert(stalled.end(), big.begin(), big.end());
+    EXPECT_EQ(-1, ks::exec_script(stalled, 1, "/bin/sh"));
+}
+
+TEST(ExecCommand, NoDescriptorsOrZombiesLeftUnderLoad) {
+    const int fds = kstest::open_descriptors();
+    const char* argv[] = {"true", nullptr};
+    for (int i = 0; i < 500; ++i) ASSERT_EQ(0, ks::exec_command(argv));
+    for (int i = 0; i < 20; ++i) ASSERT_EQ(0, ks::exec_script({{"true"}}, 5, "/bin/sh"));
+    EXPECT_EQ(fds, kstest::open_descriptors());
+    EXPECT_EQ(0, kstest::zombie_children());
+}
+
+}  // namespace

@@ -1,0 +1,108 @@
+// A supervised child for real: shell scripts that write NUL-framed messages to the socket
+// that is their standard output, read back through recv() across partial reads and the
+// buffer's size, stopped with the request byte or killed when they ignore it.
+#include <ksutils/subprocess.h>
+
+#include <gtest/gtest.h>
+
+#include <poll.h>
+
+#include <chrono>
+
+#include "kslogcapture.h"
+
+namespace {
+
+using ks::Subprocess;
+using Messages = std::vector<std::string>;
+
+class SubprocessTest : public ::testing::Test {
+protected:
+    // A subprocess running `script` with /bin/sh.
+    std::unique_ptr<Subprocess> child(const std::string& script) {
+        const std::string file = dir_ / ("child" + std::to_string(++scripts_) + ".sh");
+        kstest::write_file(file, script);
+        return std::make_unique<Subprocess>(Subprocess::Type::UPNP, "/bin/sh " + file);
+    }
+
+    // Messages until `count` arrived, the child ended or two seconds passed.
+    static Messages collect(Subprocess& p, size_t count) {
+        Messages all;
+        for (int i = 0; i < 200 && all.size() < count && p.pid() > 0; ++i) {
+            pollfd pfd{p.fd(), POLLIN, 0};
+            if (::poll(&pfd, 1, 10) <= 0) continue;
+            for (auto& m : p.recv()) all.push_back(std::move(m));
+        }
+        return all;
+    }
+
+    kstest::LogCapture log_{"subprocess_test"};
+    kstest::TempDir dir_;
+    int scripts_ = 0;
+};
+
+// The child waits for the stop byte on its standard output, where the daemon sends it.
+constexpr const char* kAwaitStop = "head -c 1 <&1 >/dev/null\n";
+
+TEST_F(SubprocessTest, MessagesAreCutAtNulAcrossReadsAndTheBufferSize) {
+    auto p = child(std::string("printf 'a\\0b\\0c'; sleep 0.2; printf 'd\\0'\n") +
+                   "for i in 1 2 3; do head -c 30000 /dev/zero | tr '\\0' x; printf '\\0'; done\n" +
+                   "head -c 70000 /dev/zero | tr '\\0' y; printf '\\0ok\\0'\n" + kAwaitStop);
+    ASSERT_TRUE(p->start());
+    EXPECT_EQ((Messages{"a", "b"}), collect(*p, 2));
+    EXPECT_EQ((Messages{"cd"}), collect(*p, 1));
+    std::string out;
+    Messages big;
+    out = log_.during([&] { big = collect(*p, 4); });
+    ASSERT_EQ(4u, big.size());
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(std::string(30000, 'x'), big[i]);
+    EXPECT_EQ("ok", big[3]) << "the tail of the oversized message is dropped with it";
+    EXPECT_TRUE(kstest::has_record(out, "Received message larger than buffer")) << out;
+    out = log_.during([&] { p->stop(true); });
+    EXPECT_TRUE(kstest::has_record(out, "Subprocess (type=UPNP, pid=*) exited normally (0)")) << out;
+    EXPECT_EQ(-1, p->pid());
+    EXPECT_EQ(0u, p->failure_count());
+}
+
+TEST_F(SubprocessTest, EndsPrematureFailedAndStubborn) {
+    auto quitter = child("exit 0\n");
+    auto missing = std::make_unique<Subprocess>(Subprocess::Type::LEASES, "/nonexistent/program --flag");
+    const std::string out = log_.during([&] {
+        for (auto* p : {quitter.get(), missing.get()}) {
+            ASSERT_TRUE(p->start());
+            EXPECT_TRUE(collect(*p, 1).empty());
+            EXPECT_EQ(-1, p->pid());
+            EXPECT_EQ(1u, p->failure_count());
+            EXPECT_EQ(-1, p->fd());
+        }
+    });
+    EXPECT_TRUE(kstest::has_record(out, "Subprocess (type=UPNP, pid=*) terminated prematurely")) << out;
+    EXPECT_TRUE(kstest::has_record(out, "Subprocess (type=LEASES, pid=*) exited normally (2)")) << "ENOENT\n" << out;
+
+    Subprocess empty(Subprocess::Type::AVAHI, " ");
+    EXPECT_FALSE(empty.start());
+    EXPECT_EQ(1u, empty.failure_count());
+
+    auto stubborn = child("exec sleep 30\n");
+    ASSERT_TRUE(stubborn->start());
+    const auto start = std::chrono::steady_clock::now();
+    const std::string killed = log_.during([&] { stubborn->stop(true); });
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << "waits before SIGKILL";
+    EXPECT_TRUE(kstest::has_record(killed, "Subprocess (type=UPNP, pid=*) exited abnormally")) << killed;
+    EXPECT_EQ(-1, stubborn->pid());
+}
+
+TEST_F(SubprocessTest, StartStopCyclesLeaveNoDescriptorsOrZombies) {
+    auto p = child(std::string("printf 'up\\0'\n") + kAwaitStop);
+    const int fds = kstest::open_descriptors();
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_TRUE(i % 2 ? p->restart() : p->start());
+        ASSERT_EQ((Messages{"up"}), collect(*p, 1));
+        if (i % 2) p->stop(true);
+    }
+    p->stop(false);
+    EXPECT_EQ(fds, kstest::open_descriptors());
+    EXPECT_EQ(0, kstest::zombie_children());
+}
+
+}  // namespace
