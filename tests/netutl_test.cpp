@@ -1,0 +1,202 @@
+// Interfaces read from our own settings server on a temporary install root: the list and
+// its text form, listeners woken by the refresh key through the service thread and through
+// the event-loop handle, reference counting; kernel queries on lo and on an interface of our own
+// (one end of a veth pair) in a network namespace the test creates.
+#include <ksutils/netutl.h>
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sched.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "kssetter_fixture.h"
+
+namespace nm = ks::netMgmt;
+namespace sm = ks::setMgmt;
+
+namespace {
+
+std::vector<std::string> texts(const std::vector<nm::Interface>& list) {
+    std::vector<std::string> out;
+    for (const auto& i : list) out.push_back(nm::to_string(i));
+    return out;
+}
+
+int threads() {
+    int n = 0;
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir("/proc/self/task"), &::closedir);
+    while (dirent* e = ::readdir(dir.get())) n += e->d_name[0] != '.';
+    return n;
+}
+
+// What listeners were called with, for waiting on another thread.
+struct Calls {
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<std::vector<std::string>> seen;
+
+    nm::InterfaceCallback callback() {
+        return [this](const std::vector<nm::Interface>& list) {
+            std::lock_guard<std::mutex> lock(mutex);
+            seen.push_back(texts(list));
+            cv.notify_all();
+        };
+    }
+    bool wait_for(size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return cv.wait_for(lock, limit, [&] { return seen.size() >= count; });
+    }
+};
+
+const char* const kEth0 =
+    "name=eth0, type=wan, mac=00:11:22:33:44:55, ipv4=[10.0.0.1/8, 192.168.1.2/24], ipv6=[fd00::1/64], is_guest=0";
+
+class NetMgmtTest : public kssetter_test::WithServer {
+protected:
+    void SetUp() override {
+        const std::pair<const char*, const char*> keys[] = {
+            {"eth0/type", "wan"},      {"eth0/mac", "00:11:22:33:44:55"}, {"eth0/ipv4", "192.168.1.2/24,10.0.0.1/8"},
+            {"eth0/ipv6", "fd00::1/64"}, {"eth1/type", "WAN"},           {"eth1/is_guest", "true"},
+            {"eth1/ipv4", "192.168.1.2,1.2.3.4/x,5.6.7.8/16"},              {"eth1/mac", "not a mac"},
+            {"eth2/mac", "00:11:22:33:44:66"},                            {"wlan0/type", "wan"},
+        };
+        for (const auto& [key, value] : keys) ASSERT_EQ(0, sm::setKey(std::string("/network/interfaces/config/") + key, value));
+    }
+    void TearDown() override { sm::deleteKey("/network/interfaces"); }
+};
+
+TEST_F(NetMgmtTest, LoadsWanAndLanInterfacesFromSettings) {
+    ASSERT_EQ(0, nm::init(false));
+    std::vector<nm::Interface> wan, lan;
+    EXPECT_EQ(0, nm::get_wan_interfaces(wan));
+    EXPECT_EQ(0, nm::get_lan_interfaces(lan));
+    EXPECT_EQ((std::vector<std::string>{kEth0, "name=wlan0, type=wan, mac=00:00:00:00:00:00, ipv4=[], ipv6=[], is_guest=0"}),
+              texts(wan));
+    // "WAN" is not "wan"; bad ipv4 entries are skipped; eth2 has no type at all.
+    EXPECT_EQ((std::vector<std::string>{"name=eth1, type=lan, mac=00:00:00:00:00:00, ipv4=[5.6.7.8/16], ipv6=[], is_guest=1"}),
+              texts(lan));
+    EXPECT_EQ(fmt::format("{}", wan[0]), kEth0);
+
+    nm::Interface first;
+    EXPECT_EQ(0, nm::get_wan_interface_with_ipv4(first));
+    EXPECT_EQ("eth0", first.name);
+    nm::update({wan[1], lan[0]});
+    EXPECT_EQ(-1, nm::get_wan_interface_with_ipv4(first)) << "wlan0 has no IPv4";
+    nm::update({});
+    EXPECT_EQ(-1, nm::get_wan_interfaces(wan));
+    EXPECT_EQ(0, nm::uninit());
+}
+
+TEST_F(NetMgmtTest, ServiceThreadCallsListenersUntilTheLastUninit) {
+    const int before = threads();
+    Calls wan, lan;
+    ASSERT_EQ(0, nm::init(true));
+    ASSERT_EQ(0, nm::init(true));
+    EXPECT_EQ(before + 1, threads()) << "one thread for both";
+    const int wan_id = nm::set_on_wan_interface_change(wan.callback());
+    nm::set_on_lan_interface_change(lan.callback());
+    ASSERT_EQ(0, sm::setKey("/network/interfaces/config/eth1/type", "wan"));
+    // The thread subscribes on its own time: refresh until it has heard one.
+    for (int i = 0; i < 50 && !wan.wait_for(1, std::chrono::milliseconds(200)); ++i)
+        ASSERT_EQ(0, sm::setKey("/network/interfaces/config_refresh", std::to_string(i)));
+    ASSERT_TRUE(wan.wait_for(1));
+    ASSERT_TRUE(lan.wait_for(1));
+    EXPECT_EQ(3u, wan.seen.back().size());
+    EXPECT_TRUE(lan.seen.back().empty());
+
+    nm::unset_on_interface_change(wan_id);
+    const size_t wan_heard = wan.seen.size();
+    EXPECT_EQ(0, nm::uninit());
+    const size_t heard = lan.seen.size();
+    ASSERT_EQ(0, sm::setKey("/network/interfaces/config_refresh", "again"));
+    ASSERT_TRUE(lan.wait_for(heard + 1)) << "still running after the first uninit";
+    EXPECT_EQ(wan_heard, wan.seen.size()) << "removed listener called";
+    EXPECT_EQ(0, nm::uninit());
+    EXPECT_EQ(before, threads()) << "thread stopped after the last uninit";
+}
+
+TEST_F(NetMgmtTest, EventLoopHandle) {
+    nm::netmgmt_t* handle = nm::init_eventloop();
+    ASSERT_NE(nullptr, handle);
+    Calls wan;
+    nm::set_on_if_change(handle, nm::InterfaceType::wan, wan.callback());
+    const int fd = nm::get_fd(handle);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(1u, wan.seen.size()) << "the first get_fd loads and calls the listeners";
+    EXPECT_EQ(kEth0, wan.seen[0][0]);
+
+    ASSERT_EQ(0, sm::deleteKey("/network/interfaces/config/eth0"));
+    ASSERT_EQ(0, sm::setKey("/network/interfaces/config_refresh", "1"));
+    pollfd p{fd, POLLIN, 0};
+    ASSERT_EQ(1, ::poll(&p, 1, 5000));
+    EXPECT_TRUE(nm::read_fd(handle));
+    ASSERT_EQ(2u, wan.seen.size());
+    EXPECT_EQ(1u, wan.seen[1].size());
+
+    std::vector<nm::Interface> out(1), lan;
+    nm::get_ifaces(handle, static_cast<nm::InterfaceType>(2), out);
+    EXPECT_EQ(1u, out.size()) << "an invalid type leaves the output alone";
+    nm::get_ifaces(handle, nm::InterfaceType::lan, lan);
+    EXPECT_EQ(1u, lan.size());
+    nm::uninit(handle);
+}
+
+TEST(NetMgmtParse, IpLists) {
+    const struct {
+        const char* text;
+        size_t count;
+    } cases[] = {{"", 0},           {"192.168.1.2/24,10.0.0.1/8", 2}, {"192.168.1.2", 0},  {"192.168.1.2/x", 0},
+                 {"1.2.3.4/8,", 1}, {"1.2.3.4/8,1.2.3.4/8", 1},       {"a/b/c,1.2.3.4/99999999999", 0}};
+    for (const auto& c : cases) {
+        nm::IpSet set;
+        nm::parse_ips(c.text, ks::sockutl::network_proto::ipv4, set);
+        EXPECT_EQ(c.count, set.size()) << c.text;
+    }
+}
+
+// Moves the calling thread into a new network namespace, and back on destruction.
+class NetNamespace {
+public:
+    NetNamespace() : original_(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC)) {
+        entered_ = ::unshare(CLONE_NEWNET) == 0;
+    }
+    ~NetNamespace() {
+        if (entered_) ::setns(original_, CLONE_NEWNET);
+        ::close(original_);
+    }
+    bool entered() const { return entered_; }
+
+private:
+    int original_;
+    bool entered_ = false;
+};
+
+TEST(KernelQueries, LoopbackAndAnInterfaceOfOurOwn) {
+    std::string text;
+    EXPECT_TRUE(ks::is_interface_up("lo"));
+    EXPECT_TRUE(ks::get_ip_address("lo", text));
+    EXPECT_EQ("127.0.0.1", text);
+
+    NetNamespace ns;
+    if (!ns.entered()) GTEST_SKIP() << "network namespaces are refused here: " << std::strerror(errno);
+    // A veth pair rather than a dummy interface: some kernels ship without the dummy driver.
+    ASSERT_EQ(0, kstest::run("ip link add d0 type veth peer name d1 && ip link set d0 address 0a:1b:2c:3d:4e:5f"));
+    EXPECT_FALSE(ks::is_interface_up("d0"));
+    EXPECT_FALSE(ks::get_ip_address("d0", text)) << "no address yet";
+    ASSERT_EQ(0, kstest::run("ip link set d0 up && ip addr add 10.9.8.7/24 dev d0"));
+    EXPECT_TRUE(ks::is_interface_up("d0"));
+    EXPECT_TRUE(ks::get_ip_address("d0", text));
+    EXPECT_EQ("10.9.8.7", text);
+    EXPECT_TRUE(ks::get_mac_address("d0", text));
+    EXPECT_EQ("0A:1B:2C:3D:4E:5F", text);
+    for (const char* missing : {"nosuch0", "a-name-longer-than-the-kernel-allows"}) {
+        EXPECT_FALSE(ks::is_interface_up(missing));
+        EXPECT_FALSE(ks::get_mac_address(missing, text));
+    }
+}
+
+}  // namespace
