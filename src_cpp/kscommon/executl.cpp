@@ -173,7 +173,16 @@ struct command_child {
 
     // Without a callback and without the detaching double fork, the child runs nothing of
     // the caller's, so it can share the parent's memory until it executes the program.
-    bool can_share_memory() const { return !ctx.on_child_error && !detached; }
+    // Sanitizer runtimes keep per-thread state that a child on a borrowed stack corrupts
+    // (ASan unpoisons the parent's stack when the child calls a no-return function), so
+    // sanitized builds always fork.
+    bool can_share_memory() const {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        return false;
+#else
+        return !ctx.on_child_error && !detached;
+#endif
+    }
 
     [[noreturn]] void run() const {
         if (!detached) {
