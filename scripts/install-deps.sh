@@ -12,6 +12,8 @@ packages=(
   openssl coreutils util-linux iproute2 iptables
   # benchmark baselines only: the library never links them
   libuv1-dev redis-server redis-tools
+  # fuzzing (scripts/fuzz.sh): clang with libFuzzer and the sanitizer runtimes
+  clang libclang-rt-14-dev
 )
 
 SUDO=""

@@ -1,19 +1,21 @@
 #!/usr/bin/env bash
 # Builds ksutils and runs the whole test suite: in a normal build, under AddressSanitizer +
 # UndefinedBehaviorSanitizer, the threaded modules under ThreadSanitizer, and the whole suite
-# again cross-built for aarch64 under qemu-user; checks the installed tree with a small
-# consumer built through pkg-config and find_package. Prints how long each stage took.
-# Usage: scripts/test.sh [--no-sanitize] [--no-aarch64]
+# again cross-built for aarch64 under qemu-user; runs every fuzz target for 30 seconds; checks
+# the installed tree with a small consumer built through pkg-config and find_package.
+# Prints how long each stage took.
+# Usage: scripts/test.sh [--no-sanitize] [--no-fuzz] [--no-aarch64]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=$(nproc)
-sanitize=1 aarch64=1
+sanitize=1 fuzz=1 aarch64=1
 for arg in "$@"; do
   case "$arg" in
     --no-sanitize) sanitize=0 ;;
+    --no-fuzz) fuzz=0 ;;
     --no-aarch64) aarch64=0 ;;
-    *) echo "usage: $0 [--no-sanitize] [--no-aarch64]" >&2; exit 2 ;;
+    *) echo "usage: $0 [--no-sanitize] [--no-fuzz] [--no-aarch64]" >&2; exit 2 ;;
   esac
 done
 
@@ -51,6 +53,10 @@ if [ "$sanitize" = 1 ]; then
   export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
   stage "ThreadSanitizer build" build "$root/build-tsan" -DKS_SANITIZE_THREAD=ON -DKS_BUILD_BENCH=OFF
   stage "ThreadSanitizer (threaded modules)" run_tests "$root/build-tsan" -L threaded
+fi
+
+if [ "$fuzz" = 1 ]; then
+  stage "fuzz targets, 30 s each" "$root/scripts/fuzz.sh" 30
 fi
 
 if [ "$aarch64" = 1 ]; then
