@@ -19,23 +19,9 @@
 
 namespace ks {
 
-// A program inside one of the standard install directories. The text is computed when it
-// is asked for, not at load time, so a process that sets its install root after the
-// library was loaded (tools, tests) still finds its own programs.
-class KS_EXPORT program_path {
-public:
-    constexpr program_path(common_path dir, const char* name) : dir_(dir), name_(name) {}
-    // The program's full path; empty when the install root is unknown.
-    path get() const;
-    std::string str() const { return get().str(); }
-
-private:
-    common_path dir_;
-    const char* name_;
-};
-
-KS_EXPORT extern const program_path kBoxIptables;
-KS_EXPORT extern const program_path kBoxIp6tables;
+// The two programs, inside the install root's "bin" directory.
+KS_EXPORT extern const install_path kBoxIptables;
+KS_EXPORT extern const install_path kBoxIp6tables;
 
 struct KS_EXPORT ip_hasher {
     size_t operator()(const sockutl::address& a) const noexcept { return a.hash(false); }

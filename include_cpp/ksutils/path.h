@@ -111,6 +111,21 @@ private:
     basic_memstream text_;
 };
 
+// A file or program inside one of the standard directories, named by a constant. The text
+// is computed each time it is asked for, not at load time, so a process that sets its
+// install root after the library was loaded (tools, tests) finds its own files.
+class KS_EXPORT install_path {
+public:
+    constexpr install_path(common_path dir, const char* name) noexcept : dir_(dir), name_(name) {}
+    // The full path; empty when the install root is unknown.
+    path get() const;
+    std::string str() const { return get().str(); }
+
+private:
+    common_path dir_;
+    const char* name_;
+};
+
 inline std::ostream& operator<<(std::ostream& os, const path& p) { return os << std::string_view(p.view()); }
 
 }  // namespace ks

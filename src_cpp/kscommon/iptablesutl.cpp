@@ -39,7 +39,7 @@ bool check_chain(const std::string& chain) {
     return true;
 }
 
-bool resolve(const program_path& program, std::string& out) {
+bool resolve(const install_path& program, std::string& out) {
     out = program.str();
     if (out.empty()) {
         _get_kserrno().set(E_NOENT, "the install root is unknown: cannot locate the firewall programs");
@@ -113,13 +113,8 @@ bool mac_rules(const sockutl::macaddr& mac, const ip_set* ips, const std::string
 
 }  // namespace
 
-path program_path::get() const {
-    path p(dir_, name_);
-    return p.good() && kspath_default_install_path() ? p : path();
-}
-
-const program_path kBoxIptables(common_path::bin, "iptables");
-const program_path kBoxIp6tables(common_path::bin, "ip6tables");
+const install_path kBoxIptables(common_path::bin, "iptables");
+const install_path kBoxIp6tables(common_path::bin, "ip6tables");
 
 bool whitelist_mac(const sockutl::macaddr& mac, const std::string& chain) {
     KSLOG_DEBUG(kChannel, "Adding whitelist rule for mac {} in chain {:s}", mac.to_string(false), chain);

@@ -372,6 +372,11 @@ bool path::temp_dir(path& out) const {
     return true;
 }
 
+path install_path::get() const {
+    path p(dir_, name_);
+    return p.good() ? p : path();
+}
+
 const char* path::cpath(path&& p) {
     static std::mutex* mutex = new std::mutex;
     static std::set<std::string, std::less<>>* interned = new std::set<std::string, std::less<>>;
