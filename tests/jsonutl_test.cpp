@@ -1,0 +1,78 @@
+// JSON helpers: every getter on present, absent and wrong-typed members, parse errors with
+// their position, arrays from vectors, and response statuses.
+#include <ksutils/error.h>
+#include <ksutils/jsonutl.h>
+
+#include <gtest/gtest.h>
+
+#include "kstest.h"
+
+namespace {
+
+TEST(JsonGetters, PresentAbsentAndWrongTyped) {
+    const ks::json_ptr doc = ks::json_load_string(R"({"s":"text","i":-5,"b":true,"o":{"k":1},"a":[1],"n":null})");
+    ASSERT_TRUE(doc);
+    const json_t* d = doc.get();
+    const json_t* fallback = json_object_get(d, "n");
+    // Each getter against each member: E_OK only for its own type.
+    const char* keys[] = {"s", "i", "b", "o", "a", "n", "missing"};
+    for (const char* key : keys) {
+        const std::string k = key;
+        auto code = [&](const char* own) { return k == own ? ks::E_OK : k == "missing" ? ks::E_NOENT : ks::E_INVAL; };
+        EXPECT_EQ(k == "s" ? "text" : "fb", ks::json_get_string(d, key, "fb")) << key;
+        EXPECT_EQ(code("s"), ks::_get_kserrno().code) << key;
+        EXPECT_EQ(k == "i" ? -5 : 7, ks::json_get_int(d, key, 7)) << key;
+        EXPECT_EQ(code("i"), ks::_get_kserrno().code) << key;
+        EXPECT_EQ(k == "b", ks::json_get_bool(d, key, false)) << key;
+        EXPECT_EQ(code("b"), ks::_get_kserrno().code) << key;
+        EXPECT_EQ(k == "o" ? json_object_get(d, "o") : fallback, ks::json_get_object(d, key, fallback)) << key;
+        EXPECT_EQ(code("o"), ks::_get_kserrno().code) << key;
+        EXPECT_EQ(k == "a" ? json_object_get(d, "a") : nullptr, ks::json_get_array(d, key)) << key;
+        EXPECT_EQ(code("a"), ks::_get_kserrno().code) << key;
+    }
+    ks::json_get_int(d, "s", 0);
+    EXPECT_EQ("member \"s\" is a string, not an integer", ks::_get_kserrno().message_view());
+    EXPECT_EQ("x", ks::json_get_string(nullptr, "s", "x")) << "no object: the member is absent";
+    EXPECT_EQ(ks::E_NOENT, ks::_get_kserrno().code);
+}
+
+TEST(JsonLoad, ErrorsCarryTheirPosition) {
+    EXPECT_FALSE(ks::json_load_string("{\"a\": 1,\n  \"b\" 2}"));
+    EXPECT_EQ(ks::E_INVAL, ks::_get_kserrno().code);
+    EXPECT_EQ("JSON text: ':' expected near '2' at line 2, column 7", ks::_get_kserrno().message_view());
+    kstest::TempDir dir;
+    EXPECT_FALSE(ks::json_load_file(dir / "missing.json"));
+    EXPECT_EQ(ks::E_NOENT, ks::_get_kserrno().code);
+    ASSERT_TRUE(kstest::write_file(dir / "doc.json", "[1, 2,]"));
+    EXPECT_FALSE(ks::json_load_file(dir / "doc.json"));
+    EXPECT_NE(std::string::npos, std::string(ks::_get_kserrno().message_view()).find("doc.json: ")) << "names the file";
+    EXPECT_TRUE(ks::json_load_string("42")) << "any value at the root";
+}
+
+TEST(JsonArrays, FromVectorsAndResponseStatus) {
+    const ks::json_ptr texts = ks::to_json_array(std::vector<std::string>{"a", std::string("b\0c", 3)});
+    const ks::json_ptr numbers = ks::to_json_array(std::vector<int64_t>{1, -2, INT64_MAX});
+    ks::unique_c_ptr<char> dumped(json_dumps(texts.get(), JSON_COMPACT));
+    EXPECT_STREQ(R"(["a","b\u0000c"])", dumped.get());
+    dumped.reset(json_dumps(numbers.get(), JSON_COMPACT));
+    EXPECT_STREQ("[1,-2,9223372036854775807]", dumped.get());
+
+    const struct {
+        const char* response;
+        bool ok;
+        int64_t status;
+        int code;
+    } cases[] = {{R"({"status":200})", true, 200, ks::E_OK}, {R"({"status":"404"})", true, 404, ks::E_OK},
+                 {R"({"status":"40x"})", false, 0, ks::E_INVAL}, {R"({"status":""})", false, 0, ks::E_INVAL},
+                 {R"({"status":true})", false, 0, ks::E_INVAL}, {R"({})", false, 0, ks::E_NOENT},
+                 {R"([200])", false, 0, ks::E_NOENT}};
+    for (const auto& c : cases) {
+        int64_t status = 0;
+        ks::_get_kserrno().set(ks::E_OK);
+        EXPECT_EQ(c.ok, ks::json_response_status(ks::json_load_string(c.response).get(), status)) << c.response;
+        EXPECT_EQ(c.status, status) << c.response;
+        EXPECT_EQ(c.code, ks::_get_kserrno().code) << c.response;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,97 @@
+// The category table: a generated file of 1,000 categories against an independent index
+// computation and an encode/decode round trip, the table's edge cases, and its log texts.
+#include <ksutils/error.h>
+#include <ksutils/parentalcategorytranslator.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "kslogcapture.h"
+
+namespace {
+
+using Translator = ks::ParentalCategoryTranslator;
+
+class CategoryTest : public ::testing::Test {
+protected:
+    bool load(Translator& t, const std::string& json) {
+        kstest::write_file(dir_ / "categories.json", json);
+        return t.init(ks::path(dir_ / "categories.json"));
+    }
+    kstest::LogCapture log_{"parental_test", "parental"};
+    kstest::TempDir dir_;
+};
+
+TEST_F(CategoryTest, ThousandCategoriesRoundTrip) {
+    std::mt19937 rng(7);
+    std::vector<uint64_t> slots(64 * 32);
+    std::iota(slots.begin(), slots.end(), 0);
+    std::shuffle(slots.begin(), slots.end(), rng);
+    std::string json = "[";
+    std::map<std::string, uint64_t> expected;
+    for (int i = 0; i < 1000; ++i) {
+        const uint64_t number = slots[i] / 32 + 1, bit = slots[i] % 32;
+        const std::string name = (i % 3 ? "cat" : "CAT") + std::to_string(i);
+        json += (i ? "," : "") + fmt::format(R"({{"name":"{}","number":{},"bit":{}{}}})", name, number, bit,
+                                             i % 5 ? "" : R"(,"extra":"ignored")");
+        std::string lower = name;
+        std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
+        expected[lower] = (number - 1) * 32 + bit;
+    }
+    Translator t;
+    ASSERT_TRUE(load(t, json + "]"));
+    EXPECT_EQ(expected.size(), t.nameToIndex.size());
+    for (const auto& [name, index] : expected) EXPECT_EQ(index, t.nameToIndex.at(name)) << name;
+    std::set<std::string> all, some;
+    for (const auto& [name, index] : expected) {
+        all.insert(name);
+        if (rng() % 3 == 0) some.insert(name);
+    }
+    EXPECT_EQ(all, t.decode(t.encode(all)));
+    EXPECT_EQ(some, t.decode(t.encode(some)));
+    t.uninit();
+    EXPECT_TRUE(t.nameToIndex.empty());
+}
+
+TEST_F(CategoryTest, EdgeCasesAndLogTexts) {
+    Translator t;
+    std::string out = log_.during([&] {
+        ASSERT_TRUE(load(t, R"([{"name":"Gambling","number":2,"bit":3}, {"name":"news","number":1.0,"bit":40},
+            {"number":1,"bit":1}, {"name":"a","bit":1}, {"name":"a","number":1}, {"name":"","number":1,"bit":1},
+            {"name":"a","number":"1","bit":1}, {"name":"a","number":1,"bit":null}, {"name":"zero","number":0,"bit":1},
+            {"name":"GAMBLING","number":1,"bit":9}])"));
+    });
+    for (const char* record :
+         {"invalid json category (no 'name')", "invalid json category (no 'number')", "invalid json category (no 'bit')",
+          "invalid json category (null or empty 'name')", "invalid json category ('number' not a number)",
+          "invalid json category ('bit' not a number)", "parental category gambling has index 35"})
+        EXPECT_TRUE(kstest::has_record(out, record)) << record << "\n" << out;
+    EXPECT_EQ(2u, t.wordCount);
+    EXPECT_EQ(35u, t.nameToIndex.at("gambling")) << "the first occurrence wins";
+    EXPECT_EQ(40u, t.nameToIndex.at("news")) << "a bit past 31 lands in the next word";
+    EXPECT_EQ((std::vector<unsigned>{0, 8}), t.encode({"gambling"}));
+    EXPECT_EQ((std::vector<unsigned>{0, 0}), t.encode({"Gambling"})) << "names match lower case only";
+    EXPECT_EQ((std::set<std::string>{"gambling", "news"}), t.decode({0, 8 | 1 << 8, 0xFFFFFFFF}))
+        << "words past wordCount are ignored";
+    out = log_.during([&] {
+        t.encode({"nope"});
+        t.decode({1u << 1, 1u << 1});
+    });
+    EXPECT_TRUE(kstest::has_record(out, "trying to encode unknown parental category: nope")) << out;
+    EXPECT_TRUE(kstest::has_record(out, "trying to decode unknown parental index: 33(1:1)")) << out;
+    t.uninit();
+
+    Translator empty;
+    ASSERT_TRUE(load(empty, "[]"));
+    EXPECT_TRUE(empty.encode({"gambling"}).empty());
+    for (const char* bad : {"{}", "[1,", ""}) {
+        Translator broken;
+        EXPECT_FALSE(load(broken, bad)) << bad;
+        EXPECT_EQ("cannot load parental categories from " + (dir_ / "categories.json"),
+                  ks::_get_kserrno().message_view());
+    }
+}
+
+}  // namespace
