@@ -1,0 +1,146 @@
+// Retried requests on a real executor: the back-off table, a transport that refuses and
+// one that answers (synchronously or later), groups completing once, cancellation, and the
+// log texts of the mistakes.
+#include <ksutils/asyncutl.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "kslogcapture.h"
+
+namespace {
+
+using ks::async::Request;
+using ks::async::RequestRuntime;
+using clock_type = std::chrono::steady_clock;
+
+TEST(Request, BackOffTable) {
+    const struct {
+        int attempt;
+        long long ms;
+        int next;
+    } cases[] = {{0, 0, 0}, {1, 2000, 2}, {9, 512000, 10}, {10, 1024000, 10}, {30, 1024000, 30}, {62, 1024000, 62}};
+    for (const auto& c : cases) {
+        Request r;
+        r.attempt = c.attempt;
+        EXPECT_EQ(c.ms, r.get_timeout().count()) << c.attempt;
+        EXPECT_EQ(c.next, r.attempt) << c.attempt;
+    }
+    Request r;
+    r.uri = "svc://a";
+    EXPECT_EQ("uri=svc://a, id=-1, tfd=-1", r.to_string());
+}
+
+// A runtime on its own executor with a transport that records every send.
+struct Harness {
+    ks::Executor loop;
+    RequestRuntime runtime{loop};
+    std::vector<clock_type::time_point> sends;
+    std::vector<std::pair<RequestRuntime::finish_fn, void*>> pending;
+    bool accept = true;
+
+    Harness() {
+        runtime.set_request_fn([this](const std::string&, const std::string&, RequestRuntime::finish_fn fn, void* ctx) {
+            sends.push_back(clock_type::now());
+            if (accept) pending.emplace_back(fn, ctx);
+            return accept;
+        });
+    }
+    void spin(std::chrono::milliseconds how_long) {
+        for (auto end = clock_type::now() + how_long; clock_type::now() < end;) loop.tick(std::chrono::milliseconds(10));
+    }
+    void answer(const void* response) {
+        auto [fn, ctx] = pending.front();
+        pending.erase(pending.begin());
+        fn(ctx, response);
+    }
+};
+
+Request request(int attempt, std::function<bool(const void*)> handler = nullptr) {
+    Request r;
+    r.uri = "svc://x";
+    r.attempt = attempt;
+    r.handler = std::move(handler);
+    return r;
+}
+
+TEST(RequestRuntime, RefusedSendIsRetriedAfterTheBackOff) {
+    Harness h;
+    h.accept = false;
+    ASSERT_GE(h.runtime.run(request(1), nullptr), 0);
+    for (auto end = clock_type::now() + std::chrono::seconds(8); h.sends.size() < 2 && clock_type::now() < end;)
+        h.loop.tick(std::chrono::milliseconds(100));
+    ASSERT_EQ(2u, h.sends.size());
+    EXPECT_GE(h.sends[1] - h.sends[0], std::chrono::seconds(2));
+    h.runtime.cancel();
+    EXPECT_FALSE(h.loop.tick(std::chrono::milliseconds(0))) << "no timer left";
+}
+
+TEST(RequestRuntime, SendsAnswersAndGroups) {
+    Harness h;
+    int completed = 0;
+    // attempt 0: sent at once, and a refused send is never repeated.
+    h.accept = false;
+    ASSERT_GE(h.runtime.run(request(0), [&] { return ++completed; }), 0);
+    h.spin(std::chrono::milliseconds(300));
+    EXPECT_EQ(1u, h.sends.size());
+    h.runtime.cancel();
+
+    // A response the handler refuses makes a new send; the group completes once, after its
+    // last request.
+    h.accept = true;
+    h.sends.clear();
+    int verdicts = 0;
+    std::list<Request> group;
+    group.push_back(request(0, [&](const void* r) { return ++verdicts, *static_cast<const bool*>(r); }));
+    group.push_back(request(0, [](const void*) { return true; }));
+    const int tag = h.runtime.run(std::move(group), [&] { return ++completed; });
+    h.spin(std::chrono::milliseconds(50));
+    ASSERT_EQ(2u, h.pending.size());
+    const bool no = false, yes = true;
+    h.answer(&no);
+    h.spin(std::chrono::milliseconds(50));
+    EXPECT_EQ(3u, h.sends.size()) << "sent again after the refused response";
+    h.answer(&yes);  // the second request
+    EXPECT_EQ(0, completed);
+    h.answer(&yes);  // the first, again
+    EXPECT_EQ(1, completed);
+    EXPECT_EQ(0u, h.runtime.outstanding());
+    EXPECT_EQ(0u, h.runtime.groups());
+    EXPECT_GE(tag, 0);
+
+    // Cancelled groups never complete; a late answer is ignored.
+    const int cancelled = h.runtime.run(request(0, [](const void*) { return true; }), [&] { return ++completed; });
+    h.spin(std::chrono::milliseconds(50));
+    h.runtime.cancel(cancelled);
+    h.answer(&yes);
+    EXPECT_EQ(1, completed);
+}
+
+TEST(RequestRuntime, MistakesAreRefusedAndLogged) {
+    kstest::LogCapture log("asyncutl_test");
+    Harness h;
+    Request empty = request(0);
+    empty.uri.clear();
+    std::list<Request> mixed;
+    mixed.push_back(request(0));
+    mixed.push_back(std::move(empty));
+    const std::string out = log.during([&] {
+        EXPECT_EQ(-1, h.runtime.run(std::move(mixed), nullptr));
+        h.spin(std::chrono::milliseconds(50));
+        h.runtime.cancel(7);
+        h.runtime.cancel_request(99);
+        Request stray = request(0);
+        stray.tag = 5;
+        EXPECT_FALSE(h.runtime.try_complete(stray));
+    });
+    EXPECT_TRUE(h.sends.empty()) << "nothing of a refused group starts";
+    for (const char* record : {"No request group with tag=7", "No request with id=99", "BUG: Requests not found tag=5"})
+        EXPECT_TRUE(kstest::has_record(out, record)) << record << "\n" << out;
+
+    RequestRuntime no_transport(h.loop);
+    EXPECT_EQ(-1, no_transport.run(request(0), nullptr));
+}
+
+}  // namespace

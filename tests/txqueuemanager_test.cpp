@@ -1,0 +1,185 @@
+// Transmit queues over real sockets: socket pairs and loopback TCP with small send buffers
+// and slow readers, so sends stop part-way; release callbacks counted on every path; many
+// threads and sockets at once; peers that go away.
+#include <ksutils/txqueuemanager.h>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+#include "kstest.h"
+
+namespace {
+
+// Both ends of a stream connection; the sender's buffer is kept small.
+struct Connection {
+    int ours = -1, peer = -1;
+    explicit Connection(bool tcp) {
+        if (tcp) {
+            const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+            sockaddr_in a{};
+            a.sin_family = AF_INET;
+            a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            socklen_t len = sizeof a;
+            ::bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a);
+            ::listen(listener, 1);
+            ::getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len);
+            ours = ::socket(AF_INET, SOCK_STREAM, 0);
+            ::connect(ours, reinterpret_cast<sockaddr*>(&a), sizeof a);
+            peer = ::accept(listener, nullptr, nullptr);
+            ::close(listener);
+        } else {
+            int sv[2];
+            ::socketpair(AF_UNIX, SOCK_STREAM, 0, sv);
+            ours = sv[0], peer = sv[1];
+        }
+        const int small = 4096;
+        ::setsockopt(ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    }
+    ~Connection() {
+        for (int fd : {ours, peer})
+            if (fd >= 0) ::close(fd);
+    }
+    // Reads `n` bytes in small, slow pieces.
+    std::string read_slowly(size_t n) const {
+        std::string got;
+        char chunk[3000];
+        while (got.size() < n) {
+            pollfd p{peer, POLLIN, 0};
+            if (::poll(&p, 1, 5000) != 1) break;
+            const ssize_t r = ::recv(peer, chunk, sizeof chunk, 0);
+            if (r <= 0) break;
+            got.append(chunk, static_cast<size_t>(r));
+            if (got.size() % 7 == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        return got;
+    }
+};
+
+// Whether any epoll instance of this process watches `fd` (from /proc/self/fdinfo).
+bool watched(int fd) {
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir("/proc/self/fdinfo"), &::closedir);
+    while (dirent* e = ::readdir(dir.get())) {
+        std::ifstream info(std::string("/proc/self/fdinfo/") + e->d_name);
+        for (std::string word; info >> word;)
+            if (word == "tfd:" && info >> word && word == std::to_string(fd)) return true;
+    }
+    return false;
+}
+
+std::string pattern(size_t n, char seed) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(seed + i * 31 + i / 997);
+    return s;
+}
+
+// Counts releases; each buffer's callback must come exactly once.
+struct Releases {
+    std::atomic<int> count{0};
+    ks::TxBuffer buffer(const std::string& bytes, uint64_t value = 0) {
+        return ks::TxBuffer(bytes.data(), bytes.size(), [this](bool, uint64_t, const void*) { ++count; }, value);
+    }
+};
+
+TEST(TxQueueManager, LifecycleReleasesEveryBufferOnce) {
+    Releases released;
+    const std::string bytes = pattern(1 << 20, 'a');
+    ks::TxQueueManager m;
+    Connection c(false);
+    EXPECT_FALSE(m.add(c.ours, released.buffer(bytes))) << "not running";
+    EXPECT_EQ(1, released.count);
+    ASSERT_TRUE(m.init());
+    EXPECT_FALSE(m.init());
+    EXPECT_FALSE(m.add(-1, released.buffer(bytes)));
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(m.add(c.ours, released.buffer(bytes)));  // nobody reads
+    m.uninit();
+    EXPECT_EQ(7, released.count) << "pending buffers released by uninit";
+    EXPECT_FALSE(m.add(c.ours, released.buffer(bytes)));
+    EXPECT_EQ(8, released.count);
+}
+
+TEST(TxQueueManager, PartialSendsResumeInOrderOverPairsAndTcp) {
+    for (bool tcp : {false, true}) {
+        Releases released;
+        Connection c(tcp);
+        ks::TxQueueManager m;
+        ASSERT_TRUE(m.init());
+        const std::string first = pattern(3 << 20, 'x'), second = pattern(1 << 20, 'y');
+        ASSERT_TRUE(m.add(c.ours, released.buffer(first)));
+        ASSERT_TRUE(m.add(c.ours, released.buffer(second)));
+        const std::string got = c.read_slowly(first.size() + second.size());
+        EXPECT_TRUE(got == first + second) << (tcp ? "tcp" : "pair") << ": bytes lost, repeated or reordered";
+        for (int i = 0; i < 200 && (released.count < 2 || watched(c.ours)); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(2, released.count);
+        EXPECT_FALSE(watched(c.ours)) << "an empty queue's socket leaves the epoll set";
+        m.remove(c.ours);
+    }
+}
+
+TEST(TxQueueManager, FourThreadsSixteenSocketsKeepPerSocketOrder) {
+    constexpr int kThreads = 4, kSockets = 16, kPerThread = 200;
+    std::vector<std::unique_ptr<Connection>> conns;
+    for (int i = 0; i < kSockets; ++i) conns.push_back(std::make_unique<Connection>(false));
+    Releases released;
+    // Records "T:NNNN;" so that each socket's reader can check every thread's sequence.
+    std::vector<std::string> records;
+    for (int t = 0; t < kThreads; ++t)
+        for (int n = 0; n < kPerThread; ++n) records.push_back(fmt::format("{}:{:04d};", t, n));
+    ks::TxQueueManager m;
+    ASSERT_TRUE(m.init());
+    std::vector<std::thread> writers;
+    for (int t = 0; t < kThreads; ++t)
+        writers.emplace_back([&, t] {
+            for (int n = 0; n < kPerThread; ++n)
+                for (auto& c : conns) EXPECT_TRUE(m.add(c->ours, released.buffer(records[t * kPerThread + n])));
+        });
+    const size_t per_socket = kThreads * kPerThread * 7;
+    for (auto& c : conns) {
+        const std::string got = c->read_slowly(per_socket);
+        ASSERT_EQ(per_socket, got.size());
+        int next[kThreads] = {};
+        for (size_t at = 0; at < got.size(); at += 7) {
+            const int t = got[at] - '0', n = std::stoi(got.substr(at + 2, 4));
+            ASSERT_EQ(next[t]++, n) << "thread " << t;
+        }
+    }
+    for (auto& w : writers) w.join();
+    m.uninit();
+    EXPECT_EQ(kThreads * kPerThread * kSockets, released.count);
+}
+
+TEST(TxQueueManager, PeerClosingMidStreamReleasesWithoutSigpipeOrLeak) {
+    const int fds = kstest::open_descriptors();
+    Releases released;
+    ks::TxQueueManager m;
+    ASSERT_TRUE(m.init());
+    {
+        Connection gone(false), alive(false);
+        const std::string bytes = pattern(1 << 20, 'z');
+        for (int i = 0; i < 4; ++i) ASSERT_TRUE(m.add(gone.ours, released.buffer(bytes)));
+        gone.read_slowly(100000);
+        ::close(gone.peer);
+        gone.peer = -1;
+        for (int i = 0; i < 400 && released.count < 4; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(4, released.count) << "the dead socket's buffers are released";
+        ASSERT_TRUE(m.add(alive.ours, released.buffer("still working")));
+        EXPECT_EQ("still working", alive.read_slowly(13));
+        m.remove(gone.ours);
+    }
+    m.uninit();
+    EXPECT_EQ(5, released.count);
+    EXPECT_EQ(fds, kstest::open_descriptors());
+}
+
+}  // namespace
