@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,23 +18,6 @@ namespace {
 
 using ks::sockutl::address;
 using ks::sockutl::macaddr;
-
-// Moves the test into a fresh network namespace and back to the original one on exit.
-class NetNamespace {
-public:
-    NetNamespace() : original_(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC)) {
-        entered_ = original_ >= 0 && ::unshare(CLONE_NEWNET) == 0;
-    }
-    ~NetNamespace() {
-        if (entered_) ::setns(original_, CLONE_NEWNET);
-        if (original_ >= 0) ::close(original_);
-    }
-    bool entered() const { return entered_; }
-
-private:
-    int original_;
-    bool entered_ = false;
-};
 
 // Every rule of both programs as "-S" prints them, sorted, for one chain.
 std::string rules(const std::string& chain) {
@@ -84,7 +65,7 @@ protected:
         ASSERT_TRUE(macaddr::parse_str("0A:1b:2C:3d:4E:5f", mac_));
     }
 
-    NetNamespace ns_;
+    kstest::NetNamespace ns_;
     kstest::LogCapture log_{"iptablesutl_test"};
     macaddr mac_;
     static inline std::string host_before_;

@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <sched.h>
 
 #include <condition_variable>
 #include <mutex>
@@ -158,30 +156,13 @@ TEST(NetMgmtParse, IpLists) {
     }
 }
 
-// Moves the calling thread into a new network namespace, and back on destruction.
-class NetNamespace {
-public:
-    NetNamespace() : original_(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC)) {
-        entered_ = ::unshare(CLONE_NEWNET) == 0;
-    }
-    ~NetNamespace() {
-        if (entered_) ::setns(original_, CLONE_NEWNET);
-        ::close(original_);
-    }
-    bool entered() const { return entered_; }
-
-private:
-    int original_;
-    bool entered_ = false;
-};
-
 TEST(KernelQueries, LoopbackAndAnInterfaceOfOurOwn) {
     std::string text;
     EXPECT_TRUE(ks::is_interface_up("lo"));
     EXPECT_TRUE(ks::get_ip_address("lo", text));
     EXPECT_EQ("127.0.0.1", text);
 
-    NetNamespace ns;
+    kstest::NetNamespace ns;
     if (!ns.entered()) GTEST_SKIP() << "network namespaces are refused here: " << std::strerror(errno);
     // A veth pair rather than a dummy interface: some kernels ship without the dummy driver.
     ASSERT_EQ(0, kstest::run("ip link add d0 type veth peer name d1 && ip link set d0 address 0a:1b:2c:3d:4e:5f"));

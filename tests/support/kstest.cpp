@@ -4,6 +4,8 @@
 #include <kspath.h>
 
 #include <stdlib.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -69,6 +71,15 @@ InstallRoot::~InstallRoot() { kspath_set_install_path(nullptr); }
 
 ::testing::Matcher<const std::string&> death_message(const std::string& text) {
     return ::testing::AnyOf(::testing::Eq(text), ::testing::StartsWith(text + "qemu: uncaught target signal "));
+}
+
+NetNamespace::NetNamespace() : original_(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC)) {
+    entered_ = original_ >= 0 && ::unshare(CLONE_NEWNET) == 0;
+}
+
+NetNamespace::~NetNamespace() {
+    if (entered_) ::setns(original_, CLONE_NEWNET);
+    if (original_ >= 0) ::close(original_);
 }
 
 int open_descriptors() {

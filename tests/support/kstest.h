@@ -60,6 +60,21 @@ private:
 // line qemu-user adds when an emulated program dies of a signal (the aarch64 suite).
 ::testing::Matcher<const std::string&> death_message(const std::string& text);
 
+// Moves the calling thread into a new network namespace of its own (children it starts
+// inherit it) and back on destruction; entered() is false where namespaces are refused.
+class NetNamespace {
+public:
+    NetNamespace();
+    ~NetNamespace();
+    NetNamespace(const NetNamespace&) = delete;
+    NetNamespace& operator=(const NetNamespace&) = delete;
+    bool entered() const { return entered_; }
+
+private:
+    int original_;
+    bool entered_ = false;
+};
+
 // Descriptors this process has open, and its children that are zombies: leak checks.
 int open_descriptors();
 int zombie_children();
