@@ -114,6 +114,8 @@ TEST_F(NetMgmtTest, ServiceThreadCallsListenersUntilTheLastUninit) {
     ASSERT_TRUE(lan.wait_for(heard + 1)) << "still running after the first uninit";
     EXPECT_EQ(wan_heard, wan.seen.size()) << "removed listener called";
     EXPECT_EQ(0, nm::uninit());
+    // A joined thread can linger in /proc for a moment.
+    for (int i = 0; i < 100 && threads() != before; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(before, threads()) << "thread stopped after the last uninit";
 }
 
