@@ -90,11 +90,11 @@ TEST_F(NetMgmtTest, LoadsWanAndLanInterfacesFromSettings) {
 }
 
 TEST_F(NetMgmtTest, ServiceThreadCallsListenersUntilTheLastUninit) {
-    const int before = threads();
     Calls wan, lan;
     ASSERT_EQ(0, nm::init(true));
+    const int running = threads();
     ASSERT_EQ(0, nm::init(true));
-    EXPECT_EQ(before + 1, threads()) << "one thread for both";
+    EXPECT_EQ(running, threads()) << "one thread for both inits";
     const int wan_id = nm::set_on_wan_interface_change(wan.callback());
     nm::set_on_lan_interface_change(lan.callback());
     ASSERT_EQ(0, sm::setKey("/network/interfaces/config/eth1/type", "wan"));
@@ -115,8 +115,9 @@ TEST_F(NetMgmtTest, ServiceThreadCallsListenersUntilTheLastUninit) {
     EXPECT_EQ(wan_heard, wan.seen.size()) << "removed listener called";
     EXPECT_EQ(0, nm::uninit());
     // A joined thread can linger in /proc for a moment.
-    for (int i = 0; i < 100 && threads() != before; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(before, threads()) << "thread stopped after the last uninit";
+    for (int i = 0; i < 100 && threads() != running - 1; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(running - 1, threads()) << "the thread stopped after the last uninit";
 }
 
 TEST_F(NetMgmtTest, EventLoopHandle) {

@@ -173,7 +173,8 @@ TEST(TxQueueManager, PeerClosingMidStreamReleasesWithoutSigpipeOrLeak) {
         gone.peer = -1;
         for (int i = 0; i < 400 && released.count < 4; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
         EXPECT_EQ(4, released.count) << "the dead socket's buffers are released";
-        ASSERT_TRUE(m.add(alive.ours, released.buffer("still working")));
+        const std::string note = "still working";  // must outlive its send
+        ASSERT_TRUE(m.add(alive.ours, released.buffer(note)));
         EXPECT_EQ("still working", alive.read_slowly(13));
         m.remove(gone.ours);
     }
