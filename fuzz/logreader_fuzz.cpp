@@ -24,8 +24,10 @@ struct Keys {
     int null_fd = -1;
 
     Keys() {
-        char templ[] = "/tmp/logreader_fuzz.XXXXXX";
-        if (!::mkdtemp(templ)) std::abort();
+        // Under $TMPDIR, which scripts/fuzz.sh points into its own scratch folder.
+        const char* tmp = std::getenv("TMPDIR");
+        std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/logreader_fuzz.XXXXXX";
+        if (!::mkdtemp(templ.data())) std::abort();
         const std::string dir = templ, priv = dir + "/priv.pem", pub = dir + "/pub.pem";
         const std::string make = "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out " + priv +
                                  " 2>/dev/null && openssl pkey -in " + priv + " -pubout -out " + pub + " 2>/dev/null";

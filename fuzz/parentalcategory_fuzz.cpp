@@ -6,13 +6,16 @@
 #include <stdlib.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstdio>
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string file = [] {
-        char templ[] = "/tmp/category_fuzz.XXXXXX";
-        return std::string(::mkdtemp(templ) ? templ : "/tmp") + "/categories.json";
+        // Under $TMPDIR, which scripts/fuzz.sh points into its own scratch folder.
+        const char* tmp = std::getenv("TMPDIR");
+        std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/category_fuzz.XXXXXX";
+        return std::string(::mkdtemp(templ.data()) ? templ : "/tmp") + "/categories.json";
     }();
     FILE* f = std::fopen(file.c_str(), "wb");
     if (!f) return 0;

@@ -9,14 +9,17 @@
 #include <stdlib.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string root = [] {
-        char templ[] = "/tmp/release_fuzz.XXXXXX";
-        const std::string dir = ::mkdtemp(templ) ? templ : "/tmp";
+        // Under $TMPDIR, which scripts/fuzz.sh points into its own scratch folder.
+        const char* tmp = std::getenv("TMPDIR");
+        std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/release_fuzz.XXXXXX";
+        const std::string dir = ::mkdtemp(templ.data()) ? templ : "/tmp";
         kspath_set_install_path(dir.c_str());
         return dir;
     }();

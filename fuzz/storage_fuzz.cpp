@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstdio>
 #include <string>
 
@@ -14,8 +15,10 @@ namespace {
 
 std::string dir() {
     static const std::string path = [] {
-        char templ[] = "/tmp/storage_fuzz.XXXXXX";
-        return std::string(::mkdtemp(templ) ? templ : "/tmp");
+        // Under $TMPDIR, which scripts/fuzz.sh points into its own scratch folder.
+        const char* tmp = std::getenv("TMPDIR");
+        std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/storage_fuzz.XXXXXX";
+        return std::string(::mkdtemp(templ.data()) ? templ : "/tmp");
     }();
     return path;
 }

@@ -21,7 +21,7 @@ for source in "$root"/fuzz/*_fuzz.cpp; do
   work=$dir/runs/$target
   rm -rf "$work" && mkdir -p "$work/corpus"
   [ -d "$root/fuzz/corpus/$target" ] && cp -r "$root/fuzz/corpus/$target/." "$work/corpus/"
-  if (cd "$work" && ASAN_OPTIONS=detect_leaks=1 "$dir/fuzz/$target" -max_total_time="$seconds" -max_len=4096 \
+  if (cd "$work" && TMPDIR="$work" ASAN_OPTIONS=detect_leaks=1 "$dir/fuzz/$target" -max_total_time="$seconds" -max_len=4096 \
         -print_final_stats=1 -artifact_prefix="$work/" corpus >"$work/log" 2>&1); then
     result=ok
   else
