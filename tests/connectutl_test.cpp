@@ -134,8 +134,10 @@ TEST(Address, TextFormsComparisonAndHash) {
     EXPECT_EQ(a.hash(true), a.hash(false) ^ 106u);
     EXPECT_FALSE(a.is_in_subnet(address(ks::string_view("::")), address(0, network_proto::ipv6)));
     EXPECT_EQ(80, address(ks::string_view("10.0.0.1"), 80).port());
-    // Neither zones nor surrounding blanks are part of the grammar (Python accepts zones).
-    for (const char* text : {"fe80::1%eth0", "1.2.3.4 ", " ::1"}) EXPECT_FALSE(address(ks::string_view(text)).is_valid());
+    // Neither zones, surrounding blanks nor NULs are part of the grammar (Python accepts zones).
+    for (const std::string& text : {std::string("fe80::1%eth0"), std::string("1.2.3.4 "), std::string(" ::1"),
+                                   std::string("1.2.3.4\0x", 9), std::string("::1\0", 4)})
+        EXPECT_FALSE(address(ks::string_view(text.data(), text.size())).is_valid()) << text;
 
     address moved(std::move(a));
     EXPECT_EQ("192.168.1.1:53", moved.to_string(true));

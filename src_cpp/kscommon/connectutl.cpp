@@ -123,7 +123,8 @@ bool address::parse_addr(ks::string_view text, address& out) noexcept {
         return true;
     }
     char copy[INET6_ADDRSTRLEN + 1];
-    if (text.size() >= sizeof copy) return false;
+    // A NUL inside the text would end the copy early and let "1.2.3.4\0junk" through.
+    if (text.size() >= sizeof copy || std::memchr(text.data(), '\0', text.size())) return false;
     std::memcpy(copy, text.data(), text.size());
     copy[text.size()] = '\0';
     if (::inet_pton(AF_INET, copy, &out.v4().sin_addr) == 1) {
