@@ -166,6 +166,9 @@ void parse_ips(const std::string& text, sockutl::network_proto proto, IpSet& out
             KSLOG_ERROR(channel(), "Failed to convert value {:s} of prefix to int", prefix);
             continue;
         }
+        // Any length outside 0..255 is the host mask, like every length past the address size,
+        // rather than the length modulo 256 (/300 is not /44).
+        if (length < 0 || length > 255) length = 255;
         out.emplace(sockutl::address(ks::string_view(entry.data(), slash)),
                     sockutl::address(static_cast<unsigned char>(length), proto));
     }
