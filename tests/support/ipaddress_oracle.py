@@ -1,8 +1,6 @@
-#!/usr/bin/env python3
 """Independent answers for the address tests, from Python's ipaddress module.
 
-Reads one case per line and prints one answer per line, in the form the C++ test prints
-its own results, so the two can be compared line by line:
+One answer line per case line, in the C++ test's own format, to compare line by line:
   P text            -> "v4 TEXT ll=0" | "v6 TEXT ll=B" | "invalid"
   M bits prefix     -> the netmask of prefix for a 32- or 128-bit address
   N text            -> "prefix=N netmask=B"
@@ -36,12 +34,7 @@ def parse(t):
 
 
 def leading_ones(a):
-    bits = a.max_prefixlen
-    v = int(a)
-    n = 0
-    while n < bits and v >> (bits - 1 - n) & 1:
-        n += 1
-    return n
+    return len(format(int(a), "0%db" % a.max_prefixlen).split("0")[0])
 
 
 def answer(words):
