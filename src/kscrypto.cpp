@@ -6,6 +6,7 @@
 // log core holds its locks. Failures set the thread's error record as well as returning
 // the code.
 #include <kscrypto.h>
+#include "kssys.h"
 
 #include <ksutils/error.h>
 
@@ -182,28 +183,6 @@ int decrypt_alloc(const unsigned char* in, size_t in_len, mbedtls_aes_context* c
     return 0;
 }
 
-// Reads whatever is available (at least one byte unless at the end), retrying EINTR.
-ssize_t read_some(int fd, unsigned char* data, size_t size) {
-    for (;;) {
-        ssize_t n = ::read(fd, data, size);
-        if (n >= 0 || errno != EINTR) return n;
-    }
-}
-
-bool write_fully(int fd, const unsigned char* data, size_t size) {
-    while (size > 0) {
-        ssize_t n = ::write(fd, data, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n == 0) errno = EIO;
-            return false;
-        }
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Keyed AES context and a private copy of the IV for the file forms.
 struct FileCipher {
     AesContext aes;
@@ -339,7 +318,7 @@ int aes_encrypt_file(int out_fd, int in_fd, const unsigned char* key, const unsi
     // more input or, at the end, takes the padding.
     size_t have = 0;
     for (;;) {
-        ssize_t n = read_some(in_fd, buffer + have, kFileChunk + kBlock - have);
+        ssize_t n = ks::sys::read_some(in_fd, buffer + have, kFileChunk + kBlock - have);
         if (n < 0) return fail(KSCRYPTO_EREAD, "aes_encrypt_file");
         if (n == 0) break;
         have += static_cast<size_t>(n);
@@ -347,14 +326,14 @@ int aes_encrypt_file(int out_fd, int in_fd, const unsigned char* key, const unsi
         if (full == 0) continue;
         int rc = mbedtls_aes_crypt_cbc(&cipher.aes.ctx, MBEDTLS_AES_ENCRYPT, full, cipher.iv, buffer, buffer);
         if (rc != 0) return fail(rc, "aes_encrypt_file");
-        if (!write_fully(out_fd, buffer, full)) return fail(KSCRYPTO_EWRITE, "aes_encrypt_file");
+        if (!ks::sys::write_full(out_fd, buffer, full)) return fail(KSCRYPTO_EWRITE, "aes_encrypt_file");
         have -= full;
         std::memmove(buffer, buffer + full, have);
     }
     unsigned char last[kBlock];
     int rc = encrypt_into(buffer, have, &cipher.aes.ctx, cipher.iv, last);
     if (rc != 0) return fail(rc, "aes_encrypt_file");
-    if (!write_fully(out_fd, last, kBlock)) return fail(KSCRYPTO_EWRITE, "aes_encrypt_file");
+    if (!ks::sys::write_full(out_fd, last, kBlock)) return fail(KSCRYPTO_EWRITE, "aes_encrypt_file");
     return 0;
 }
 
@@ -370,7 +349,7 @@ int aes_decrypt_file(int out_fd, int in_fd, const unsigned char* key, const unsi
     // carries the padding.
     size_t have = 0;
     for (;;) {
-        ssize_t n = read_some(in_fd, buffer + have, capacity - have);
+        ssize_t n = ks::sys::read_some(in_fd, buffer + have, capacity - have);
         if (n < 0) return fail(KSCRYPTO_EREAD, "aes_decrypt_file");
         if (n == 0) break;
         have += static_cast<size_t>(n);
@@ -379,7 +358,7 @@ int aes_decrypt_file(int out_fd, int in_fd, const unsigned char* key, const unsi
         if (ready == 0) continue;
         int rc = mbedtls_aes_crypt_cbc(&cipher.aes.ctx, MBEDTLS_AES_DECRYPT, ready, cipher.iv, buffer, buffer);
         if (rc != 0) return fail(rc, "aes_decrypt_file");
-        if (!write_fully(out_fd, buffer, ready)) return fail(KSCRYPTO_EWRITE, "aes_decrypt_file");
+        if (!ks::sys::write_full(out_fd, buffer, ready)) return fail(KSCRYPTO_EWRITE, "aes_decrypt_file");
         have -= ready;
         std::memmove(buffer, buffer + ready, have);
     }
@@ -388,7 +367,7 @@ int aes_decrypt_file(int out_fd, int in_fd, const unsigned char* key, const unsi
     size_t length = 0;
     int rc = decrypt_into(buffer, kBlock, &cipher.aes.ctx, cipher.iv, last, sizeof last, &length);
     if (rc != 0) return fail(rc, "aes_decrypt_file");
-    bool written = write_fully(out_fd, last, length);
+    bool written = ks::sys::write_full(out_fd, last, length);
     mbedtls_platform_zeroize(last, sizeof last);
     return written ? 0 : fail(KSCRYPTO_EWRITE, "aes_decrypt_file");
 }

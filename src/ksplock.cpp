@@ -4,6 +4,8 @@
 #include <ksplock.h>
 #include <ksutils/error.h>
 
+#include "kssys.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,25 +15,11 @@
 
 namespace {
 
-int lock_op(int fd, int cmd, short type, struct flock& lk) {
-    lk = {};
-    lk.l_type = type;
-    lk.l_whence = SEEK_SET;
-    int rc;
-    do {
-        rc = ::fcntl(fd, cmd, &lk);
-    } while (rc < 0 && errno == EINTR);
-    return rc;
-}
-
 // Best effort: a lock file opened read-only still locks, it just carries no pid text.
 void write_pid(int fd) {
     char text[32];
-    int n = std::snprintf(text, sizeof text, "%d\n", static_cast<int>(::getpid()));
-    if (::ftruncate(fd, 0) == 0) {
-        ssize_t rc = ::pwrite(fd, text, static_cast<size_t>(n), 0);
-        (void)rc;
-    }
+    int n = std::snprintf(text, sizeof text, "%d\n", static_cast<int>(ks::sys::current_pid()));
+    if (::ftruncate(fd, 0) == 0) (void)ks::sys::pwrite_full(fd, text, static_cast<size_t>(n), 0);
 }
 
 }  // namespace
@@ -49,19 +37,14 @@ int plock_open(const char* path, int flags) {
 }
 
 int plock_lock(int fd) {
-    struct flock lk;
-    if (lock_op(fd, F_SETLK, F_WRLCK, lk) == 0) {
-        write_pid(fd);
-        return 1;
-    }
-    if (errno == EACCES || errno == EAGAIN) return 0;
-    ks::_get_kserrno().set(ks::E_SYSTEM);
-    return -1;
+    const int rc = ks::sys::lock_file(fd, false);
+    if (rc == 1) write_pid(fd);
+    if (rc < 0) ks::_get_kserrno().set(ks::E_SYSTEM);
+    return rc;
 }
 
 int plock_wait_lock(int fd) {
-    struct flock lk;
-    if (lock_op(fd, F_SETLKW, F_WRLCK, lk) == 0) {
+    if (ks::sys::lock_file(fd, true) == 1) {
         write_pid(fd);
         return 1;
     }
@@ -70,21 +53,15 @@ int plock_wait_lock(int fd) {
 }
 
 int plock_unlock(int fd) {
-    struct flock lk;
-    if (lock_op(fd, F_SETLK, F_UNLCK, lk) == 0) return 0;
+    if (ks::sys::unlock_file(fd) == 0) return 0;
     ks::_get_kserrno().set(ks::E_SYSTEM);
     return -1;
 }
 
 int plock_get_pid(int fd, pid_t* pid) {
-    struct flock lk;
-    if (lock_op(fd, F_GETLK, F_WRLCK, lk) != 0) {
-        ks::_get_kserrno().set(ks::E_SYSTEM);
-        return -1;
-    }
-    if (lk.l_type == F_UNLCK) return 0;
-    if (pid) *pid = lk.l_pid;
-    return 1;
+    const int rc = ks::sys::lock_holder(fd, pid);
+    if (rc < 0) ks::_get_kserrno().set(ks::E_SYSTEM);
+    return rc;
 }
 
 int plock_is_locked(int fd) { return plock_get_pid(fd, nullptr); }

@@ -16,6 +16,8 @@
 #include <ksutils/kslog.h>
 #include <ksutils/miscutl.h>
 
+#include "kssys.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -62,53 +64,27 @@ void signal_stop_handler(int sig) {
     const int fd = g_stop_pipe_write.load();
     if (fd >= 0) {
         const char one = '1';
-        ssize_t n;
-        do {
-            n = ::write(fd, &one, 1);
-        } while (n < 0 && errno == EINTR);
+        (void)sys::write_full(fd, &one, 1);
     }
     errno = saved;
-}
-
-bool read_exact(int fd, void* out, size_t size, size_t& got) {
-    got = 0;
-    auto* p = static_cast<char*>(out);
-    while (got < size) {
-        const ssize_t n = ::read(fd, p + got, size - got);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        if (n == 0) return true;
-        got += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool write_exact(int fd, const void* data, size_t size) {
-    const auto* p = static_cast<const char*>(data);
-    while (size) {
-        const ssize_t n = ::write(fd, p, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
 }
 
 // Reads the detached process's start-up report: 0 when it started (end of file without a
 // report), -1 with the reported error, or -1 when the pipe could not be read.
 int read_report(int fd) {
     int32_t code = 0;
-    size_t got = 0;
-    if (!read_exact(fd, &code, sizeof code, got)) {
+    const ssize_t got = sys::read_full(fd, &code, sizeof code);
+    if (got < 0) {
         _get_kserrno().set(E_SYSTEM, "Failed to read the start-up report: {:s}", std::strerror(errno));
         return -1;
     }
     if (got == 0) return 0;
     int32_t saved_errno = 0;
     uint64_t length = 0;
-    if (got != sizeof code || !read_exact(fd, &saved_errno, sizeof saved_errno, got) || got != sizeof saved_errno ||
-        !read_exact(fd, &length, sizeof length, got) || got != sizeof length) {
+    auto read_exact = [fd](void* data, size_t size) {
+        return sys::read_full(fd, data, size) == static_cast<ssize_t>(size);
+    };
+    if (got != sizeof code || !read_exact(&saved_errno, sizeof saved_errno) || !read_exact(&length, sizeof length)) {
         _get_kserrno().set(E_FAULT, "The daemon's start-up report is incomplete");
         return -1;
     }
@@ -118,7 +94,7 @@ int read_report(int fd) {
         return -1;
     }
     std::string message(length, '\0');
-    if (!read_exact(fd, message.data(), message.size(), got) || got != length) {
+    if (!read_exact(message.data(), message.size())) {
         _get_kserrno().set(E_FAULT, "The daemon's start-up report is incomplete");
         return -1;
     }
@@ -364,8 +340,8 @@ void Instance::send_report() {
     if (message.size() > kMaxReportMessage) message.resize(kMaxReportMessage);
     const uint64_t length = message.size();
     // Four writes, as the launching process reads them.
-    write_exact(fd, &code, sizeof code) && write_exact(fd, &saved_errno, sizeof saved_errno) &&
-        write_exact(fd, &length, sizeof length) && write_exact(fd, message.data(), message.size());
+    sys::write_full(fd, &code, sizeof code) && sys::write_full(fd, &saved_errno, sizeof saved_errno) &&
+        sys::write_full(fd, &length, sizeof length) && sys::write_full(fd, message.data(), message.size());
 }
 
 // A detached process that cannot start reports why and leaves at once, without running

@@ -15,6 +15,8 @@
 #include <ksutils/kscrash.h>
 #include <ksutils/kslog.h>
 
+#include "kssys.h"
+
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
@@ -107,13 +109,9 @@ bool Instance::write_stop_byte(int fd) {
         return false;
     }
     const char one = '1';
-    for (;;) {
-        const ssize_t n = ::write(fd, &one, 1);
-        if (n == 1) return true;
-        if (n < 0 && errno == EINTR) continue;
-        KSLOG_ERROR(0, "write() error ({:d}) on fd {:d}", errno, fd);
-        return false;
-    }
+    if (ks::sys::write_full(fd, &one, 1)) return true;
+    KSLOG_ERROR(0, "write() error ({:d}) on fd {:d}", errno, fd);
+    return false;
 }
 
 void Instance::stop_notifications() {

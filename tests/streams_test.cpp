@@ -53,6 +53,8 @@ TEST(TranslateMode, FromModeText) {
     const std::pair<const char*, ios_base::openmode> cases[] = {
         {"", ios_base::in | ios_base::out},
         {"x", ios_base::in | ios_base::out},
+        {"b", ios_base::in | ios_base::out | ios_base::binary},
+        {"xb", ios_base::in | ios_base::out | ios_base::binary},
         {"r", ios_base::in},
         {"rb", ios_base::in | ios_base::binary},
         {"r+", ios_base::in | ios_base::out},

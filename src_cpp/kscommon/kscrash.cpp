@@ -13,6 +13,8 @@
 #include <ksutils/kslog.h>
 #include <ksutils/path.h>
 
+#include "kssys.h"
+
 #include <execinfo.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -86,14 +88,8 @@ public:
         return *this;
     }
     void flush() {
-        size_t done = 0;
-        while (done < used_ && ok_) {
-            ssize_t n = socket_ ? ::send(fd_, buf_ + done, used_ - done, MSG_NOSIGNAL)
-                                : ::write(fd_, buf_ + done, used_ - done);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) ok_ = false;
-            else done += static_cast<size_t>(n);
-        }
+        if (ok_ && used_ > 0)
+            ok_ = socket_ ? ks::sys::send_full(fd_, buf_, used_) : ks::sys::write_full(fd_, buf_, used_);
         used_ = 0;
     }
     bool ok() const { return ok_; }
@@ -160,12 +156,8 @@ void write_report(SafeWriter& out, int sig, const siginfo_t* info, const void* c
     const int maps = ::open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
     if (maps >= 0) {
         char chunk[2048];
-        for (;;) {
-            ssize_t n = ::read(maps, chunk, sizeof chunk);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
-            out.bytes(chunk, static_cast<size_t>(n));
-        }
+        ssize_t n;
+        while ((n = ks::sys::read_some(maps, chunk, sizeof chunk)) > 0) out.bytes(chunk, static_cast<size_t>(n));
         ::close(maps);
     }
     out.text("end of report\n");

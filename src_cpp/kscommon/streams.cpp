@@ -4,6 +4,8 @@
 #include <ksutils/streams.h>
 #include <ksutils/unique_fd.h>
 
+#include "kssys.h"
+
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -119,12 +121,8 @@ bool basic_memstream::read_file(ks::string_view path, bool reset_first) {
     }
     if (reset_first) reset();
     char chunk[4096];
-    for (;;) {
-        ssize_t n = ::read(fd.get(), chunk, sizeof chunk);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        buf_.sputn(chunk, n);
-    }
+    ssize_t n;
+    while ((n = sys::read_some(fd.get(), chunk, sizeof chunk)) > 0) buf_.sputn(chunk, n);
     return true;
 }
 
@@ -143,7 +141,7 @@ std::ios_base::openmode translate_mode(ks::string_view mode) noexcept {
             result = plus ? ios_base::in | ios_base::out | ios_base::trunc : ios_base::out | ios_base::trunc;
             break;
         case 'a': result = plus ? ios_base::in | ios_base::out | ios_base::app : ios_base::out | ios_base::app; break;
-        default: return ios_base::in | ios_base::out;
+        default: result = ios_base::in | ios_base::out; break;  // "b" alone is in + out + binary
     }
     if (mode.back() == 'b') result |= ios_base::binary;
     return result;
@@ -180,42 +178,20 @@ int open_flags(std::ios_base::openmode mode) noexcept {
 
 // ---- file locks ----------------------------------------------------------------------
 
-namespace {
-
-int fcntl_lock(int fd, int cmd, short type, struct flock& lk) {
-    lk = {};
-    lk.l_type = type;
-    lk.l_whence = SEEK_SET;
-    lk.l_start = 0;
-    lk.l_len = 0;
-    lk.l_pid = ::getpid();
-    int rc;
-    do {
-        rc = ::fcntl(fd, cmd, &lk);
-    } while (rc < 0 && errno == EINTR);
+int basic_fstream_base::lock() noexcept {
+    const int rc = sys::lock_file(fd(), false);
+    if (rc < 0) _get_kserrno().set(E_SYSTEM);
     return rc;
 }
 
-}  // namespace
-
-int basic_fstream_base::lock() noexcept {
-    struct flock lk;
-    if (fcntl_lock(fd(), F_SETLK, F_WRLCK, lk) == 0) return 1;
-    if (errno == EACCES || errno == EAGAIN) return 0;
-    _get_kserrno().set(E_SYSTEM);
-    return -1;
-}
-
 int basic_fstream_base::wait_lock() noexcept {
-    struct flock lk;
-    if (fcntl_lock(fd(), F_SETLKW, F_WRLCK, lk) == 0) return 1;
+    if (sys::lock_file(fd(), true) == 1) return 1;
     _get_kserrno().set(E_SYSTEM);
     return -1;
 }
 
 int basic_fstream_base::unlock() noexcept {
-    struct flock lk;
-    if (fcntl_lock(fd(), F_SETLK, F_UNLCK, lk) == 0) return 0;
+    if (sys::unlock_file(fd()) == 0) return 0;
     const int err = errno;
     _get_kserrno().set(E_SYSTEM);
     return err;
@@ -227,14 +203,11 @@ int basic_fstream_base::is_locked() noexcept {
 }
 
 int basic_fstream_base::is_locked(int& pid) noexcept {
-    struct flock lk;
-    if (fcntl_lock(fd(), F_GETLK, F_WRLCK, lk) != 0) {
-        _get_kserrno().set(E_SYSTEM);
-        return -1;
-    }
-    if (lk.l_type == F_UNLCK) return 0;
-    pid = lk.l_pid;
-    return 1;
+    pid_t holder = 0;
+    const int rc = sys::lock_holder(fd(), &holder);
+    if (rc < 0) _get_kserrno().set(E_SYSTEM);
+    if (rc == 1) pid = holder;
+    return rc;
 }
 
 // ---- basic_fstream<char> -------------------------------------------------------------

@@ -14,6 +14,7 @@
 #include <ksutils/unique_fd.h>
 #include <kswrite.h>
 
+#include "kssys.h"
 #include "storage_channel.h"
 
 #include <fcntl.h>
@@ -97,14 +98,11 @@ private:
             begin_ = 0;
         }
         if (end_ == buffer_.size()) buffer_.resize(buffer_.size() * 2);
-        for (;;) {
-            const ssize_t n = ::read(fd_, buffer_.data() + end_, buffer_.size() - end_);
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) return -1;
-            if (n == 0) eof_ = true;
-            end_ += static_cast<size_t>(n);
-            return 0;
-        }
+        const ssize_t n = ks::sys::read_some(fd_, buffer_.data() + end_, buffer_.size() - end_);
+        if (n < 0) return -1;
+        if (n == 0) eof_ = true;
+        end_ += static_cast<size_t>(n);
+        return 0;
     }
 
     int fd_;
