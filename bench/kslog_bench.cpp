@@ -1,7 +1,9 @@
 // What a log record costs, as ratios against baselines measured in the same run:
-//  - records per second to one encrypted file output, against the floor of the same
-//    per-record system calls made by hand (lock, open, seek, write, close, unlock) and
-//    against a ":stdout" output pointed at /dev/null;
+//  - records per second to one encrypted file output, against the floor of a writer that
+//    opens the file for every record (lock, open, seek, write, close, unlock: what a
+//    rotation-safe writer needs without a kept-open file), against the bare system calls
+//    of a kept-open writer (lock, stat, write, unlock) and against a ":stdout" output
+//    pointed at /dev/null;
 //  - a suppressed record (can_log false) in nanoseconds, against one uncontended
 //    reader-lock pair.
 // Files live in $TMPDIR (page cache), so the disk itself is not measured. Each figure is
@@ -91,6 +93,30 @@ double floor_rate(const std::string& dir, size_t block_size, bool writer_calls) 
     return result;
 }
 
+// The least a kept-open writer can do per record: lock, ask whether the path still names
+// the open file, write, unlock.
+double kept_open_rate(const std::string& dir, size_t block_size) {
+    const std::string base = dir + "/kept.";
+    const std::string current = base + "0";
+    int lock_fd = ::open((base + "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    int fd = ::open(current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    std::string block(block_size, 'b');
+    const double result = rate(kRecords, [&] {
+        struct flock lk = {};
+        lk.l_type = F_WRLCK;
+        ::fcntl(lock_fd, F_SETLKW, &lk);
+        struct stat st;
+        if (::stat(current.c_str(), &st) != 0) std::perror("stat");
+        if (static_cast<uint64_t>(st.st_size) >= kRotateAt && ::ftruncate(fd, 0) == 0) ::lseek(fd, 0, SEEK_SET);
+        if (::write(fd, block.data(), block.size()) < 0) std::perror("write");
+        lk.l_type = F_UNLCK;
+        ::fcntl(lock_fd, F_SETLK, &lk);
+    });
+    ::close(fd);
+    ::close(lock_fd);
+    return result;
+}
+
 double library_rate(int channel, int level) {
     const std::string text = sample_record();
     char buffer[4096];
@@ -138,12 +164,13 @@ int main() {
     // An encrypted block of the sample record: 5 bytes of type and length, then the
     // record padded to the next multiple of 16.
     const size_t block = 5 + (sample_record().size() / 16 + 1) * 16;
-    double floor = 0, floor_writer = 0, file = 0, console = 0, lock_pair = 1e9, suppressed = 1e9;
+    double floor = 0, floor_writer = 0, kept_open = 0, file = 0, console = 0, lock_pair = 1e9, suppressed = 1e9;
     pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
     volatile int sink = 0;
     for (int round = 0; round < kRounds; ++round) {
         floor = std::max(floor, floor_rate(root, block, false));
         floor_writer = std::max(floor_writer, floor_rate(root, block, true));
+        kept_open = std::max(kept_open, kept_open_rate(root, block));
         file = std::max(file, library_rate(file_channel, KSLOG_LEVEL_INFO));
 
         const int saved_stdout = ::dup(STDOUT_FILENO);
@@ -167,14 +194,15 @@ int main() {
     }
 
     std::printf("encrypted file output : %10.0f records/s\n", file);
-    std::printf("  floor (same syscalls): %10.0f records/s   library/floor   = %5.1f %%  (target >= 80 %%)\n", floor,
-                100.0 * file / floor);
-    std::printf("  floor + writer's own calls: %6.0f records/s   library/that    = %5.1f %%\n", floor_writer,
-                100.0 * file / floor_writer);
-    std::printf("  :stdout to /dev/null : %10.0f records/s   file/console    = %5.1f %%\n", console,
-                100.0 * file / console);
-    std::printf("suppressed record     : %10.1f ns          (target < 30 ns)\n", suppressed);
-    std::printf("  reader-lock pair     : %10.1f ns          suppressed/lock = %5.2f x\n", lock_pair,
+    std::printf("  floor (open per record): %8.0f records/s   library/floor     = %5.2f x  (goal >= 1.8)\n", floor,
+                file / floor);
+    std::printf("  floor + writer's calls: %9.0f records/s   library/that      = %5.2f x\n", floor_writer,
+                file / floor_writer);
+    std::printf("  bare kept-open writer: %10.0f records/s   library/kept-open = %5.2f x\n", kept_open,
+                file / kept_open);
+    std::printf("  :stdout to /dev/null : %10.0f records/s   file/console      = %5.2f x\n", console, file / console);
+    std::printf("suppressed record     : %10.1f ns          (goal <= 3 ns)\n", suppressed);
+    std::printf("  reader-lock pair     : %10.1f ns          suppressed/lock   = %5.2f x\n", lock_pair,
                 suppressed / lock_pair);
 
     kslog_uninit();

@@ -9,6 +9,7 @@
 #include <kscrypto.h>
 #include <kscryptolog.h>
 #include "kscryptolog_internal.h"
+#include "kssys.h"
 #include <kswrite.h>
 
 #include <ksutils/error.h>
@@ -18,7 +19,6 @@
 #include <mbedtls/platform_util.h>
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -75,40 +75,19 @@ uint32_t get_u32(const unsigned char* in) {
 }
 
 uint32_t header_pid(const unsigned char* header) { return get_u32(header + kPidOffset); }
-// getpid() is a system call and every record needs the id; it only changes in a child,
-// where the fork handler forgets the cached value (plain fork() included).
-std::atomic<uint32_t> g_own_pid{0};
-void forget_pid() { g_own_pid.store(0, std::memory_order_relaxed); }
-uint32_t own_pid() {
-    uint32_t pid = g_own_pid.load(std::memory_order_relaxed);
-    if (pid == 0) {
-        static const int registered = pthread_atfork(nullptr, nullptr, forget_pid);
-        (void)registered;
-        pid = static_cast<uint32_t>(::getpid());
-        g_own_pid.store(pid, std::memory_order_relaxed);
-    }
-    return pid;
-}
-
 // Rewrites the first bytes of a file that already has content without moving its position.
 // O_APPEND would send a positioned write to the end, so it is lifted for the one write.
 bool overwrite_at_start(int fd, const unsigned char* data, size_t size) {
     const int flags = ::fcntl(fd, F_GETFL);
     if (flags < 0) return false;
     if ((flags & O_APPEND) && ::fcntl(fd, F_SETFL, flags & ~O_APPEND) < 0) return false;
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = ::pwrite(fd, data + done, size - done, static_cast<off_t>(done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += static_cast<size_t>(n);
-    }
+    const bool done = ks::sys::pwrite_full(fd, data, size, 0);
     if (flags & O_APPEND) {
         const int saved = errno;
         ::fcntl(fd, F_SETFL, flags);
         errno = saved;
     }
-    return done == size;
+    return done;
 }
 
 // Draws a key and wraps it before installing either, so a failure leaves the writer with a
@@ -134,19 +113,12 @@ int new_key(crypto_log_writer* writer) {
 // Reads exactly `size` bytes: 1 when done, 0 at a clean end of file before the first byte,
 // -1 on an error or an end of file in the middle (errno 0 then).
 int read_exact(int fd, unsigned char* data, size_t size) {
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = ::read(fd, data + done, size - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return -1;
-        if (n == 0) {
-            if (done == 0) return 0;
-            errno = 0;
-            return -1;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return 1;
+    const ssize_t n = ks::sys::read_full(fd, data, size);
+    if (n < 0) return -1;
+    if (static_cast<size_t>(n) == size) return 1;
+    if (n == 0) return 0;
+    errno = 0;
+    return -1;
 }
 
 int read_failure(const char* what, unsigned long long offset) {
@@ -194,21 +166,27 @@ int crypto_log_writer_regen_sym_key(crypto_log_writer* writer) {
 void crypto_log_writer_free(crypto_log_writer* writer) { delete writer; }
 
 int crypto_log_writer_encrypt(crypto_log_writer* writer, int fd, const char* record, size_t length) {
-    return crypto_log_writer_encrypt_at(writer, fd, record, length, ::lseek(fd, 0, SEEK_CUR));
+    return crypto_log_writer_encrypt_at(writer, fd, record, length, ::lseek(fd, 0, SEEK_CUR), nullptr) < 0 ? -1 : 0;
 }
 
-int crypto_log_writer_encrypt_at(crypto_log_writer* writer, int fd, const char* record, size_t length,
-                                 off_t position) {
+ssize_t crypto_log_writer_encrypt_at(crypto_log_writer* writer, int fd, const char* record, size_t length,
+                                     off_t position, bool* header_ours) {
     if (!writer || writer->public_key_path.empty() || !record) {
         ks::_get_kserrno().set(ks::E_INVAL, "log writer without a key or record");
         return -1;
     }
-    unsigned char header[CRYPTO_LOG_HEADER_SIZE];
-    if (crypto_log_layout_read_header(fd, header) != 0) return -1;
-    if (crypto_log_layout_is_valid_header(header) != 0) {
-        ks::_get_kserrno().set(ks::E_INVAL, "not an encrypted log file");
-        return -1;
+    const uint32_t self = static_cast<uint32_t>(ks::sys::current_pid());
+    bool ours = header_ours && *header_ours;
+    if (!ours) {
+        unsigned char header[CRYPTO_LOG_HEADER_SIZE];
+        if (crypto_log_layout_read_header(fd, header) != 0) return -1;
+        if (crypto_log_layout_is_valid_header(header) != 0) {
+            ks::_get_kserrno().set(ks::E_INVAL, "not an encrypted log file");
+            return -1;
+        }
+        ours = header_pid(header) == self;
     }
+    if (header_ours) *header_ours = ours;
 
     unsigned char ciphertext[kMaxCiphertext];
     unsigned char iv[AES_IV_SIZE] = {};  // every record starts from a zero IV
@@ -219,19 +197,22 @@ int crypto_log_writer_encrypt_at(crypto_log_writer* writer, int fd, const char* 
         return -1;
 
     int rc;
-    if (header_pid(header) != own_pid()) {
+    bool with_key = true;
+    if (!ours) {
         // Another process wrote last: our records need our key in front of them again.
         rc = crypto_log_writer_write_with_key(writer, fd, ciphertext, size);
         // The record is in either way; should the header keep the other pid, our next
         // record simply carries the key again.
-        if (rc == 0) crypto_log_layout_write_header(fd);
+        if (rc == 0 && crypto_log_layout_write_header(fd) == 0 && header_ours) *header_ours = true;
     } else if (!writer->key_is_new && position > static_cast<off_t>(CRYPTO_LOG_HEADER_SIZE)) {
+        with_key = false;
         rc = crypto_log_writer_write_without_key(writer, fd, ciphertext, size);
     } else {
         rc = crypto_log_writer_write_with_key(writer, fd, ciphertext, size);
     }
-    if (rc == 0) writer->key_is_new = false;
-    return rc;
+    if (rc != 0) return -1;
+    writer->key_is_new = false;
+    return static_cast<ssize_t>((with_key ? kBlockHead + RSA_BLOCK_SIZE : 0) + kBlockHead + size);
 }
 
 int crypto_log_writer_write_with_key(crypto_log_writer* writer, int fd, const unsigned char* ciphertext,
@@ -278,7 +259,7 @@ int crypto_log_layout_write_header(int fd) {
     unsigned char header[CRYPTO_LOG_HEADER_SIZE] = {};
     std::memcpy(header, kMagic, sizeof kMagic);
     header[4] = kVersion;
-    put_u32(header + kPidOffset, own_pid());
+    put_u32(header + kPidOffset, static_cast<uint32_t>(ks::sys::current_pid()));
 
     const off_t position = ::lseek(fd, 0, SEEK_CUR);
     if (position < 0) {
@@ -302,19 +283,14 @@ int crypto_log_layout_write_header(int fd) {
 
 int crypto_log_layout_read_header(int fd, unsigned char header[CRYPTO_LOG_HEADER_SIZE]) {
     if (!header) return -1;
-    size_t done = 0;
-    while (done < CRYPTO_LOG_HEADER_SIZE) {
-        ssize_t n = ::pread(fd, header + done, CRYPTO_LOG_HEADER_SIZE - done, static_cast<off_t>(done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            ks::_get_kserrno().set(ks::E_SYSTEM, "cannot read the log header: {:s}", std::strerror(errno));
-            return -1;
-        }
-        if (n == 0) {
-            ks::_get_kserrno().set(ks::E_INVAL, "log file shorter than its header");
-            return -1;
-        }
-        done += static_cast<size_t>(n);
+    const ssize_t n = ks::sys::pread_full(fd, header, CRYPTO_LOG_HEADER_SIZE, 0);
+    if (n < 0) {
+        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot read the log header: {:s}", std::strerror(errno));
+        return -1;
+    }
+    if (n < static_cast<ssize_t>(CRYPTO_LOG_HEADER_SIZE)) {
+        ks::_get_kserrno().set(ks::E_INVAL, "log file shorter than its header");
+        return -1;
     }
     return 0;
 }
@@ -449,16 +425,10 @@ int crypto_log_reader_decrypt(crypto_log_reader* reader, int out_fd, int in_fd) 
                 result = -1;
                 break;
             }
-            size_t done = 0;
-            while (done < plain_length) {
-                ssize_t n = ::write(out_fd, plain + done, plain_length - done);
-                if (n < 0 && errno == EINTR) continue;
-                if (n <= 0) break;
-                done += static_cast<size_t>(n);
-            }
+            const bool done = ks::sys::write_full(out_fd, plain, plain_length);
             const int saved = errno;
             std::free(plain);
-            if (done < plain_length) {
+            if (!done) {
                 ks::_get_kserrno().set(ks::E_SYSTEM, "cannot write the plain text: {:s}", std::strerror(saved));
                 result = -1;
                 break;

@@ -323,6 +323,43 @@ TEST_F(LoggerTest, ProcessesShareARotatingFile) {
     EXPECT_LT(total, 1200u) << "the test meant to rotate";
 }
 
+// The log file stays open between records: a current file removed by another hand is
+// made again at the next record, and children that inherit the open file share it with
+// the parent through rotations, every record whole and in order.
+TEST_F(LoggerTest, KeptOpenFileFollowsRemovalRotationAndForks) {
+    start();
+    ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"ko","level":"info","size":16384,"num":2}]}})"),
+              0);
+    const std::string base = root / "var/log/kstestd.ko.";
+    for (int i = 0; i < 20; ++i) kslogtest::log(0, 2, numbered(0, i));
+    ASSERT_EQ(::unlink((base + "0").c_str()), 0);
+    for (int i = 20; i < 40; ++i) kslogtest::log(0, 2, numbered(0, i));
+    EXPECT_EQ(count_whole_records(base + "0", root.private_key()), 20u);
+
+    std::vector<pid_t> children;
+    for (int p = 1; p <= 3; ++p) {
+        const pid_t pid = ksfork();
+        if (pid == 0) {
+            for (int i = 0; i < (p == 1 ? 20 : 300); ++i) kslogtest::log(0, 2, numbered(p, i));
+            ::_exit(0);
+        }
+        // The first child writes alone, right after the parent's last record.
+        if (pid > 0 && p == 1) {
+            EXPECT_EQ(exit_status(pid), 0);
+            EXPECT_EQ(count_whole_records(base + "0", root.private_key()), 40u);
+        } else if (pid > 0) {
+            children.push_back(pid);
+        }
+    }
+    for (int i = 40; i < 340; ++i) kslogtest::log(0, 2, numbered(0, i));
+    for (pid_t pid : children) EXPECT_EQ(exit_status(pid), 0);
+    EXPECT_LT(file_size(base + "2"), 0);
+    const size_t total =
+        count_whole_records(base + "1", root.private_key()) + count_whole_records(base + "0", root.private_key());
+    EXPECT_GT(total, 0u);
+    EXPECT_LT(total, 1200u) << "the test meant to rotate";
+}
+
 // A child forked while another thread holds the table lock can still log.
 TEST_F(LoggerTest, ForkedChildCanLogWhileAParentThreadHeldTheLocks) {
     start();

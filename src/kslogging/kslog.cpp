@@ -1,12 +1,19 @@
 // The log core: a process-wide table of named channels, each fanning a record out to at
 // most eight outputs (standard output, standard error or an encrypted rotating file).
 //
-// File outputs are shared objects: every channel writing to the same base path uses one
-// object with one mutex (threads of this process) and one lock file (other processes).
-// A log file is opened and closed for every record so that a rotation made by another
-// process is always seen. One reader-writer lock guards both tables; logging takes it for
-// reading, configuration for writing. The lock is never destroyed, so a thread that races
-// with the last kslog_uninit finds empty tables rather than a dead lock.
+// File outputs are shared objects: every channel writing to the same base path holds a
+// handle to one object with one mutex (threads of this process) and one lock file (other
+// processes); the object, its lock file and its open log file go with the last handle.
+// One reader-writer lock guards the tables; configuration takes it for writing, a record
+// for reading. The lock is never destroyed, so a thread that races with the last
+// kslog_uninit finds empty tables rather than a dead lock.
+//
+// Two cheaper mechanisms stand in for the obvious ones on the record path, each deciding
+// exactly as the obvious one would:
+//  - A log file stays open between records, and each record asks stat() under the
+//    cross-process lock whether the path still names it (see write_file_record).
+//  - Whether a record passes a channel's level is read from a per-channel snapshot of the
+//    maximum level, without the table lock (see publish_levels).
 #include "kslog_core.h"
 
 #include <kscryptolog.h>
@@ -14,6 +21,9 @@
 #include <ksfork.h>
 #include <kspath.h>
 #include <kswrite.h>
+#include <ksutils/unique_fd.h>
+
+#include "kssys.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -29,25 +39,43 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
+#include <vector>
 
 namespace kslog_detail {
 namespace {
 
 struct shared_file {
+    explicit shared_file(const std::string& path) : base(path) {}
+    ~shared_file() { pthread_mutex_destroy(&mutex); }
+    shared_file(const shared_file&) = delete;
+    shared_file& operator=(const shared_file&) = delete;
+
     std::string base;     // ":stdout", ":stderr" or a file path ending with '.'
     std::string current;  // base followed by "0"
     uint64_t max_size = kMaxLogSize;
     uint64_t num_files = kMaxNumLogs;
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    int lock_fd = -1;
+    ks::unique_fd lock_fd;
     int console_fd = -1;  // 1 or 2 for console outputs
-    int refs = 0;
+
+    // The current log file, kept open between records, and what is known of it. The
+    // knowledge belongs to the process that gathered it: a forked child shares the
+    // descriptor but not the header's process id, and starts over.
+    ks::unique_fd log_fd;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    pid_t known_by = 0;
+    off_t end = -1;            // where our last record ended; -1 unknown
+    bool header_ours = false;  // the header names this process (valid while end is the size)
 };
+
+using file_handle = std::shared_ptr<shared_file>;
 
 struct output {
     std::string spec;
     int level = KSLOG_LEVEL_ERROR;
-    shared_file* file = nullptr;
+    file_handle file;
 };
 
 struct channel {
@@ -68,16 +96,17 @@ struct core_state {
     std::string num_source;
     channel channels[kMaxChannels];
     int num_channels = 0;
-    shared_file* files[kMaxFiles] = {};
-    int num_files = 0;
+    // Every live file object, for sharing by base path; the outputs own them.
+    std::vector<std::weak_ptr<shared_file>> files;
     crypto_log_writer* writer = nullptr;
 };
 
 core_state g_state;
 std::atomic<int> g_init_count{0};
-// getpid() is a system call; the id only changes in a child, where the fork handler below
-// clears it.
-std::atomic<pid_t> g_pid{0};
+// Each channel's maximum level plus one, 0 when it writes nothing (closed, not in use,
+// beyond the table, core not initialised). Stored only by a writer of the table, just
+// before it lets go of the lock.
+std::atomic<int> g_levels[kMaxChannels];
 pthread_mutex_t g_init_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_rwlock_t g_table_lock = PTHREAD_RWLOCK_INITIALIZER;
 
@@ -93,10 +122,28 @@ public:
     read_guard& operator=(const read_guard&) = delete;
 };
 
+// Why the snapshot decides as the read-locked check would: the read-locked check sees the
+// table as the last writer left it at its unlock. Every writer stores the snapshot of every
+// channel before that unlock, so a check that begins after a writer's unlock sees that
+// writer's values, and a check that overlaps a writer sees the values from before or after
+// it, which are the two answers the locked check could give depending on who took the
+// lock first. A writer's half-done changes are never stored. A record that passes the
+// snapshot is checked once more under the read lock before it is written.
+void publish_levels() {
+    for (int ch = 0; ch < kMaxChannels; ++ch) {
+        const channel& c = g_state.channels[ch];
+        const int value = ch < g_state.num_channels && c.enabled ? c.max_level + 1 : 0;
+        g_levels[ch].store(value, std::memory_order_release);
+    }
+}
+
 class write_guard {
 public:
     write_guard() { pthread_rwlock_wrlock(&g_table_lock); }
-    ~write_guard() { pthread_rwlock_unlock(&g_table_lock); }
+    ~write_guard() {
+        publish_levels();
+        pthread_rwlock_unlock(&g_table_lock);
+    }
     write_guard(const write_guard&) = delete;
     write_guard& operator=(const write_guard&) = delete;
 };
@@ -141,24 +188,21 @@ bool make_parent_dirs(const std::string& path) {
     return true;
 }
 
-shared_file* find_file(const std::string& base) {
-    for (int i = 0; i < g_state.num_files; ++i)
-        if (g_state.files[i]->base == base) return g_state.files[i];
+file_handle find_file(const std::string& base) {
+    for (const auto& entry : g_state.files) {
+        file_handle file = entry.lock();
+        if (file && file->base == base) return file;
+    }
     return nullptr;
 }
 
-void destroy_file(shared_file* file) {
-    if (file->lock_fd >= 0) ::close(file->lock_fd);
-    pthread_mutex_destroy(&file->mutex);
-    delete file;
-}
-
-// A new file object with no references; null when the table is full or its directories
-// or lock file cannot be made.
-shared_file* create_file(const std::string& base) {
-    if (g_state.num_files >= kMaxFiles) return nullptr;
-    auto* file = new shared_file;
-    file->base = base;
+// A new file object; null when kMaxFiles objects are alive or its directories or lock
+// file cannot be made.
+file_handle create_file(const std::string& base) {
+    auto& files = g_state.files;
+    files.erase(std::remove_if(files.begin(), files.end(), [](const auto& f) { return f.expired(); }), files.end());
+    if (files.size() >= static_cast<size_t>(kMaxFiles)) return nullptr;
+    auto file = std::make_shared<shared_file>(base);
     file->max_size = g_state.max_size;
     file->num_files = g_state.max_num;
     if (base == ":stdout" || base == ":stderr") {
@@ -166,27 +210,12 @@ shared_file* create_file(const std::string& base) {
     } else {
         file->current = base + "0";
         const std::string lock_path = base + "lock";
-        if (base[0] != '/' || !make_parent_dirs(base) ||
-            (file->lock_fd = ::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) < 0) {
-            destroy_file(file);
-            return nullptr;
-        }
+        if (base[0] != '/' || !make_parent_dirs(base)) return nullptr;
+        file->lock_fd.reset(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        if (!file->lock_fd) return nullptr;
     }
-    g_state.files[g_state.num_files++] = file;
+    files.push_back(file);
     return file;
-}
-
-// Drops one reference; the last one closes the lock file and frees the slot by moving the
-// table's last entry into it.
-void release_file(shared_file* file) {
-    if (--file->refs > 0) return;
-    for (int i = 0; i < g_state.num_files; ++i) {
-        if (g_state.files[i] != file) continue;
-        g_state.files[i] = g_state.files[--g_state.num_files];
-        g_state.files[g_state.num_files] = nullptr;
-        break;
-    }
-    destroy_file(file);
 }
 
 void update_max_level(channel& c) {
@@ -196,10 +225,7 @@ void update_max_level(channel& c) {
 }
 
 void release_outputs(channel& c) {
-    for (int i = 0; i < c.num_outputs; ++i) {
-        if (c.outputs[i].file) release_file(c.outputs[i].file);
-        c.outputs[i] = output{};
-    }
+    for (int i = 0; i < c.num_outputs; ++i) c.outputs[i] = output{};
     c.num_outputs = 0;
 }
 
@@ -213,7 +239,7 @@ int add_output(int ch, const char* spec, int level, uint64_t size, uint64_t num)
     output* existing = nullptr;
     for (int i = 0; i < c.num_outputs; ++i)
         if (c.outputs[i].file && c.outputs[i].file->base == base) existing = &c.outputs[i];
-    shared_file* file = existing ? existing->file : find_file(base);
+    file_handle file = existing ? existing->file : find_file(base);
     if (!existing) {
         if (c.num_outputs >= kMaxOutputs) return -1;
         const bool created = file == nullptr;
@@ -222,7 +248,6 @@ int add_output(int ch, const char* spec, int level, uint64_t size, uint64_t num)
             file->max_size = clamp_size(size ? size : g_state.max_size);
             file->num_files = clamp_num(num ? num : g_state.max_num);
         }
-        ++file->refs;
         existing = &c.outputs[c.num_outputs++];
         existing->file = file;
     }
@@ -255,10 +280,7 @@ int append_channel(const char* name) {
 
 void copy_outputs(channel& dst, const channel& src) {
     release_outputs(dst);
-    for (int i = 0; i < src.num_outputs; ++i) {
-        dst.outputs[i] = src.outputs[i];
-        if (dst.outputs[i].file) ++dst.outputs[i].file->refs;
-    }
+    for (int i = 0; i < src.num_outputs; ++i) dst.outputs[i] = src.outputs[i];
     dst.num_outputs = src.num_outputs;
     dst.max_level = src.max_level;
 }
@@ -269,12 +291,7 @@ void clear_tables() {
         g_state.channels[i] = channel{};
     }
     g_state.num_channels = 0;
-    // Objects still referenced here would be a bookkeeping bug; free them anyway.
-    for (int i = 0; i < g_state.num_files; ++i) {
-        destroy_file(g_state.files[i]);
-        g_state.files[i] = nullptr;
-    }
-    g_state.num_files = 0;
+    g_state.files.clear();
 }
 
 // The date-time text of the second `now`, cached per thread: localtime_r takes a global
@@ -292,17 +309,6 @@ const char* datetime_text(time_t now) {
     return cached_text;
 }
 
-pid_t own_pid() {
-    pid_t pid = g_pid.load(std::memory_order_relaxed);
-    if (pid == 0) {
-        pid = ::getpid();
-        g_pid.store(pid, std::memory_order_relaxed);
-    }
-    return pid;
-}
-
-void forget_pid_in_child() { g_pid.store(0, std::memory_order_relaxed); }
-
 // Overwrites the 37-character template at the start of `buffer` with
 // "%19s.%03d %6d %5s" (date-time, milliseconds, process id, level word) and a space;
 // false when the stamped header would not fit (a process id of seven digits or more).
@@ -312,7 +318,7 @@ bool stamp_header(char* buffer, int level) {
     thread_local pid_t cached_pid = 0;
     thread_local char pid_text[16];
     thread_local int pid_length = 0;
-    const pid_t pid = own_pid();
+    const pid_t pid = ks::sys::current_pid();
     if (pid != cached_pid) {
         pid_length = std::snprintf(pid_text, sizeof pid_text, "%6d", static_cast<int>(pid));
         cached_pid = pid;
@@ -341,23 +347,6 @@ bool stamp_header(char* buffer, int level) {
     return true;
 }
 
-// Takes (true) or tries for (false, on any error but EINTR) the cross-process write lock.
-bool lock_file(int fd) {
-    struct flock lk = {};
-    lk.l_type = F_WRLCK;
-    lk.l_whence = SEEK_SET;
-    for (;;) {
-        if (::fcntl(fd, F_SETLKW, &lk) == 0) return true;
-        if (errno != EINTR) return false;
-    }
-}
-
-void unlock_file(int fd) {
-    struct flock lk = {};
-    lk.l_type = F_UNLCK;
-    lk.l_whence = SEEK_SET;
-    ::fcntl(fd, F_SETLK, &lk);
-}
 
 // B(N-1) is deleted, then B(i-1) becomes B(i) from the oldest down.
 void rotate(const shared_file& file) {
@@ -374,31 +363,67 @@ void rotate(const shared_file& file) {
     }
 }
 
-int open_current(const shared_file& file) {
-    return ::open(file.current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+// Opens the path's current file and learns which file it is; false when it cannot be opened.
+bool reopen(shared_file& file, struct stat& st) {
+    file.log_fd.reset(::open(file.current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    file.end = -1;
+    file.header_ours = false;
+    if (file.log_fd && ::fstat(file.log_fd.get(), &st) == 0) {
+        file.dev = st.st_dev;
+        file.ino = st.st_ino;
+        return true;
+    }
+    file.log_fd.reset();
+    return false;
 }
 
-// One record into one log file, under the file's mutex.
+// One record into one log file, under the file's mutex and the cross-process lock.
+//
+// The file stays open between records; what a fresh open(), lseek(SEEK_END) and read of the
+// header would learn is learnt more cheaply, with the same answers:
+//  - Which file: stat() of the path. Our open descriptor keeps its inode alive, so no other
+//    file can carry its device and inode numbers; equal numbers mean the path still names
+//    our file, otherwise (another process rotated or removed it) the path is opened again.
+//  - The size: from the same stat(), taken under the lock that every writer of the file
+//    holds while it writes, so it is the end that lseek would give.
+//  - Whose key the file carries: every change to a log file is made under that lock and
+//    moves its size (records are appended, a failed write is cut back to where it began,
+//    a rotation makes another file), and a header is only rewritten together with a
+//    record. So while the size is where our own last record ended, the header is as we
+//    left it and our descriptor's position is still the end; only when it is not is the
+//    position set and the header read again.
 void write_file_record(shared_file& file, const char* record, size_t length) {
-    const bool locked = lock_file(file.lock_fd);
-    int fd = open_current(file);
-    if (fd >= 0) {
-        off_t size = ::lseek(fd, 0, SEEK_END);
-        bool fresh = size == 0;
-        if (locked && size >= 0 && static_cast<uint64_t>(size) >= file.max_size) {
-            rotate(file);
-            ::close(fd);
-            fd = open_current(file);
-            fresh = true;
-        }
-        if (fd >= 0) {
-            // The header writer restores the position it found; records go after it.
-            if (fresh && crypto_log_layout_write_header(fd) == 0) size = ::lseek(fd, 0, SEEK_END);
-            if (g_state.writer) crypto_log_writer_encrypt_at(g_state.writer, fd, record, length, size);
-            ::close(fd);
-        }
+    const bool locked = ks::sys::lock_file(file.lock_fd.get(), true) == 1;
+    const pid_t self = ks::sys::current_pid();
+    if (file.known_by != self || !locked) {
+        file.known_by = self;
+        file.end = -1;
+        file.header_ours = false;
     }
-    if (locked) unlock_file(file.lock_fd);
+    struct stat st;
+    bool ready = file.log_fd && ::stat(file.current.c_str(), &st) == 0 && st.st_dev == file.dev &&
+                 st.st_ino == file.ino;
+    if (!ready) ready = reopen(file, st);
+    if (ready && locked && static_cast<uint64_t>(st.st_size) >= file.max_size) {
+        rotate(file);
+        ready = reopen(file, st);
+    }
+    if (ready) {
+        off_t size = st.st_size;
+        if (size != file.end) {
+            file.header_ours = false;
+            ready = ::lseek(file.log_fd.get(), size, SEEK_SET) == size;
+            // The header writer restores the position it found; records go after it.
+            if (ready && size == 0 && crypto_log_layout_write_header(file.log_fd.get()) == 0)
+                size = ::lseek(file.log_fd.get(), 0, SEEK_END);
+        }
+        ssize_t appended = -1;
+        if (ready && g_state.writer)
+            appended = crypto_log_writer_encrypt_at(g_state.writer, file.log_fd.get(), record, length, size,
+                                                    &file.header_ours);
+        file.end = appended >= 0 && locked ? size + appended : -1;
+    }
+    if (locked) ks::sys::unlock_file(file.lock_fd.get());
 }
 
 void emit(const channel& c, int level, const char* record, size_t length) {
@@ -420,7 +445,8 @@ void reinit_locks_in_child() {
     if (!initialized()) return;
     pthread_rwlock_init(&g_table_lock, nullptr);
     pthread_mutex_init(&g_init_mutex, nullptr);
-    for (int i = 0; i < g_state.num_files; ++i) pthread_mutex_init(&g_state.files[i]->mutex, nullptr);
+    for (const auto& entry : g_state.files)
+        if (file_handle file = entry.lock()) pthread_mutex_init(&file->mutex, nullptr);
 }
 
 void fail_init() {
@@ -476,24 +502,19 @@ int apply_plan(const update_plan& plan, std::string& error) {
     }
     // Phase one: pin a file object for every output, creating directories and lock
     // files, before any channel changes.
-    std::vector<shared_file*> pinned;
-    auto unpin = [&pinned] {
-        for (shared_file* f : pinned) release_file(f);
-    };
+    std::vector<file_handle> pinned;
     for (const planned_channel& pc : plan.channels) {
         for (const planned_output& po : pc.outputs) {
             std::string base;
-            shared_file* file = nullptr;
+            file_handle file;
             if (resolve_output(po.spec.c_str(), g_state.identity, g_state.install_path, base))
                 file = find_file(base);
             if (!file && !base.empty()) file = create_file(base);
             if (!file) {
-                unpin();
                 error = "Cannot open output '" + po.spec + "' of channel '" + pc.name + "'.";
                 return -1;
             }
-            ++file->refs;
-            pinned.push_back(file);
+            pinned.push_back(std::move(file));
         }
     }
     // Phase two: nothing below can fail for want of a file object.
@@ -514,7 +535,6 @@ int apply_plan(const update_plan& plan, std::string& error) {
         for (const planned_output& po : pc.outputs) add_output(ch, po.spec.c_str(), po.level, po.size, po.num);
         update_max_level(c);
     }
-    unpin();
     return 0;
 }
 
@@ -597,9 +617,6 @@ int kslog_init(const char* executable_path, const char* install_path, const char
     apply_startup_config(startup_config);
     kslog_print_settings();
     kslib_atfork(reinit_locks_in_child);
-    // Every fork, not only those made through ksfork, must renew the cached process id.
-    static const int pid_handler = pthread_atfork(nullptr, nullptr, forget_pid_in_child);
-    (void)pid_handler;
     return 0;
 }
 
@@ -674,9 +691,9 @@ int kslog_channel_get_by_name(const char* name) {
 }
 
 int kslog_can_log(int ch, int level) {
-    if (!initialized()) return 0;
-    read_guard guard;
-    return can_log_locked(ch, level) ? 1 : 0;
+    if (ch < 0 || ch >= kMaxChannels) return 0;
+    const int limit = g_levels[ch].load(std::memory_order_acquire);
+    return limit > 0 && level < limit ? 1 : 0;
 }
 
 int kschlog_get_max_level(int ch) {
@@ -699,7 +716,7 @@ uint64_t kslog_get_max_num_logs(void) {
 
 void kslog_log_full(int ch, int level, char* buffer, size_t length) {
     if (!buffer || length < KSLOG_HEADER_SIZE || !initialized()) return;
-    if (level < KSLOG_LEVEL_ERROR || level > KSLOG_LEVEL_TRACE) return;
+    if (level < KSLOG_LEVEL_ERROR || level > KSLOG_LEVEL_TRACE || !kslog_can_log(ch, level)) return;
     read_guard guard;
     if (!can_log_locked(ch, level)) return;
     if (!stamp_header(buffer, level)) return;
