@@ -143,9 +143,11 @@ uint64_t replyPayloadSize(uint32_t command, int64_t result) noexcept {
 
 void appendResult(std::string& out, int64_t result) { appendRaw(out, &result, sizeof result); }
 
-void appendValueReply(std::string& out, ks::string_view value) {
-    appendResult(out, static_cast<int64_t>(value.size()));
-    out.append(value.data(), value.size());
+unsigned char* appendValueReply(std::string& out, size_t size) {
+    appendResult(out, static_cast<int64_t>(size));
+    const size_t at = out.size();
+    out.resize(at + size);
+    return reinterpret_cast<unsigned char*>(&out[at]);
 }
 
 void appendNodeInfoReply(std::string& out, const storage::NodeInfo& info) {

@@ -123,7 +123,9 @@ struct Reply {
 
 KS_EXPORT void appendResult(std::string& out, int64_t result);
 // Result plus payload, as the server sends them.
-KS_EXPORT void appendValueReply(std::string& out, ks::string_view value);
+// The value reply is appended with room for `size` value bytes, which the caller fills in
+// place through the returned pointer (no copy of the value on the way out).
+KS_EXPORT unsigned char* appendValueReply(std::string& out, size_t size);
 KS_EXPORT void appendNodeInfoReply(std::string& out, const storage::NodeInfo& info);
 KS_EXPORT void appendNamesReply(std::string& out, const std::vector<std::string>& names);
 KS_EXPORT void appendDebugInfoReply(std::string& out, const storage::DebugInfo& info);
