@@ -109,7 +109,7 @@ TEST_F(LogReaderTool, HelpAndUsageErrors) {
     } cases[] = {{"", "no private key"},
                  {key, "no log file"},
                  {"--bogus " + log, "unknown option"},
-                 {"-k", "requires an argument"},
+                 {"-k", "you must specify a value"},
                  {quoted(root.public_key()) + " " + log, "cannot load the private key"},
                  {quoted(root / "nokey.pem") + " " + log, "cannot load the private key"}};
     for (const auto& c : cases) {

@@ -5,6 +5,7 @@
 // does not match is reported on standard error with the file's name after everything
 // readable in it has been printed; the remaining files are still read, and the exit status
 // tells that something was lost.
+#include <ksutils/cmdline.h>
 #include <ksutils/crypto.h>
 #include <ksutils/error.h>
 #include <ksutils/unique_fd.h>
@@ -26,6 +27,10 @@ constexpr int kExitUsage = 2;
 
 const char* program = "kslogreader";
 
+// A lone "-" names standard input, but the parser would take it for an option: it is handed
+// to the parser as this empty argument, recognised afterwards by its address.
+const char kStandardInput[] = "";
+
 void print_help(FILE* out) {
     std::fprintf(out,
                  "Usage: %s [-k PRIVATE_KEY | PRIVATE_KEY] LOGFILE...\n"
@@ -33,19 +38,17 @@ void print_help(FILE* out) {
                  "Decrypts encrypted log files and writes their plain records to standard output.\n"
                  "Give the files of one output oldest first (e.g. name.1 then name.0) to read them\n"
                  "in the order they were written; \"-\" reads a log file from standard input.\n"
-                 "\n"
-                 "Options:\n"
-                 "  -k, --key FILE   the RSA private key (PEM or DER) matching the device's log\n"
-                 "                   public key; without -k the first argument is the key\n"
-                 "  -h, --help       show this help and exit\n"
-                 "\n"
-                 "A file with a bad header, a truncated or corrupt block, or records written for\n"
-                 "another key is reported on standard error with its name, after everything\n"
-                 "readable in it has been printed; the other files are still read.\n"
-                 "\n"
-                 "Exit status: 0 when every file was read completely, 1 when any file could not\n"
-                 "be read completely, 2 for a usage error or an unusable key.\n",
+                 "\n",
                  program);
+    ks::cl::print_help(out);
+    std::fputs("\n"
+               "A file with a bad header, a truncated or corrupt block, or records written for\n"
+               "another key is reported on standard error with its name, after everything\n"
+               "readable in it has been printed; the other files are still read.\n"
+               "\n"
+               "Exit status: 0 when every file was read completely, 1 when any file could not\n"
+               "be read completely, 2 for a usage error or an unusable key.\n",
+               out);
 }
 
 int usage_error(const char* message, const char* argument = nullptr) {
@@ -60,7 +63,8 @@ int usage_error(const char* message, const char* argument = nullptr) {
 std::string last_error() { return std::string(ks::_get_kserrno().message_view()); }
 
 // Decrypts one file to standard output; false (after reporting it) when anything was lost.
-bool read_log(ks::CryptoLogReader& reader, const std::string& name) {
+bool read_log(ks::CryptoLogReader& reader, ks::string_view argument) {
+    const std::string name = argument.data() == kStandardInput ? "-" : std::string(argument);
     ks::unique_fd owned;
     int fd = STDIN_FILENO;
     if (name != "-") {
@@ -85,30 +89,25 @@ int main(int argc, char** argv) {
         program = slash ? slash + 1 : argv[0];
     }
 
-    std::string key;
-    std::vector<std::string> files;
-    bool options_done = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (!options_done && (arg == "-h" || arg == "--help")) {
-            print_help(stdout);
-            return kExitOk;
-        }
-        if (!options_done && (arg == "-k" || arg == "--key")) {
-            if (i + 1 >= argc) return usage_error("option requires an argument", arg.c_str());
-            key = argv[++i];
-        } else if (!options_done && arg.rfind("--key=", 0) == 0) {
-            key = arg.substr(6);
-        } else if (!options_done && arg == "--") {
-            options_done = true;
-        } else if (!options_done && arg.size() > 1 && arg[0] == '-') {
-            return usage_error("unknown option", arg.c_str());
-        } else {
-            files.push_back(arg);
-        }
+    std::vector<char*> args(argv, argv + argc);
+    for (char*& arg : args)
+        if (std::strcmp(arg, "-") == 0) arg = const_cast<char*>(kStandardInput);
+    // "--key" and "--help" are the same options: the parser drops one dash.
+    ks::cl::opt<ks::string_view> key_option{"k", "key", "-key", ks::cl::at_most(1), ks::cl::value_name("FILE"),
+                                            ks::cl::help("the RSA private key (PEM or DER) matching the device's log "
+                                                         "public key; without -k the first argument is the key")};
+    ks::cl::flag help{"h", "help", "-help", ks::cl::help("show this help and exit")};
+    ks::cl::list<ks::string_view> arguments{"LOGFILE", ks::cl::Positional, ks::cl::Sink,
+                                            ks::cl::help("log files, oldest first; \"-\" is standard input")};
+    if (!ks::cl::parse(argc, args.data())) return usage_error(last_error().c_str());
+    if (help) {
+        print_help(stdout);
+        return kExitOk;
     }
+    std::string key(*key_option);
+    std::vector<ks::string_view> files(arguments->begin(), arguments->end());
     if (key.empty() && !files.empty()) {
-        key = files.front();
+        key = std::string(files.front());
         files.erase(files.begin());
     }
     if (key.empty()) return usage_error("no private key given");
@@ -120,7 +119,7 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
     int status = kExitOk;
-    for (const std::string& name : files)
+    for (ks::string_view name : files)
         if (!read_log(reader, name)) status = kExitBadFile;
     return status;
 }

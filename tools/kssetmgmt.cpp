@@ -4,10 +4,13 @@
 // daemon sees, including the offline fallback to "etc/storage.data" for reads when the
 // server is down. Values go to standard output as they are (no newline added to "get"), so
 // binary values can be redirected to a file. Exit status: 0 success, 1 usage error, 2 the
-// request failed (the reason goes to standard error).
+// request failed (the reason goes to standard error). Logging is used when the install root
+// has a log key and skipped when it has none: a settings tool must work either way.
 #include <kssetter/kssetmgmt.h>
+#include <ksutils/cmdline.h>
 #include <ksutils/error.h>
 #include <ksutils/kslog.h>
+#include <ksutils/path.h>
 
 #include <ksutils/unique_fd.h>
 
@@ -31,20 +34,23 @@ namespace sm = ks::setMgmt;
 constexpr int kUsage = 1;
 constexpr int kFailed = 2;
 
+// The commands, after the options the parser describes.
+constexpr const char* kCommands =
+    "Commands:\n"
+    "  get KEY                 print the value\n"
+    "  set KEY VALUE           store a text value (\"\" stores the key without value)\n"
+    "  set-file KEY FILE       store the file's bytes as a binary value\n"
+    "  delete KEY              delete the key and everything below it\n"
+    "  stat KEY                print the value's type (string, binary, none) and size\n"
+    "  enum KEY                print the names of the key's children, one per line\n"
+    "  lock-set KEY VALUE      lock KEY, store VALUE, unlock (waits for other holders)\n"
+    "  watch [-plain] KEY [N]  print the changed keys (KEY or below) as changes arrive;\n"
+    "                          stop after N changes. -plain prints KEY once per wake-up\n"
+    "A value that begins with \"-\" goes after \"--\".\n";
+
 void usage(FILE* out) {
-    std::fputs(
-        "usage: kssetmgmt [-root DIR] COMMAND ARGS\n"
-        "  get KEY                 print the value\n"
-        "  set KEY VALUE           store a text value (\"\" stores the key without value)\n"
-        "  set-file KEY FILE       store the file's bytes as a binary value\n"
-        "  delete KEY              delete the key and everything below it\n"
-        "  stat KEY                print the value's type (string, binary, none) and size\n"
-        "  enum KEY                print the names of the key's children, one per line\n"
-        "  lock-set KEY VALUE      lock KEY, store VALUE, unlock (waits for other holders)\n"
-        "  watch [-plain] KEY [N]  print the changed keys (KEY or below) as changes arrive;\n"
-        "                          stop after N changes. -plain prints KEY once per wake-up\n"
-        "DIR is the install root (default: the installation's).\n",
-        out);
+    std::fputs("usage: kssetmgmt [-root DIR] COMMAND ARGS\n", out);
+    std::fputs(kCommands, out);
 }
 
 int fail(const std::string& what) {
@@ -136,9 +142,11 @@ int watch(const std::string& key, bool plain, long limit) {
     return status;
 }
 
-int dispatch(const std::vector<std::string>& args) {
+int dispatch(const std::vector<ks::string_view>& words, bool plain) {
+    const std::vector<std::string> args(words.begin(), words.end());
     const std::string& cmd = args[0];
     const size_t n = args.size();
+    if (plain && cmd != "watch") return -1;
     if (cmd == "get" && n == 2) return get(args[1]);
     if (cmd == "set" && n == 3) return sm::setKey(args[1], args[2]) < 0 ? fail("set " + args[1]) : 0;
     if (cmd == "set-file" && n == 3) return setFile(args[1], args[2]);
@@ -146,15 +154,14 @@ int dispatch(const std::vector<std::string>& args) {
     if (cmd == "stat" && n == 2) return stat(args[1]);
     if (cmd == "enum" && n == 2) return enumerate(args[1]);
     if (cmd == "lock-set" && n == 3) return lockSet(args[1], args[2]);
-    if (cmd == "watch" && n >= 2) {
-        size_t i = 1;
-        const bool plain = args[i] == "-plain";
-        if (plain) ++i;
-        if (i >= n || n - i > 2) return -1;
-        char* end = nullptr;
-        const long limit = n - i == 2 ? std::strtol(args[i + 1].c_str(), &end, 10) : 0;
-        if (n - i == 2 && (*end != '\0' || limit <= 0)) return -1;
-        return watch(args[i], plain, limit);
+    if (cmd == "watch" && (n == 2 || n == 3)) {
+        long limit = 0;
+        if (n == 3) {
+            char* end = nullptr;
+            limit = std::strtol(args[2].c_str(), &end, 10);
+            if (*end != '\0' || limit <= 0) return -1;
+        }
+        return watch(args[1], plain, limit);
     }
     return -1;
 }
@@ -162,38 +169,47 @@ int dispatch(const std::vector<std::string>& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
-    const char* root = nullptr;
-    if (!args.empty() && (args[0] == "-root" || args[0] == "--root")) {
-        if (args.size() < 2) {
-            usage(stderr);
-            return kUsage;
-        }
-        root = argv[2];
-        args.erase(args.begin(), args.begin() + 2);
+    // "--root" and "--help" are the same options: the parser drops one dash.
+    ks::cl::opt<ks::string_view> root{"root", "-root", ks::cl::at_most(1), ks::cl::value_name("DIR"),
+                                      ks::cl::help("the install root (default: the installation's)")};
+    ks::cl::flag plain{"plain", ks::cl::at_most(1), ks::cl::help("watch: print KEY once per wake-up")};
+    ks::cl::flag help{"help", "h", "-help", ks::cl::help("show this help and exit")};
+    ks::cl::list<ks::string_view> words{"COMMAND", ks::cl::Positional, ks::cl::Sink,
+                                        ks::cl::help("the command and its arguments")};
+    if (!ks::cl::parse(argc, argv)) {
+        std::fprintf(stderr, "kssetmgmt: %s\n", std::string(ks::_get_kserrno().message_view()).c_str());
+        usage(stderr);
+        return kUsage;
     }
-    if (args.empty() || args[0] == "-h" || args[0] == "-help" || args[0] == "--help") {
-        usage(args.empty() ? stderr : stdout);
-        return args.empty() ? kUsage : 0;
+    if (help) {
+        ks::cl::print_help(stdout);
+        std::fputs("\n", stdout);
+        std::fputs(kCommands, stdout);
+        return 0;
     }
-    if (root) kspath_set_install_path(root);
+    if (words->empty()) {
+        usage(stderr);
+        return kUsage;
+    }
+    const std::string rootDir(*root);
+    const char* rootPath = rootDir.empty() ? nullptr : rootDir.c_str();
+    if (rootPath) kspath_set_install_path(rootPath);
 
-    // The client logs on its own channel, so it needs the log core first.
-    if (!ks::log::start(argv[0], root, nullptr)) {
-        std::fprintf(stderr, "kssetmgmt: cannot start logging (is there an install root with etc/logs-pub.pem?)\n");
-        return kFailed;
-    }
+    // The client logs on its own channel when there is a log core; without a log key it
+    // works unlogged and this tool reports on standard error.
+    const bool logging = ks::path(ks::common_path::etc, "logs-pub.pem").exists() &&
+                         ks::log::start(argv[0], rootPath, nullptr);
     if (sm::init() < 0) {
         const int status = fail("init");
-        ks::log::stop();
+        if (logging) ks::log::stop();
         return status;
     }
-    int status = dispatch(args);
+    int status = dispatch(*words, static_cast<bool>(plain));
     if (status < 0) {
         usage(stderr);
         status = kUsage;
     }
     sm::uninit();
-    ks::log::stop();
+    if (logging) ks::log::stop();
     return status;
 }

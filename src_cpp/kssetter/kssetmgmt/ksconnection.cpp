@@ -130,12 +130,11 @@ int64_t Connection::setCmdIntro(setter::CmdType cmd, unsigned long bodyLength) {
 }
 
 int64_t Connection::setCmdIntroAndKey(setter::CmdType cmd, const std::string& key, bool withLockByte) {
-    const unsigned long bodyLength = key.size() + (withLockByte ? 1 : 0);
-    int64_t offset = setCmdIntro(cmd, bodyLength);
+    const uint64_t bodyLength = setter::keyBodySize(key, withLockByte);
+    const int64_t offset = setCmdIntro(cmd, bodyLength);
     if (offset < 0) return -1;
-    if (withLockByte) buffer[offset++] = lockHeld ? 1 : 0;
-    std::memcpy(buffer.get() + offset, key.data(), key.size());
-    return offset + static_cast<int64_t>(key.size());
+    setter::encodeKeyBody(buffer.get() + offset, key, withLockByte, lockHeld);
+    return offset + static_cast<int64_t>(bodyLength);
 }
 
 void Connection::fillBuffer(unsigned long offset, const unsigned char* data, unsigned long length) {

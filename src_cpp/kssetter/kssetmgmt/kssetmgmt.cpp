@@ -58,19 +58,21 @@ void setNotInitialized() { _get_kserrno().set(E_FAULT, "ks::setMgmt is not initi
 
 void setLostServer() { _get_kserrno().set(E_DISCONNECTED, "Can't communicate with server"); }
 
+// The shape of a key is refused here, before any I/O; its characters are the server's
+// to refuse ("Invalid operation").
 bool checkKeyFormat(const std::string& key) {
-    if (key.empty() || key[0] != kDelimiter) {
-        _get_kserrno().set(E_INVAL, "Invalid key format (key must start with {:c})", kDelimiter);
-        return false;
-    }
-    if (key.size() == 1) return true;
-    if (key.back() == kDelimiter) {
-        _get_kserrno().set(E_INVAL, "Invalid key format (key must not end with {:c})", kDelimiter);
-        return false;
-    }
-    if (key.find("//") != std::string::npos) {
-        _get_kserrno().set(E_INVAL, "Invalid key format (no consecutive '{:c}' allowed)", kDelimiter);
-        return false;
+    switch (setter::keyFault(key)) {
+        case setter::KeyFault::noLeadingDelimiter:
+            _get_kserrno().set(E_INVAL, "Invalid key format (key must start with {:c})", kDelimiter);
+            return false;
+        case setter::KeyFault::trailingDelimiter:
+            _get_kserrno().set(E_INVAL, "Invalid key format (key must not end with {:c})", kDelimiter);
+            return false;
+        case setter::KeyFault::emptyComponent:
+            _get_kserrno().set(E_INVAL, "Invalid key format (no consecutive '{:c}' allowed)", kDelimiter);
+            return false;
+        case setter::KeyFault::reservedCharacter:
+        case setter::KeyFault::none: return true;
     }
     return true;
 }
@@ -121,6 +123,36 @@ int64_t exchange(Connection& c, int64_t frameLength) {
     return result;
 }
 
+void setParseError(Connection& c) {
+    c.reset();  // the rest of the reply is still in the socket; start afresh
+    _get_kserrno().set(E_FAULT, "Failed to parse data");
+}
+
+// A whole request whose reply to `cmd` carries a payload: the payload is received into the
+// connection's buffer, behind the result, and the reply is decoded from there.
+bool exchangeForPayload(Connection& c, setter::CmdType cmd, int64_t frameLength, setter::Reply& reply) {
+    const int64_t result = exchange(c, frameLength);
+    if (result < 0) return false;
+    const uint64_t payload = setter::replyPayloadSize(cmd, result);
+    if (payload > setter::kMaxBodyLength) {
+        setParseError(c);
+        return false;
+    }
+    const uint64_t total = setter::kResultSize + payload;
+    if (total > c.capacity && !c.resizeBuffer(total)) {
+        c.reset();
+        return false;
+    }
+    std::memcpy(c.buffer.get(), &result, sizeof result);
+    if (payload && c.recv(c.buffer.get() + setter::kResultSize, payload, true, true) < 0) return false;
+    size_t consumed = 0;
+    if (setter::decodeReply(cmd, c.buffer.get(), total, reply, consumed) != setter::Decoded::ok) {
+        setParseError(c);
+        return false;
+    }
+    return true;
+}
+
 template <class Read>
 int64_t readOffline(Read&& read) {
     std::lock_guard<std::mutex> lock(g_offlineMutex);
@@ -166,23 +198,16 @@ int64_t offlineGet(const std::string& key, unsigned char*& value) {
 int64_t setRequest(const std::string& key, const unsigned char* value, unsigned long size, storage::ValueType type) {
     if (prepare(&key, false) != Route::server) return -1;
     Connection& c = t_connection;
-    const uint32_t wireType = type;
-    const unsigned long body = 1 + key.size() + 1 + sizeof wireType + size;
-    int64_t offset = c.setCmdIntro(setter::CMD_SET, body);
-    if (offset < 0) return -1;
-    const unsigned char lockByte = c.lockHeld ? 1 : 0;
-    const unsigned char nul = 0;
-    c.fillBuffer(offset, &lockByte, 1);
-    offset += 1;
-    c.fillBuffer(offset, reinterpret_cast<const unsigned char*>(key.data()), key.size());
-    offset += key.size();
-    c.fillBuffer(offset, &nul, 1);
-    offset += 1;
-    c.fillBuffer(offset, reinterpret_cast<const unsigned char*>(&wireType), sizeof wireType);
-    offset += sizeof wireType;
-    c.fillBuffer(offset, value, size);
-    offset += size;
-    if (exchange(c, offset) < 0) return -1;
+    setter::Request request;
+    request.command = setter::CMD_SET;
+    request.lockHeld = c.lockHeld;
+    request.key = key;
+    request.type = type;
+    request.value = ks::string_view(reinterpret_cast<const char*>(value), size);
+    const uint64_t body = setter::bodySize(request);
+    if (c.setCmdIntro(setter::CMD_SET, body) < 0) return -1;
+    setter::encodeRequest(request, c.buffer.get());
+    if (exchange(c, static_cast<int64_t>(setter::kHeaderSize + body)) < 0) return -1;
     invalidateOffline();
     return 0;
 }
@@ -217,11 +242,14 @@ int init() {
     g_offlineMode = true;
     invalidateOffline();
     const unsigned long channel = log::open_channel(log::kKSSetMgmtChannel);
-    if (static_cast<long>(channel) < 0) {
+    if (static_cast<long>(channel) >= 0) {
+        g_logChannel = static_cast<long>(channel);
+    } else if (log::started()) {
         _get_kserrno().set(E_FAULT, "Cannot open log channel '{:s}'.", log::kKSSetMgmtChannel);
         return -1;
     }
-    g_logChannel = static_cast<long>(channel);
+    // Without a log core at all (a command-line tool on an install root without a log key)
+    // the client works unlogged: its caller reports failures from the error record.
     ks::lib_atfork(childAfterFork);
     KSLOG_DEBUG(_log_channel(), "ks::setMgmt successfully initialized");
     ++g_initCount;
@@ -238,7 +266,8 @@ int uninit() {
         g_offlineLoaded = false;
     }
     KSLOG_DEBUG(_log_channel(), "ks::setMgmt successfully uninitialized");
-    log::close_channel(static_cast<unsigned long>(g_logChannel.exchange(-1)));
+    const long channel = g_logChannel.exchange(-1);
+    if (channel >= 0) log::close_channel(static_cast<unsigned long>(channel));
     return 0;
 }
 
@@ -252,6 +281,10 @@ int64_t getKey(const std::string& key, unsigned char*& value) {
     Connection& c = t_connection;
     const int64_t size = exchange(c, c.setCmdIntroAndKey(setter::CMD_GET, key, true));
     if (size <= 0) return size;
+    if (setter::replyPayloadSize(setter::CMD_GET, size) > setter::kMaxBodyLength) {
+        setParseError(c);
+        return -1;
+    }
     unsigned char* bytes = allocateValue(static_cast<uint64_t>(size));
     if (!bytes) {
         c.reset();  // the value is still in the socket; the next request starts afresh
@@ -276,14 +309,10 @@ int64_t getKey(const std::string& key, std::string& value) {
     }
     if (route == Route::fail) return -1;
     Connection& c = t_connection;
-    const int64_t size = exchange(c, c.setCmdIntroAndKey(setter::CMD_GET, key, true));
-    if (size < 0) return -1;
-    if (size > 0 && c.recv(static_cast<unsigned long>(size), true, true) < 0) {
-        if (c.fd >= 0) c.reset();
-        return -1;
-    }
-    value.assign(reinterpret_cast<const char*>(c.buffer.get()), static_cast<size_t>(size));
-    return size;
+    setter::Reply reply;
+    if (!exchangeForPayload(c, setter::CMD_GET, c.setCmdIntroAndKey(setter::CMD_GET, key, true), reply)) return -1;
+    value.assign(reply.payload.data(), reply.payload.size());
+    return static_cast<int64_t>(reply.payload.size());
 }
 
 std::string getKeyValue(const std::string& key, const std::string& fallback) {
@@ -338,8 +367,12 @@ int statKey(const std::string& key, NodeInfo& info) {
         return static_cast<int>(readOffline([&](storage::Store& store) -> int64_t { return store.keyInfo(key, info); }));
     if (route == Route::fail) return -1;
     Connection& c = t_connection;
-    if (exchange(c, c.setCmdIntroAndKey(setter::CMD_STAT, key, true)) < 0) return -1;
-    if (c.recv(reinterpret_cast<unsigned char*>(&info), sizeof info, true, true) < 0) return -1;
+    setter::Reply reply;
+    if (!exchangeForPayload(c, setter::CMD_STAT, c.setCmdIntroAndKey(setter::CMD_STAT, key, true), reply)) return -1;
+    if (!setter::decodeNodeInfo(reply.payload, info)) {
+        _get_kserrno().set(E_FAULT, "Failed to parse data");
+        return -1;
+    }
     return 0;
 }
 
@@ -368,24 +401,13 @@ int enumSubkeys(const std::string& key, std::vector<std::string>& names) {
     }
     if (route == Route::fail) return -1;
     Connection& c = t_connection;
-    const int64_t length = exchange(c, c.setCmdIntroAndKey(setter::CMD_ENUM, key, true));
-    if (length <= 0) return static_cast<int>(length);
-    if (c.recv(static_cast<unsigned long>(length), true, true) < 0) return -1;
-    const char* p = reinterpret_cast<const char*>(c.buffer.get());
-    const char* end = p + length;
-    int count = 0;
-    while (p < end) {
-        const char* nul = static_cast<const char*>(std::memchr(p, '\0', static_cast<size_t>(end - p)));
-        const char* stop = nul ? nul : end;
-        if (stop == p) {
-            KSLOG_ERROR(_log_channel(), "BUG: Empty subkey");
-        } else {
-            names.emplace_back(p, stop);
-            ++count;
-        }
-        p = stop + 1;
-    }
-    return count;
+    setter::Reply reply;
+    if (!exchangeForPayload(c, setter::CMD_ENUM, c.setCmdIntroAndKey(setter::CMD_ENUM, key, true), reply)) return -1;
+    const size_t before = names.size();
+    int empty = 0;
+    setter::decodeNames(reply.payload, names, empty);
+    for (int i = 0; i < empty; ++i) KSLOG_ERROR(_log_channel(), "BUG: Empty subkey");
+    return static_cast<int>(names.size() - before);
 }
 
 int lockKey(const std::string& key) {
@@ -448,9 +470,9 @@ bool getOfflineMode() {
 int getDebugInfo(storage::DebugInfo& info) {
     if (prepare(nullptr, false) != Route::server) return -1;
     Connection& c = t_connection;
-    if (exchange(c, c.setCmdIntro(setter::CMD_DEBUG_INFO, 0)) < 0) return -1;
-    static_assert(sizeof info == 24, "the debug record is 24 bytes on the wire");
-    if (c.recv(reinterpret_cast<unsigned char*>(&info), sizeof info, true, true) < 0) return -1;
+    setter::Reply reply;
+    if (!exchangeForPayload(c, setter::CMD_DEBUG_INFO, c.setCmdIntro(setter::CMD_DEBUG_INFO, 0), reply)) return -1;
+    setter::decodeDebugInfo(reply.payload, info);  // the decoder made sure of its size
     return 0;
 }
 
@@ -493,10 +515,10 @@ int NotifyHandle::getNotifications(int timeoutMs, std::set<std::string>& keys) {
     if (!connection.inputDataAvailable(timeoutMs)) return -1;
     int count = 0;
     for (;;) {
+        unsigned char prefix[setter::kKeyRecordPrefix];
+        if (connection.recv(prefix, sizeof prefix, false, true) < 0) return count > 0 ? count : -1;
         uint64_t length = 0;
-        if (connection.recv(reinterpret_cast<unsigned char*>(&length), sizeof length, false, true) < 0)
-            return count > 0 ? count : -1;
-        if (length > setter::kMaxBodyLength) {
+        if (!setter::decodeKeyRecordLength(prefix, length)) {
             _get_kserrno().set(E_FAULT, "Failed to parse data");
             return -1;
         }

@@ -14,6 +14,7 @@
 #include <ksutils/unique_fd.h>
 #include <kswrite.h>
 
+#include "kssetter/kssetmgmt/protocol.h"
 #include "kssys.h"
 #include "storage_channel.h"
 
@@ -30,8 +31,6 @@ namespace storage {
 namespace {
 
 constexpr char kDelimiter = '/';
-// The record separators of the settings file; the NUL makes this six characters long.
-constexpr ks::string_view kForbidden("\t\r\n|=\0", 6);
 constexpr ks::string_view kVolatileRoot = "/tmp";
 constexpr ks::string_view kHashRecord = "/tmp/hash=s|";
 constexpr ks::string_view kHashKey = "/tmp/hash";
@@ -196,7 +195,7 @@ Store& Store::operator=(Store&& other) noexcept = default;
 // ---- key syntax ----------------------------------------------------------------------
 
 bool Store::isValidKey(ks::string_view key) {
-    if (key.find_first_of(kForbidden) != ks::string_view::npos) {
+    if (ks::setter::hasReservedCharacter(key)) {
         _get_kserrno().set(E_INVAL);
         return false;
     }
@@ -311,7 +310,7 @@ int Store::keyInfo(const std::string& key, NodeInfo& out) const {
 // ---- changes -------------------------------------------------------------------------
 
 int Store::setKey(const std::string& key, const unsigned char* value, ValueType type, unsigned long size) {
-    if (key.find_first_of(kForbidden) != std::string::npos) {
+    if (ks::setter::hasReservedCharacter(key)) {
         _get_kserrno().set(E_INVAL);
         return -1;
     }
@@ -347,7 +346,7 @@ int Store::setKey_(const std::string& key, const unsigned char* value, ValueType
 }
 
 int Store::delKey(const std::string& key, bool prune, bool leafOnly) {
-    if (key.find_first_of(kForbidden) != std::string::npos) {
+    if (ks::setter::hasReservedCharacter(key)) {
         _get_kserrno().set(E_INVAL);
         return -1;
     }
