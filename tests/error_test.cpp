@@ -29,42 +29,21 @@ namespace {
 
 using ks::_get_kserrno;
 
-TEST(ErrorRecord, FreshThreadReadsOk) {
-    std::string name, message;
-    int code = -2;
+// The names and default texts of the known codes are checked wherever a module reports
+// one; here only what is computed: a fresh thread's record and the names of unknown codes.
+TEST(ErrorRecord, FreshThreadReadsOkAndUnknownCodesAreNamedInHex) {
+    std::string fresh;
     std::thread([&] {
         auto& e = _get_kserrno();
-        code = e.code;
-        name = e.name.str();
-        message = e.message.str();
+        fresh = std::to_string(e.code) + " " + e.name.str() + " " + e.message.str();
     }).join();
-    EXPECT_EQ(code, ks::E_OK);
-    EXPECT_EQ(name, "E_OK");
-    EXPECT_EQ(message, "Operation successfull");
-}
-
-TEST(ErrorRecord, CodeAloneGivesNameAndDefaultMessage) {
-    struct Case {
-        int code;
-        const char* name;
-        const char* message;
-    } cases[] = {
-        {0, "E_OK", "Operation successfull"},
-        {2, "E_FAULT", "Access violation"},
-        {3, "E_TIMEDOUT", "Operation timed out"},
-        {4, "E_INVAL", "Invalid argument"},
-        {5, "E_NOENT", "No such file or directory"},
-        {6, "E_DISCONNECTED", "Client has disconnected from server"},
-        {7, "E_AGAIN", "Try again"},
-        {8, "UNKNOWN(0x8)", "Unknown error"},
-        {255, "UNKNOWN(0xff)", "Unknown error"},
-        {-1, "UNKNOWN(0x-1)", "Unknown error"},
-    };
-    for (const Case& c : cases) {
-        auto& e = _get_kserrno().set(c.code);
-        EXPECT_EQ(e.code, c.code);
-        EXPECT_EQ(e.name.view(), c.name) << c.code;
-        EXPECT_EQ(std::string(e.message.c_str()), c.message) << c.code;
+    EXPECT_EQ(fresh, "0 E_OK Operation successfull");
+    const std::pair<int, const char*> unknown[] = {{8, "UNKNOWN(0x8)"}, {255, "UNKNOWN(0xff)"}, {-1, "UNKNOWN(0x-1)"}};
+    for (const auto& [code, name] : unknown) {
+        auto& e = _get_kserrno().set(code);
+        EXPECT_EQ(e.code, code);
+        EXPECT_EQ(e.name.view(), name) << code;
+        EXPECT_EQ(std::string(e.message.c_str()), "Unknown error") << code;
     }
 }
 
