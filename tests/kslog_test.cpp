@@ -37,13 +37,7 @@ int exit_status(pid_t pid) {
     return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Runs `body` in a forked child (gtest assertions would not reach the parent from there);
-// the child's exit status is body's result.
-int in_child(const std::function<int()>& body) {
-    const pid_t pid = ::fork();
-    if (pid == 0) ::_exit(body());
-    return exit_status(pid);
-}
+using kstest::in_child;
 
 // As in_child, with a private mount namespace and a 64 KiB tmpfs at `dir`; 77 where
 // mounting is not allowed.
