@@ -5,7 +5,6 @@
 #include <kslog.h>
 #include <kswrite.h>
 
-#include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -43,9 +42,7 @@ using kstest::in_child;
 // mounting is not allowed.
 int in_small_filesystem(const std::string& dir, const std::function<int()>& body) {
     return in_child([&] {
-        if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("kstest", dir.c_str(), "tmpfs", 0, "size=64k") != 0)
-            return 77;
+        if (!kstest::private_mounts() || ::mount("kstest", dir.c_str(), "tmpfs", 0, "size=64k") != 0) return 77;
         return body();
     });
 }

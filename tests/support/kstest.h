@@ -97,6 +97,9 @@ ProcStat proc_stat(pid_t pid);
 // the child's exit status is body's result, -1 when it did not exit.
 int in_child(const std::function<int()>& body);
 
+// In a forked child: a mount namespace of its own whose mounts do not reach the parent's.
+bool private_mounts();
+
 // A forked child that sets something up (a lock, say) and calls `report` with a
 // one-character answer; report then holds the child there until released or destroyed.
 class HeldChild {
