@@ -28,6 +28,9 @@ private:
     std::string path_;
 };
 
+// `path` in single quotes, for a shell command line.
+inline std::string quoted(const std::string& path) { return "'" + path + "'"; }
+
 // Runs `command` through /bin/sh; returns its exit status (-1 when it could not run or was
 // killed) and, when `output` is given, its standard output.
 int run(const std::string& command, std::string* output = nullptr);
