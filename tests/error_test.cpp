@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <string>
 #include <thread>
@@ -47,29 +48,27 @@ TEST(ErrorRecord, FreshThreadReadsOkAndUnknownCodesAreNamedInHex) {
     }
 }
 
-TEST(ErrorRecord, SystemErrorCarriesErrnoText) {
-    ASSERT_LT(::open("/nonexistent/kstest-missing", O_RDONLY), 0);
-    auto& e = _get_kserrno().set(ks::E_SYSTEM);
-    EXPECT_EQ(e.name.view(), "E_SYSTEM");
-    EXPECT_EQ(e.message.view(), "System error: No such file or directory");
-}
-
-TEST(ErrorRecord, FormattedAndVerbatimMessages) {
+TEST(ErrorRecord, MessagesFormattedVerbatimFromErrnoAndOfAnyLength) {
     auto& e = _get_kserrno();
-    EXPECT_EQ(e.set(ks::E_INVAL, "plain {} text").message.view(), "plain {} text");
-    EXPECT_EQ(e.set(ks::E_FAULT, "waitpid failed: {:s}", std::string("boom")).message.view(), "waitpid failed: boom");
-    EXPECT_EQ(e.set(ks::E_INVAL, "{:d} of {:s}", 3, ks::string_view("five")).message.view(), "3 of five");
-    EXPECT_EQ(e.set(9, "c={:c}", 'x').name.view(), "UNKNOWN(0x9)");
-    EXPECT_EQ(e.message.view(), "c=x");
-}
-
-TEST(ErrorRecord, LongMessageStoredWholeAndLeavesNoRemnant) {
-    auto& e = _get_kserrno();
-    std::string long_text(2000, 'x');
-    e.set(ks::E_FAULT, long_text);
-    EXPECT_EQ(e.message.view(), long_text);
-    e.set(ks::E_INVAL, "short");
-    EXPECT_EQ(std::string(e.message.c_str()), "short");
+    const std::string long_text(2000, 'x');
+    const struct {
+        std::function<void()> set;
+        const char *name, *message;
+    } cases[] = {
+        {[&] { e.set(ks::E_INVAL, "plain {} text"); }, "E_INVAL", "plain {} text"},
+        {[&] { e.set(ks::E_FAULT, "waitpid failed: {:s}", std::string("boom")); }, "E_FAULT", "waitpid failed: boom"},
+        {[&] { e.set(ks::E_INVAL, "{:d} of {:s}", 3, ks::string_view("five")); }, "E_INVAL", "3 of five"},
+        {[&] { e.set(9, "c={:c}", 'x'); }, "UNKNOWN(0x9)", "c=x"},
+        {[&] { ::open("/nonexistent/kstest-missing", O_RDONLY), e.set(ks::E_SYSTEM); }, "E_SYSTEM",
+         "System error: No such file or directory"},
+        {[&] { e.set(ks::E_FAULT, long_text); }, "E_FAULT", long_text.c_str()},
+        {[&] { e.set(ks::E_INVAL, "short"); }, "E_INVAL", "short"},  // no remnant of the long one
+    };
+    for (const auto& c : cases) {
+        c.set();
+        EXPECT_EQ(e.name.view(), c.name) << c.message;
+        EXPECT_EQ(std::string(e.message.c_str()), c.message);
+    }
 }
 
 TEST(ErrorRecord, ThreadsDoNotSeeEachOthersErrors) {
