@@ -2,6 +2,7 @@
 // python3 run answers them all), the checksum against an independent RFC 1071 sum, MAC
 // text forms, and sockets used for real on loopback.
 #include <ksutils/connectutl.h>
+#include <ksutils/miscutl.h>
 
 #include <gtest/gtest.h>
 
@@ -21,12 +22,6 @@ namespace {
 
 using namespace ks::sockutl;
 using Socket = ks::sockutl::socket;
-
-std::string hex(const std::string& bytes) {
-    std::string out;
-    for (unsigned char c : bytes) out += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
-    return out;
-}
 
 // Random cases with their answers computed by the library, in the oracle's line format.
 struct Cases {
@@ -101,7 +96,7 @@ TEST(Address, AgreesWithPythonIpaddress) {
         std::string bytes(rng() % 1500, '\0');
         for (char& c : bytes) c = static_cast<char>(rng());
         const uint16_t sum = inet_cksum(bytes.data(), static_cast<int>(bytes.size()));
-        cases.add("C " + hex(bytes), std::to_string(ntohs(sum)));
+        cases.add("C " + ks::hex_encode(bytes), std::to_string(ntohs(sum)));
     }
 
     kstest::TempDir dir;

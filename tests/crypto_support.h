@@ -4,15 +4,32 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "kstest.h"
 
 namespace kstest {
 
-inline std::string quoted(const std::string& path) { return "'" + path + "'"; }
+// The framing of an encrypted log file, parsed independently of the library: (type,
+// payload) of each block. `whole` says whether the header was ours and no block was torn.
+inline std::vector<std::pair<int, std::string>> blocks_of(const std::string& file, bool* whole = nullptr) {
+    auto le32 = [&](size_t at) {
+        uint32_t v = 0;
+        for (size_t i = 4; i-- > 0;) v = v << 8 | static_cast<unsigned char>(file[at + i]);
+        return v;
+    };
+    std::vector<std::pair<int, std::string>> blocks;
+    size_t pos = 32;
+    for (; pos + 5 <= file.size() && pos + 5 + le32(pos + 1) <= file.size(); pos += 5 + blocks.back().second.size())
+        blocks.emplace_back(file[pos], file.substr(pos + 5, le32(pos + 1)));
+    if (whole) *whole = file.compare(0, 4, "KSCL") == 0 && file.size() >= 32 && pos == file.size();
+    return blocks;
+}
 
 // Key files made once per test program: the RSA pairs "priv.pem"/"pub.pem" and
 // "other.pem"/"otherpub.pem", and an EC pair "ec.pem"/"ecpub.pem" (a key of the wrong type).

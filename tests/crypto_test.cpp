@@ -146,13 +146,13 @@ TEST_F(CryptoTest, AesRejectsBadInput) {
     EXPECT_EQ(aes_encrypt_file(sink.get(), -1, k, iv.data()), KSCRYPTO_EPARAM);
 }
 
-TEST(KscryptoStrerror, CodeTable) {
-    // Codes above 100 take the text of errno.
-    const std::pair<int, const char*> cases[] = {
-        {0, "No error"},            {1, "Invalid param"},        {2, "Buffer size is too small"},
-        {3, "Input size mismatch"}, {4, "Wrong key type"},       {5, "Unknown error"},
-        {100, "Unknown error"},     {101, std::strerror(ENOSPC)}, {102, std::strerror(ENOSPC)},
-        {103, std::strerror(ENOSPC)}};
+TEST(KscryptoStrerror, OwnLibraryAndErrnoTexts) {
+    // Only the edges of the own table; codes above 100 take the text of errno.
+    const std::pair<int, const char*> cases[] = {{0, "No error"},
+                                                 {5, "Unknown error"},
+                                                 {100, "Unknown error"},
+                                                 {101, std::strerror(ENOSPC)},
+                                                 {103, std::strerror(ENOSPC)}};
     char buffer[64];
     for (auto [code, text] : cases) {
         errno = ENOSPC;

@@ -22,6 +22,7 @@
 
 namespace {
 
+using kstest::blocks_of;
 using kstest::quoted;
 using kstest::test_key;
 
@@ -29,14 +30,6 @@ uint32_t le32(const std::string& s, size_t at) {
     uint32_t v = 0;
     for (size_t i = 4; i-- > 0;) v = v << 8 | static_cast<unsigned char>(s[at + i]);
     return v;
-}
-
-// The framing, parsed independently of the library: (type, payload) of each block.
-std::vector<std::pair<int, std::string>> blocks_of(const std::string& file) {
-    std::vector<std::pair<int, std::string>> blocks;
-    for (size_t pos = 32; pos + 5 <= file.size(); pos += 5 + blocks.back().second.size())
-        blocks.emplace_back(file[pos], file.substr(pos + 5, le32(file, pos + 1)));
-    return blocks;
 }
 
 // "type:payload size " for each block.

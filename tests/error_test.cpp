@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <string>
 #include <thread>
@@ -29,68 +30,45 @@ namespace {
 
 using ks::_get_kserrno;
 
-TEST(ErrorRecord, FreshThreadReadsOk) {
-    std::string name, message;
-    int code = -2;
+// The names and default texts of the known codes are checked wherever a module reports
+// one; here only what is computed: a fresh thread's record and the names of unknown codes.
+TEST(ErrorRecord, FreshThreadReadsOkAndUnknownCodesAreNamedInHex) {
+    std::string fresh;
     std::thread([&] {
         auto& e = _get_kserrno();
-        code = e.code;
-        name = e.name.str();
-        message = e.message.str();
+        fresh = std::to_string(e.code) + " " + e.name.str() + " " + e.message.str();
     }).join();
-    EXPECT_EQ(code, ks::E_OK);
-    EXPECT_EQ(name, "E_OK");
-    EXPECT_EQ(message, "Operation successfull");
-}
-
-TEST(ErrorRecord, CodeAloneGivesNameAndDefaultMessage) {
-    struct Case {
-        int code;
-        const char* name;
-        const char* message;
-    } cases[] = {
-        {0, "E_OK", "Operation successfull"},
-        {2, "E_FAULT", "Access violation"},
-        {3, "E_TIMEDOUT", "Operation timed out"},
-        {4, "E_INVAL", "Invalid argument"},
-        {5, "E_NOENT", "No such file or directory"},
-        {6, "E_DISCONNECTED", "Client has disconnected from server"},
-        {7, "E_AGAIN", "Try again"},
-        {8, "UNKNOWN(0x8)", "Unknown error"},
-        {255, "UNKNOWN(0xff)", "Unknown error"},
-        {-1, "UNKNOWN(0x-1)", "Unknown error"},
-    };
-    for (const Case& c : cases) {
-        auto& e = _get_kserrno().set(c.code);
-        EXPECT_EQ(e.code, c.code);
-        EXPECT_EQ(e.name.view(), c.name) << c.code;
-        EXPECT_EQ(std::string(e.message.c_str()), c.message) << c.code;
+    EXPECT_EQ(fresh, "0 E_OK Operation successfull");
+    const std::pair<int, const char*> unknown[] = {{8, "UNKNOWN(0x8)"}, {255, "UNKNOWN(0xff)"}, {-1, "UNKNOWN(0x-1)"}};
+    for (const auto& [code, name] : unknown) {
+        auto& e = _get_kserrno().set(code);
+        EXPECT_EQ(e.code, code);
+        EXPECT_EQ(e.name.view(), name) << code;
+        EXPECT_EQ(std::string(e.message.c_str()), "Unknown error") << code;
     }
 }
 
-TEST(ErrorRecord, SystemErrorCarriesErrnoText) {
-    ASSERT_LT(::open("/nonexistent/kstest-missing", O_RDONLY), 0);
-    auto& e = _get_kserrno().set(ks::E_SYSTEM);
-    EXPECT_EQ(e.name.view(), "E_SYSTEM");
-    EXPECT_EQ(e.message.view(), "System error: No such file or directory");
-}
-
-TEST(ErrorRecord, FormattedAndVerbatimMessages) {
+TEST(ErrorRecord, MessagesFormattedVerbatimFromErrnoAndOfAnyLength) {
     auto& e = _get_kserrno();
-    EXPECT_EQ(e.set(ks::E_INVAL, "plain {} text").message.view(), "plain {} text");
-    EXPECT_EQ(e.set(ks::E_FAULT, "waitpid failed: {:s}", std::string("boom")).message.view(), "waitpid failed: boom");
-    EXPECT_EQ(e.set(ks::E_INVAL, "{:d} of {:s}", 3, ks::string_view("five")).message.view(), "3 of five");
-    EXPECT_EQ(e.set(9, "c={:c}", 'x').name.view(), "UNKNOWN(0x9)");
-    EXPECT_EQ(e.message.view(), "c=x");
-}
-
-TEST(ErrorRecord, LongMessageStoredWholeAndLeavesNoRemnant) {
-    auto& e = _get_kserrno();
-    std::string long_text(2000, 'x');
-    e.set(ks::E_FAULT, long_text);
-    EXPECT_EQ(e.message.view(), long_text);
-    e.set(ks::E_INVAL, "short");
-    EXPECT_EQ(std::string(e.message.c_str()), "short");
+    const std::string long_text(2000, 'x');
+    const struct {
+        std::function<void()> set;
+        const char *name, *message;
+    } cases[] = {
+        {[&] { e.set(ks::E_INVAL, "plain {} text"); }, "E_INVAL", "plain {} text"},
+        {[&] { e.set(ks::E_FAULT, "waitpid failed: {:s}", std::string("boom")); }, "E_FAULT", "waitpid failed: boom"},
+        {[&] { e.set(ks::E_INVAL, "{:d} of {:s}", 3, ks::string_view("five")); }, "E_INVAL", "3 of five"},
+        {[&] { e.set(9, "c={:c}", 'x'); }, "UNKNOWN(0x9)", "c=x"},
+        {[&] { ::open("/nonexistent/kstest-missing", O_RDONLY), e.set(ks::E_SYSTEM); }, "E_SYSTEM",
+         "System error: No such file or directory"},
+        {[&] { e.set(ks::E_FAULT, long_text); }, "E_FAULT", long_text.c_str()},
+        {[&] { e.set(ks::E_INVAL, "short"); }, "E_INVAL", "short"},  // no remnant of the long one
+    };
+    for (const auto& c : cases) {
+        c.set();
+        EXPECT_EQ(e.name.view(), c.name) << c.message;
+        EXPECT_EQ(std::string(e.message.c_str()), c.message);
+    }
 }
 
 TEST(ErrorRecord, ThreadsDoNotSeeEachOthersErrors) {

@@ -11,8 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <thread>
 
 #include "kslogcapture.h"
 
@@ -20,25 +18,9 @@ namespace {
 
 using lines_t = std::vector<std::vector<std::string>>;
 
-bool wait_for_file(const std::string& path) {
-    for (int i = 0; i < 500 && ::access(path.c_str(), F_OK) != 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return ::access(path.c_str(), F_OK) == 0;
-}
-
-// Fields 5 and 6 of /proc/PID/stat (process group, session).
-std::pair<long, long> group_and_session(pid_t pid) {
-    const std::string stat = kstest::read_file("/proc/" + std::to_string(pid) + "/stat");
-    long pgrp = -1, session = -1;
-    if (const auto close = stat.rfind(')'); close != std::string::npos)
-        std::sscanf(stat.c_str() + close + 2, "%*c %*d %ld %ld", &pgrp, &session);
-    return {pgrp, session};
-}
-
 bool gone(pid_t pid) {
-    const std::string stat = kstest::read_file("/proc/" + std::to_string(pid) + "/stat");
-    const auto close = stat.rfind(')');
-    return close == std::string::npos || stat.compare(close + 2, 1, "Z") == 0;
+    const char state = kstest::proc_stat(pid).state;
+    return state == 0 || state == 'Z';
 }
 
 TEST(ExecCommand, WaitedResultsAndTheirErrors) {
@@ -92,10 +74,8 @@ TEST(ExecCommand, BackgroundChildGetsItsOwnGroupAndDetachedOneItsOwnSession) {
     ASSERT_EQ(0, ks::exec_command(sleeper, ctx));
     EXPECT_FALSE(ctx.has_result);
     ASSERT_GT(ctx.pid, 0);
-    for (int i = 0; i < 500 && group_and_session(ctx.pid).first != ctx.pid; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(ctx.pid, group_and_session(ctx.pid).first);
-    EXPECT_EQ(::getsid(0), group_and_session(ctx.pid).second);
+    EXPECT_TRUE(kstest::wait_until([&] { return kstest::proc_stat(ctx.pid).pgrp == ctx.pid; }));
+    EXPECT_EQ(::getsid(0), kstest::proc_stat(ctx.pid).session);
     ::kill(ctx.pid, SIGKILL);
     ::waitpid(ctx.pid, nullptr, 0);
 
@@ -104,9 +84,9 @@ TEST(ExecCommand, BackgroundChildGetsItsOwnGroupAndDetachedOneItsOwnSession) {
     const char* detached[] = {"sh", "-c", script.c_str(), nullptr};
     ctx.detach = true;
     ASSERT_EQ(0, ks::exec_command(detached, ctx));
-    ASSERT_TRUE(wait_for_file(out));
+    ASSERT_TRUE(kstest::wait_until([&] { return ::access(out.c_str(), F_OK) == 0; }));
     const pid_t grandchild = std::stoi(kstest::read_file(out));
-    EXPECT_NE(::getsid(0), group_and_session(grandchild).second) << "left our session";
+    EXPECT_NE(::getsid(0), kstest::proc_stat(grandchild).session) << "left our session";
     EXPECT_EQ(0, kstest::zombie_children()) << "the intermediate child is collected";
     ::kill(grandchild, SIGKILL);
 }
@@ -147,8 +127,7 @@ TEST(ExecScript, StatusesOutputsAndTimeLimit) {
         EXPECT_TRUE(kstest::has_record(out, record)) << record << "\n" << out;
     // SIGKILL is delivered at once but the process takes a moment to end.
     const pid_t grandchild = std::stoi(kstest::read_file(pidfile));
-    for (int i = 0; i < 200 && !gone(grandchild); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_TRUE(gone(grandchild)) << "the whole group is killed";
+    EXPECT_TRUE(kstest::wait_until([&] { return gone(grandchild); })) << "the whole group is killed";
 }
 
 TEST(ExecScript, LongScriptsArriveWholeAndInOrder) {

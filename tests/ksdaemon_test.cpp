@@ -30,28 +30,9 @@ using namespace std::string_literals;
 const std::string kDaemon = std::string(KS_BINARY_DIR) + "/tests/ksdaemon_testd";
 const std::string kName = "ksdaemon_testd";
 
-bool wait_for(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(15)) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (done()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return done();
-}
+using kstest::wait_until;
 
 bool alive(pid_t pid) { return pid > 0 && ::kill(pid, 0) == 0; }
-
-// Fields 4 to 6 of /proc/<pid>/stat: parent, process group, session.
-struct ProcIds {
-    long ppid = -1, pgrp = -1, session = -1;
-};
-ProcIds proc_ids(pid_t pid) {
-    const std::string stat = kstest::read_file("/proc/" + std::to_string(pid) + "/stat");
-    ProcIds ids;
-    if (const auto close = stat.rfind(')'); close != std::string::npos)
-        std::sscanf(stat.c_str() + close + 2, "%*c %ld %ld %ld", &ids.ppid, &ids.pgrp, &ids.session);
-    return ids;
-}
 
 std::string fd_target(pid_t pid, int fd) {
     std::error_code ec;
@@ -96,7 +77,7 @@ protected:
     // Waits for the detached daemon's "run" record and remembers its pid for clean-up.
     pid_t wait_running() {
         pid_t pid = -1;
-        wait_for([&] {
+        wait_until([&] {
             for (const auto& line : events())
                 if (line.rfind("run pid=", 0) == 0) pid = std::stoi(line.substr(8));
             return pid > 0;
@@ -148,7 +129,7 @@ protected:
     // The settings server on this install root, once it answers a request.
     bool start_settings_server() {
         const pid_t pid = spawn({kstest::tool_path("kssetter"), "-root", root_.path()}, root_ / "kssetter.out");
-        return wait_for([&] { return setmgmt("set /kstest/ready 1") == 0 || !alive(pid); }) && alive(pid);
+        return wait_until([&] { return setmgmt("set /kstest/ready 1") == 0 || !alive(pid); }) && alive(pid);
     }
 
     // The command-line settings client on this install root; its standard output only.
@@ -196,7 +177,7 @@ TEST_F(DaemonTest, StartDetachesLocksThePidFileAndStops) {
     ASSERT_GT(pid, 0);
     EXPECT_TRUE(has_event("env LD_LIBRARY_PATH=unset saved=/opt/x/lib")) << "removed, but kept in the saved copy";
 
-    const ProcIds ids = proc_ids(pid);
+    const kstest::ProcStat ids = kstest::proc_stat(pid);
     EXPECT_NE(ids.session, ::getsid(0)) << "a session of its own";
     EXPECT_EQ(pid, ids.pgrp) << "a process group of its own";
     EXPECT_NE(::getpid(), ids.ppid) << "not our child";
@@ -211,7 +192,7 @@ TEST_F(DaemonTest, StartDetachesLocksThePidFileAndStops) {
 
     EXPECT_EQ(0, daemon("-stop", &out, "normal", false));
     EXPECT_TRUE(std::regex_match(out, std::regex("Sending stop signal to " + std::to_string(pid) + " \\.* done\n"))) << out;
-    EXPECT_TRUE(wait_for([&] { return !alive(pid); }));
+    EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
     EXPECT_EQ(-1, pidfile_holder());
     EXPECT_TRUE(has_event("exit 3 pid=" + std::to_string(pid)));
 }
@@ -236,7 +217,7 @@ TEST_F(DaemonTest, SignalsReachEveryStopNotification) {
         ASSERT_GT(pid, 0);
         ASSERT_EQ(0, ::kill(pid, c.signal));
         const std::string exit_line = std::string("exit ") + c.exit_status + " pid=" + std::to_string(pid);
-        ASSERT_TRUE(wait_for([&] { return has_event(exit_line); })) << c.mode << " " << c.signal;
+        ASSERT_TRUE(wait_until([&] { return has_event(exit_line); })) << c.mode << " " << c.signal;
         // The run loop and the stop callback run on different threads: compare as sets.
         std::multiset<std::string> seen;
         for (const auto& line : events())
@@ -245,7 +226,7 @@ TEST_F(DaemonTest, SignalsReachEveryStopNotification) {
         const std::multiset<std::string> expected(c.after_run.begin(), c.after_run.end());
         EXPECT_EQ(expected, seen) << c.mode << " " << c.signal;
         EXPECT_EQ(exit_line, events().back()) << "the run callback returns after the notifications";
-        EXPECT_TRUE(wait_for([&] { return !alive(pid); }));
+        EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
     }
 }
 
@@ -265,8 +246,8 @@ TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnTerm) {
                              "-no-detach"},
                             root_ / "daemon.out");
     ASSERT_GT(pid, 0);
-    ASSERT_TRUE(wait_for([&] { return has_event("run pid=" + std::to_string(pid)); })) << "runs in the started process";
-    const ProcIds ids = proc_ids(pid);
+    ASSERT_TRUE(wait_until([&] { return has_event("run pid=" + std::to_string(pid)); })) << "runs in the started process";
+    const kstest::ProcStat ids = kstest::proc_stat(pid);
     EXPECT_EQ(pid, ids.pgrp) << "its own process group";
     EXPECT_EQ(::getsid(0), ids.session) << "still in our session";
     EXPECT_EQ(root_ / "daemon.out", fd_target(pid, 1)) << "standard output kept";
@@ -324,13 +305,13 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
             if (line.rfind("default ", 0) == 0) seen.push_back(line);
         return seen;
     };
-    ASSERT_TRUE(wait_for([&] { return default_rounds().size() >= 3; }));
+    ASSERT_TRUE(wait_until([&] { return default_rounds().size() >= 3; }));
 
     // The subscription is made by the settings thread; change the key until it is seen.
     bool changed = false;
     for (int attempt = 0; attempt < 10 && !changed; ++attempt) {
         ASSERT_EQ(0, setmgmt("set /default_settings v" + std::to_string(attempt)));
-        changed = wait_for([&] { return default_rounds().size() >= 6; }, std::chrono::milliseconds(1000));
+        changed = wait_until([&] { return default_rounds().size() >= 6; }, std::chrono::milliseconds(1000));
     }
     ASSERT_TRUE(changed);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -348,7 +329,7 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     EXPECT_EQ("Static log config validation OK. Sending log config '" + config + "' to daemon ...\n", out);
     const std::string new_output = root_ / "var/log/runtime-output.0";
     std::string plain;
-    ASSERT_TRUE(wait_for([&] {
+    ASSERT_TRUE(wait_until([&] {
         plain.clear();
         kstest::run("'" + kstest::tool_path("kslogreader") + "' -k '" + root_.private_key() + "' '" + new_output + "'",
                     &plain);
@@ -367,14 +348,14 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     EXPECT_NE(out.find("Error: Failed to resolve path '/no/such/file.json'"), std::string::npos) << out;
 
     EXPECT_EQ(0, daemon("-stop", &out, "normal", false)) << out;
-    EXPECT_TRUE(wait_for([&] { return !alive(pid); }));
+    EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
 }
 
 TEST_F(DaemonTest, CrashLeavesAReportAndAStalePidFileThatDoesNotBlockAStart) {
     ASSERT_EQ(0, daemon("-start", nullptr, "crash"));
     const pid_t pid = wait_running();
     ASSERT_GT(pid, 0);
-    ASSERT_TRUE(wait_for([&] { return !alive(pid); }));
+    ASSERT_TRUE(wait_until([&] { return !alive(pid); }));
     const std::string dir = "/tmp/kslogs" + root_.path() + "/var/crash";
     std::string listing;
     kstest::run("ls '" + dir + "'", &listing);

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "kstest.h"
+#include "crypto_support.h"
 
 namespace kslogtest {
 
@@ -59,18 +59,10 @@ inline std::string messages(const std::string& text) {
 // Block types of a log file in order (1 key, 2 record); empty when the header is bad or
 // a block is torn.
 inline std::vector<int> block_types(const std::string& path) {
-    const std::string bytes = kstest::read_file(path);
+    bool whole = false;
     std::vector<int> types;
-    if (bytes.size() < CRYPTO_LOG_HEADER_SIZE || bytes.compare(0, 4, "KSCL") != 0) return {};
-    for (size_t pos = CRYPTO_LOG_HEADER_SIZE; pos < bytes.size();) {
-        if (pos + 5 > bytes.size()) return {};
-        const auto* p = reinterpret_cast<const unsigned char*>(bytes.data() + pos);
-        const size_t length = p[1] | p[2] << 8 | p[3] << 16 | static_cast<size_t>(p[4]) << 24;
-        if (pos + 5 + length > bytes.size()) return {};
-        types.push_back(p[0]);
-        pos += 5 + length;
-    }
-    return types;
+    for (const auto& block : kstest::blocks_of(kstest::read_file(path), &whole)) types.push_back(block.first);
+    return whole ? types : std::vector<int>{};
 }
 
 // A record as a log statement would hand it to the core.

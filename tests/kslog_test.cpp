@@ -5,7 +5,6 @@
 #include <kslog.h>
 #include <kswrite.h>
 
-#include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -37,21 +36,13 @@ int exit_status(pid_t pid) {
     return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Runs `body` in a forked child (gtest assertions would not reach the parent from there);
-// the child's exit status is body's result.
-int in_child(const std::function<int()>& body) {
-    const pid_t pid = ::fork();
-    if (pid == 0) ::_exit(body());
-    return exit_status(pid);
-}
+using kstest::in_child;
 
 // As in_child, with a private mount namespace and a 64 KiB tmpfs at `dir`; 77 where
 // mounting is not allowed.
 int in_small_filesystem(const std::string& dir, const std::function<int()>& body) {
     return in_child([&] {
-        if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount("kstest", dir.c_str(), "tmpfs", 0, "size=64k") != 0)
-            return 77;
+        if (!kstest::private_mounts() || ::mount("kstest", dir.c_str(), "tmpfs", 0, "size=64k") != 0) return 77;
         return body();
     });
 }

@@ -85,11 +85,4 @@ TEST_F(FacadeTest, LogJsonAndBacktrace) {
               std::string::npos);
 }
 
-TEST(KslogFacadeStart, FailsWithoutTheLogKey) {
-    kstest::InstallRoot root;
-    ::unlink((root / "etc/logs-pub.pem").c_str());
-    EXPECT_FALSE(ks::log::start("/bin/kstestd", root.path().c_str()));
-    EXPECT_FALSE(ks::log::started());
-}
-
 }  // namespace

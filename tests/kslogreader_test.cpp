@@ -17,7 +17,7 @@
 
 namespace {
 
-std::string quoted(const std::string& text) { return "'" + text + "'"; }
+using kstest::quoted;
 
 class LogReaderTool : public ::testing::Test {
 protected:

@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -308,26 +307,21 @@ TEST(StoreFile, FailedSavesKeepThePreviousFile) {
     // A read-only directory. Permissions do not stop root, so a child mounts a file system
     // of its own there and makes it read-only; other users get a mode of 0555.
     ASSERT_EQ(::mkdir(ro.c_str(), 0755), 0);
-    const pid_t pid = ::fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        const bool mounted = ::unshare(CLONE_NEWNS) == 0 && ::mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                             ::mount("tmpfs", ro.c_str(), "tmpfs", 0, nullptr) == 0;
+    const int failures = kstest::in_child([&] {
+        const bool mounted = kstest::private_mounts() && ::mount("tmpfs", ro.c_str(), "tmpfs", 0, nullptr) == 0;
         store.setKey("/a", bytes("4"), String, 1);
         store.save({ro + "/settings"});
         const std::string old = kstest::read_file(ro + "/settings");
         if (mounted ? ::mount("", ro.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) : ::chmod(ro.c_str(), 0555))
-            ::_exit(16);
+            return 16;
         store.setKey("/a", bytes("5"), String, 1);
-        int failures = store.save({ro + "/settings"}) != 0;
-        failures |= (code() != ks::E_SYSTEM) << 1;
-        failures |= (old.empty() || kstest::read_file(ro + "/settings") != old) << 2;
-        ::_exit(failures);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        int failed = store.save({ro + "/settings"}) != 0;
+        failed |= (code() != ks::E_SYSTEM) << 1;
+        failed |= (old.empty() || kstest::read_file(ro + "/settings") != old) << 2;
+        return failed;
+    });
     ::chmod(ro.c_str(), 0755);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "1 result, 2 no E_SYSTEM, 4 old file changed";
+    EXPECT_EQ(failures, 0) << "1 result, 2 no E_SYSTEM, 4 old file changed";
 }
 
 // Keys 1 to 7 components deep over a small vocabulary, with multi-line strings, binary

@@ -90,11 +90,10 @@ TEST(ForkHooks, RunInChildOnlyForLibraryForks) {
     ASSERT_EQ(ks::lib_atfork(count_hook), 0);
     ASSERT_EQ(ks::lib_atfork(count_hook), 0) << "registering twice keeps one entry";
     EXPECT_EQ(kslib_atfork(nullptr), -1);
-    auto child_count = [](pid_t pid) {
+    auto child_count = [](pid_t pid) {  // the hook calls the child saw
         if (pid == 0) _exit(g_hook_calls.load());
         int status = 0;
-        waitpid(pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     };
     EXPECT_EQ(child_count(ks::fork()), 1);
     EXPECT_EQ(child_count(::fork()), 0) << "a plain fork runs no hooks";
@@ -104,20 +103,12 @@ TEST(ForkHooks, RunInChildOnlyForLibraryForks) {
 TEST(ProcessLock, HolderPidVisibleToOtherProcesses) {
     kstest::TempDir dir;
     const std::string file = dir / "daemon.pid";
-    int to_child[2], to_parent[2];
-    ASSERT_EQ(pipe(to_child), 0);
-    ASSERT_EQ(pipe(to_parent), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-        close(to_child[1]);
+    kstest::HeldChild child([&](const kstest::HeldChild::Report& report) {
         ks::ProcessLock lock;
-        char c = lock.open(file) && lock.lock() == 1 ? 'L' : 'E';
-        if (write(to_parent[1], &c, 1) != 1 || read(to_child[0], &c, 1) < 0) _exit(1);
-        _exit(0);
-    }
-    char c = 0;
-    ASSERT_EQ(read(to_parent[0], &c, 1), 1);
-    ASSERT_EQ(c, 'L');
+        report(lock.open(file) && lock.lock() == 1 ? 'L' : 'E');
+    });
+    ASSERT_EQ(child.answer, 'L');
+    const pid_t pid = child.pid;
 
     ks::ProcessLock other;
     ASSERT_TRUE(other.open(file));
@@ -128,15 +119,11 @@ TEST(ProcessLock, HolderPidVisibleToOtherProcesses) {
     EXPECT_EQ(other.lock(), 0);
     EXPECT_EQ(kstest::read_file(file), std::to_string(pid) + "\n") << "pid text for start-stop-daemon";
 
-    close(to_child[1]);  // the holder exits, which releases the lock
-    waitpid(pid, nullptr, 0);
+    child.release(true);  // the holder exits, which releases the lock
     EXPECT_EQ(other.holder_pid(holder), 0);
     EXPECT_EQ(other.wait_lock(), 1);
     EXPECT_EQ(kstest::read_file(file), std::to_string(getpid()) + "\n");
     EXPECT_EQ(other.unlock(), 0);
-    close(to_child[0]);
-    close(to_parent[0]);
-    close(to_parent[1]);
 
     EXPECT_EQ(plock_open((dir / "no/such/dir/x.pid").c_str(), O_RDWR | O_CREAT), -1);
     EXPECT_EQ(ks::_get_kserrno().code, ks::E_SYSTEM);
@@ -155,19 +142,15 @@ TEST(Environ, CopiesEditsAndServesEnvp) {
     EXPECT_FALSE(env.set("", "x"));
     EXPECT_STREQ(getenv("KSTEST_ENV"), "one") << "the process environment is untouched";
 
-    std::string out;
-    pid_t pid = fork();
-    if (pid == 0) {
-        char* const argv[] = {const_cast<char*>("/bin/sh"), const_cast<char*>("-c"),
-                              const_cast<char*>("test \"$KSTEST_ENV\" = two=2 && test -z \"$KSTEST_NEW\" && "
-                                                "env | grep -q '^KSTEST_NEW=$'"),
-                              nullptr};
-        execve("/bin/sh", argv, env.envp());
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(kstest::in_child([&] {
+                  char* const argv[] = {const_cast<char*>("/bin/sh"), const_cast<char*>("-c"),
+                                        const_cast<char*>("test \"$KSTEST_ENV\" = two=2 && test -z \"$KSTEST_NEW\" && "
+                                                          "env | grep -q '^KSTEST_NEW=$'"),
+                                        nullptr};
+                  execve("/bin/sh", argv, env.envp());
+                  return 127;
+              }),
+              0);
     env.unset("KSTEST_NEW");
     EXPECT_FALSE(env.get("KSTEST_NEW").has_value());
     EXPECT_EQ(env.envp()[env.size()], nullptr);

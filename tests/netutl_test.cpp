@@ -115,9 +115,8 @@ TEST_F(NetMgmtTest, ServiceThreadCallsListenersUntilTheLastUninit) {
     EXPECT_EQ(wan_heard, wan.seen.size()) << "removed listener called";
     EXPECT_EQ(0, nm::uninit());
     // A joined thread can linger in /proc for a moment.
-    for (int i = 0; i < 100 && threads() != running - 1; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(running - 1, threads()) << "the thread stopped after the last uninit";
+    EXPECT_TRUE(kstest::wait_until([&] { return threads() == running - 1; }, std::chrono::seconds(1)))
+        << "the thread stopped after the last uninit";
 }
 
 TEST_F(NetMgmtTest, EventLoopHandle) {

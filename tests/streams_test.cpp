@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -49,8 +48,8 @@ TEST(Memstream, ReadFileAppendsOrReplaces) {
     EXPECT_EQ(s.str(), big) << "a failed read leaves the stream as it was";
 }
 
-TEST(TranslateMode, FromModeText) {
-    const std::pair<const char*, ios_base::openmode> cases[] = {
+TEST(TranslateMode, FromModeTextAndOpenFlags) {
+    const std::pair<const char*, ios_base::openmode> texts[] = {
         {"", ios_base::in | ios_base::out},
         {"x", ios_base::in | ios_base::out},
         {"b", ios_base::in | ios_base::out | ios_base::binary},
@@ -66,19 +65,16 @@ TEST(TranslateMode, FromModeText) {
         {"a", ios_base::out | ios_base::app},
         {"a+", ios_base::in | ios_base::out | ios_base::app},
     };
-    for (const auto& [mode, expected] : cases)
+    for (const auto& [mode, expected] : texts)
         EXPECT_EQ(ks::detail::translate_mode(ks::string_view(mode)), expected) << '"' << mode << '"';
-}
-
-TEST(TranslateMode, FromOpenFlags) {
-    const std::pair<int, ios_base::openmode> cases[] = {
+    const std::pair<int, ios_base::openmode> flags[] = {
         {O_RDONLY, ios_base::in | ios_base::out | ios_base::binary},
         {O_WRONLY, ios_base::out | ios_base::binary},
         {O_WRONLY | O_TRUNC, ios_base::out | ios_base::trunc | ios_base::binary},
         {O_RDWR | O_APPEND, ios_base::in | ios_base::out | ios_base::app | ios_base::binary},
         {O_WRONLY | O_RDWR, ios_base::in | ios_base::out | ios_base::binary},
     };
-    for (const auto& [flags, expected] : cases) EXPECT_EQ(ks::detail::translate_mode(flags), expected) << flags;
+    for (const auto& [flag, expected] : flags) EXPECT_EQ(ks::detail::translate_mode(flag), expected) << flag;
 }
 
 TEST(Fstream, ReadsWritesAndReportsOpenFailure) {
@@ -103,40 +99,6 @@ TEST(Fstream, ReadsWritesAndReportsOpenFailure) {
     EXPECT_EQ(ks::_get_kserrno().code, ks::E_SYSTEM);
 }
 
-// A child that holds the lock on `file` until told to let go through a pipe.
-struct LockHolder {
-    pid_t pid = -1;
-    int release_fd = -1;
-
-    explicit LockHolder(const std::string& file) {
-        int ready[2], release[2];
-        if (pipe(ready) != 0 || pipe(release) != 0) return;
-        pid = fork();
-        if (pid == 0) {
-            close(release[1]);
-            ks::fstream f(file, "r+");
-            char c = f.lock() == 1 ? 'L' : 'E';
-            if (write(ready[1], &c, 1) != 1) _exit(1);
-            if (read(release[0], &c, 1) < 0) _exit(1);
-            _exit(0);
-        }
-        close(ready[1]);
-        close(release[0]);
-        char c = 0;
-        if (read(ready[0], &c, 1) != 1 || c != 'L') pid = -1;
-        close(ready[0]);
-        release_fd = release[1];
-    }
-    void release() {
-        if (release_fd >= 0) close(release_fd);
-        release_fd = -1;
-    }
-    ~LockHolder() {
-        release();
-        if (pid > 0) waitpid(pid, nullptr, 0);
-    }
-};
-
 TEST(Fstream, LocksAreExclusiveBetweenProcesses) {
     kstest::TempDir dir;
     ASSERT_TRUE(kstest::write_file(dir / "lock", ""));
@@ -144,8 +106,11 @@ TEST(Fstream, LocksAreExclusiveBetweenProcesses) {
     ASSERT_TRUE(f.is_open());
     EXPECT_EQ(f.is_locked(), 0);
     {
-        LockHolder holder(dir / "lock");
-        ASSERT_GT(holder.pid, 0);
+        kstest::HeldChild holder([&](const kstest::HeldChild::Report& report) {
+            ks::fstream held(dir / "lock", "r+");
+            report(held.lock() == 1 ? 'L' : 'E');
+        });
+        ASSERT_EQ(holder.answer, 'L');
         int pid = 0;
         EXPECT_EQ(f.is_locked(pid), 1);
         EXPECT_EQ(pid, holder.pid);

@@ -119,8 +119,7 @@ TEST(TxQueueManager, PartialSendsResumeInOrderOverPairsAndTcp) {
         ASSERT_TRUE(m.add(c.ours, released.buffer(second)));
         const std::string got = c.read_slowly(first.size() + second.size());
         EXPECT_TRUE(got == first + second) << (tcp ? "tcp" : "pair") << ": bytes lost, repeated or reordered";
-        for (int i = 0; i < 200 && (released.count < 2 || watched(c.ours)); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        kstest::wait_until([&] { return released.count == 2 && !watched(c.ours); }, std::chrono::seconds(1));
         EXPECT_EQ(2, released.count);
         EXPECT_FALSE(watched(c.ours)) << "an empty queue's socket leaves the epoll set";
         m.remove(c.ours);
@@ -171,7 +170,7 @@ TEST(TxQueueManager, PeerClosingMidStreamReleasesWithoutSigpipeOrLeak) {
         gone.read_slowly(100000);
         ::close(gone.peer);
         gone.peer = -1;
-        for (int i = 0; i < 400 && released.count < 4; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        kstest::wait_until([&] { return released.count == 4; }, std::chrono::seconds(2));
         EXPECT_EQ(4, released.count) << "the dead socket's buffers are released";
         const std::string note = "still working";  // must outlive its send
         ASSERT_TRUE(m.add(alive.ours, released.buffer(note)));

@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -94,17 +95,71 @@ int open_descriptors() {
 int zombie_children() {
     int count = 0;
     std::error_code ec;
-    const std::string self = std::to_string(::getpid());
     for (const auto& entry : std::filesystem::directory_iterator("/proc", ec)) {
-        const std::string stat = read_file(entry.path().string() + "/stat");
-        const auto close = stat.rfind(')');
-        if (close == std::string::npos) continue;
-        std::istringstream fields(stat.substr(close + 2));
-        std::string state, ppid;
-        fields >> state >> ppid;
-        if (state == "Z" && ppid == self) ++count;
+        const pid_t pid = static_cast<pid_t>(std::atol(entry.path().filename().c_str()));
+        if (pid <= 0) continue;
+        const ProcStat stat = proc_stat(pid);
+        count += stat.state == 'Z' && stat.ppid == ::getpid();
     }
     return count;
+}
+
+bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+    for (const auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
+        if (done()) return true;
+        ::usleep(10000);
+    }
+    return done();
+}
+
+ProcStat proc_stat(pid_t pid) {
+    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    ProcStat fields;
+    if (const auto close = stat.rfind(')'); close != std::string::npos)
+        std::sscanf(stat.c_str() + close + 2, "%c %ld %ld %ld", &fields.state, &fields.ppid, &fields.pgrp,
+                    &fields.session);
+    return fields;
+}
+
+int in_child(const std::function<int()>& body) {
+    const pid_t pid = ::fork();
+    if (pid == 0) ::_exit(body());
+    int status = 0;
+    return pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool private_mounts() {
+    return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+HeldChild::HeldChild(const std::function<void(const Report&)>& body) {
+    int ready[2], hold[2];
+    if (::pipe2(ready, O_CLOEXEC) != 0) return;
+    if (::pipe2(hold, O_CLOEXEC) != 0) {
+        ::close(ready[0]), ::close(ready[1]);
+        return;
+    }
+    pid = ::fork();
+    if (pid == 0) {
+        ::close(hold[1]);
+        body([&](char c) {
+            if (::write(ready[1], &c, 1) != 1 || ::read(hold[0], &c, 1) < 0) ::_exit(1);
+        });
+        ::_exit(0);
+    }
+    ::close(ready[1]);
+    ::close(hold[0]);
+    if (pid < 0 || ::read(ready[0], &answer, 1) != 1) answer = 0;
+    ::close(ready[0]);
+    release_fd_ = hold[1];
+}
+
+HeldChild::~HeldChild() { release(true); }
+
+void HeldChild::release(bool reap) {
+    if (release_fd_ >= 0) ::close(release_fd_);
+    release_fd_ = -1;
+    if (reap && pid > 0) ::waitpid(pid, nullptr, 0), pid = -1;
 }
 
 std::string tool_path(const std::string& name) { return std::string(KS_BINARY_DIR) + "/tools/" + name; }

@@ -4,6 +4,10 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,6 +27,9 @@ public:
 private:
     std::string path_;
 };
+
+// `path` in single quotes, for a shell command line.
+inline std::string quoted(const std::string& path) { return "'" + path + "'"; }
 
 // Runs `command` through /bin/sh; returns its exit status (-1 when it could not run or was
 // killed) and, when `output` is given, its standard output.
@@ -78,6 +85,41 @@ private:
 // Descriptors this process has open, and its children that are zombies: leak checks.
 int open_descriptors();
 int zombie_children();
+
+// Polls `done` every 10 ms until it holds or `limit` has passed; its last answer.
+bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(15));
+
+// Fields 3 to 6 of /proc/<pid>/stat; state 0 when the process is gone.
+struct ProcStat {
+    char state = 0;
+    long ppid = -1, pgrp = -1, session = -1;
+};
+ProcStat proc_stat(pid_t pid);
+
+// Runs `body` in a forked child (gtest assertions would not reach the parent from there);
+// the child's exit status is body's result, -1 when it did not exit.
+int in_child(const std::function<int()>& body);
+
+// In a forked child: a mount namespace of its own whose mounts do not reach the parent's.
+bool private_mounts();
+
+// A forked child that sets something up (a lock, say) and calls `report` with a
+// one-character answer; report then holds the child there until released or destroyed.
+class HeldChild {
+public:
+    using Report = std::function<void(char)>;
+    explicit HeldChild(const std::function<void(const Report&)>& body);
+    ~HeldChild();
+    HeldChild(const HeldChild&) = delete;
+    HeldChild& operator=(const HeldChild&) = delete;
+    void release(bool reap = false);  // lets the child exit; reaped now or on destruction
+
+    pid_t pid = -1;
+    char answer = 0;  // 0 when the child could not report
+
+private:
+    int release_fd_ = -1;
+};
 
 // The build tree's directory of shipped programs (tools/).
 std::string tool_path(const std::string& name);
