@@ -7,6 +7,7 @@
 
 #include "kssetter/kssetmgmt/protocol.h"
 #include "kssetter/kssetmgmt/setmgmt_private.h"
+#include "kssys.h"
 
 #include <ksutils/error.h>
 #include <ksutils/kslog.h>
@@ -148,17 +149,11 @@ int64_t Connection::failIo(bool resetOnError) {
 }
 
 int64_t Connection::send(const unsigned char* data, unsigned long length, bool resetOnError) {
-    unsigned long sent = 0;
-    while (sent < length) {
-        const ssize_t n = ::send(fd, data + sent, length - sent, MSG_NOSIGNAL);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            _get_kserrno().set(E_SYSTEM);
-            return failIo(resetOnError);
-        }
-        sent += static_cast<unsigned long>(n);
+    if (!sys::send_full(fd, data, length)) {
+        _get_kserrno().set(E_SYSTEM);
+        return failIo(resetOnError);
     }
-    return static_cast<int64_t>(sent);
+    return static_cast<int64_t>(length);
 }
 
 int64_t Connection::send(unsigned long length, bool resetOnError) { return send(buffer.get(), length, resetOnError); }
