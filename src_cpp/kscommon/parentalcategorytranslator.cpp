@@ -13,6 +13,9 @@ namespace ks {
 
 namespace {
 
+// 2,097,152 categories, a 256 KiB bit set: far above any real table.
+constexpr uint64_t kMaxCategoryWords = 65536;
+
 uint64_t to_unsigned(const json_t* number) {
     return json_is_integer(number) ? static_cast<uint64_t>(json_integer_value(number))
                                    : static_cast<uint64_t>(json_real_value(number));
@@ -29,6 +32,8 @@ const char* invalid_reason(const json_t* element) {
     if (!json_is_string(name) || json_string_length(name) == 0) return "invalid json category (null or empty 'name')";
     if (!json_is_number(number)) return "invalid json category ('number' not a number)";
     if (!json_is_number(bit)) return "invalid json category ('bit' not a number)";
+    // Every encode() allocates "number" words: a file must not make that unbounded.
+    if (to_unsigned(number) > kMaxCategoryWords) return "invalid json category ('number' out of range)";
     return nullptr;
 }
 
