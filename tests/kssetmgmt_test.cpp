@@ -4,6 +4,8 @@
 #include "kssetter_fixture.h"
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 
 using namespace kssetter_test;
 using namespace ks::setter;
@@ -135,6 +137,20 @@ TEST(SetMgmtClientUninitialized, RefusesUseAndNestsInit) {
     sm::uninit();
     EXPECT_EQ(0, sm::uninit());
     EXPECT_FALSE(sm::initialized());
+}
+
+TEST(SetMgmtClientUninitialized, InitNeedsItsLogChannel) {
+    // Logging is process-wide and other tests start it: the check runs in a child without it.
+    if (!std::getenv("KS_TEST_EMULATED")) GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string message = std::string("Cannot open log channel '") + ks::log::kKSSetMgmtChannel + "'.";
+    EXPECT_EXIT(
+        {
+            if (ks::log::started()) ks::log::stop();
+            const bool refused = failed(sm::init(), ks::E_FAULT) && !sm::initialized();
+            std::fputs(errorText().c_str(), stderr);
+            std::_Exit(refused ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), kstest::death_message(message));
 }
 
 using SetMgmtServer = WithServer;

@@ -8,6 +8,7 @@
 #include <kssetter/ksstorage.h>
 
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <mutex>
 
@@ -240,6 +241,44 @@ TEST_F(KssetterTest, CommandLineClient) {
     watcher.join();
     // One line per changed key and wake-up: the two changes may come in one wake-up or two.
     EXPECT_TRUE(watched == "/cli/one\n" || watched == "/cli/one\n/cli/one\n") << watched;
+}
+
+TEST_F(KssetterTest, CommandLineClientWithoutLogKey) {
+    // No log key, no log core: the tool must still reach the server, with its own messages.
+    const std::string key = root() / "etc/logs-pub.pem", away = key + ".away";
+    ASSERT_EQ(0, std::rename(key.c_str(), away.c_str()));
+    struct PutBack {
+        std::string from, to;
+        ~PutBack() { std::rename(from.c_str(), to.c_str()); }
+    } putBack{away, key};
+    const std::string cli = "'" + kstest::tool_path("kssetmgmt") + "' -root '" + root().path() + "' ";
+    const std::string blob = "\0\1\xff"s, blobFile = root() / "var/tmp/blob";
+    ASSERT_TRUE(kstest::write_file(blobFile, blob));
+    const std::tuple<std::string, int, std::string> steps[] = {  // arguments, exit status, output
+        {"set /bare/name 'the box'", 0, ""},
+        {"get /bare/name", 0, "the box"},
+        {"set-file /bare/blob '" + blobFile + "'", 0, ""},
+        {"stat /bare/blob", 0, "binary 3\n"},
+        {"set /bare/empty ''", 0, ""},
+        {"stat /bare/empty", 0, "none 0\n"},
+        {"lock-set /bare/locked yes", 0, ""},
+        {"enum /bare", 0, "blob\nempty\nlocked\nname\n"},
+        {"delete /bare/name", 0, ""},
+        {"get /bare/name 2>&1", 2, "kssetmgmt: get /bare/name: Key not found (E_INVAL)\n"},
+        {"get /bare/ 2>&1", 2, "kssetmgmt: get /bare/: Invalid key format (key must not end with /) (E_INVAL)\n"},
+    };
+    for (const auto& [args, status, output] : steps) {
+        std::string out;
+        EXPECT_EQ(status, kstest::run(cli + args, &out)) << args;
+        EXPECT_EQ(output, out) << args;
+    }
+    EXPECT_EQ("yes", sm::getKeyValue("/bare/locked", ""));  // written for everyone, not just the tool
+
+    // No server and no offline copy to read: a clear message and status 1.
+    server.stop();
+    std::string out;
+    EXPECT_EQ(1, kstest::run(cli + "get /bare/locked 2>&1", &out));
+    EXPECT_EQ(0u, out.find("kssetmgmt: no settings server at " + root() / "var/run/kssetmgmt.skt")) << out;
 }
 
 TEST_F(KssetterTest, PipelinedRequestsWithoutReading) {

@@ -33,8 +33,6 @@ namespace {
 
 using storage::NodeInfo;
 
-constexpr char kDelimiter = '/';
-
 std::atomic<int> g_initCount{0};
 std::mutex g_initMutex;
 std::atomic<bool> g_offlineMode{false};
@@ -58,25 +56,6 @@ void setNotInitialized() { _get_kserrno().set(E_FAULT, "ks::setMgmt is not initi
 
 void setLostServer() { _get_kserrno().set(E_DISCONNECTED, "Can't communicate with server"); }
 
-// The shape of a key is refused here, before any I/O; its characters are the server's
-// to refuse ("Invalid operation").
-bool checkKeyFormat(const std::string& key) {
-    switch (setter::keyFault(key)) {
-        case setter::KeyFault::noLeadingDelimiter:
-            _get_kserrno().set(E_INVAL, "Invalid key format (key must start with {:c})", kDelimiter);
-            return false;
-        case setter::KeyFault::trailingDelimiter:
-            _get_kserrno().set(E_INVAL, "Invalid key format (key must not end with {:c})", kDelimiter);
-            return false;
-        case setter::KeyFault::emptyComponent:
-            _get_kserrno().set(E_INVAL, "Invalid key format (no consecutive '{:c}' allowed)", kDelimiter);
-            return false;
-        case setter::KeyFault::reservedCharacter:
-        case setter::KeyFault::none: return true;
-    }
-    return true;
-}
-
 // A forked child must not wait on a mutex some other thread of the parent held at the
 // fork, nor talk over the forking thread's socket, which the parent keeps using.
 void childAfterFork() {
@@ -96,7 +75,7 @@ Route prepare(const std::string* key, bool read) {
         setNotInitialized();
         return Route::fail;
     }
-    if (key && !checkKeyFormat(*key)) return Route::fail;
+    if (key && !setter::checkClientKey(*key)) return Route::fail;
     Connection& c = t_connection;
     if (c.lockHeld) {
         // Reconnecting would silently drop the lock the caller believes it holds.
@@ -109,48 +88,9 @@ Route prepare(const std::string* key, bool read) {
     return Route::fail;
 }
 
-// Sends the framed request and reads the 8-byte result: the result, or -1 with the error
-// set (a negative result mapped to its error).
-int64_t exchange(Connection& c, int64_t frameLength) {
-    if (frameLength < 0) return -1;
-    if (c.send(static_cast<unsigned long>(frameLength), true) < 0) return -1;
-    int64_t result = 0;
-    if (c.recv(reinterpret_cast<unsigned char*>(&result), sizeof result, true, true) < 0) return -1;
-    if (result < 0) {
-        Connection::setErrno(result);
-        return -1;
-    }
-    return result;
-}
-
 void setParseError(Connection& c) {
     c.reset();  // the rest of the reply is still in the socket; start afresh
     _get_kserrno().set(E_FAULT, "Failed to parse data");
-}
-
-// A whole request whose reply to `cmd` carries a payload: the payload is received into the
-// connection's buffer, behind the result, and the reply is decoded from there.
-bool exchangeForPayload(Connection& c, setter::CmdType cmd, int64_t frameLength, setter::Reply& reply) {
-    const int64_t result = exchange(c, frameLength);
-    if (result < 0) return false;
-    const uint64_t payload = setter::replyPayloadSize(cmd, result);
-    if (payload > setter::kMaxBodyLength) {
-        setParseError(c);
-        return false;
-    }
-    const uint64_t total = setter::kResultSize + payload;
-    if (total > c.capacity && !c.resizeBuffer(total)) {
-        c.reset();
-        return false;
-    }
-    std::memcpy(c.buffer.get(), &result, sizeof result);
-    if (payload && c.recv(c.buffer.get() + setter::kResultSize, payload, true, true) < 0) return false;
-    size_t consumed = 0;
-    if (setter::decodeReply(cmd, c.buffer.get(), total, reply, consumed) != setter::Decoded::ok) {
-        setParseError(c);
-        return false;
-    }
-    return true;
 }
 
 template <class Read>
@@ -197,17 +137,10 @@ int64_t offlineGet(const std::string& key, unsigned char*& value) {
 
 int64_t setRequest(const std::string& key, const unsigned char* value, unsigned long size, storage::ValueType type) {
     if (prepare(&key, false) != Route::server) return -1;
-    Connection& c = t_connection;
-    setter::Request request;
-    request.command = setter::CMD_SET;
-    request.lockHeld = c.lockHeld;
-    request.key = key;
+    setter::Request request = setter::makeRequest(setter::CMD_SET, key);
     request.type = type;
     request.value = ks::string_view(reinterpret_cast<const char*>(value), size);
-    const uint64_t body = setter::bodySize(request);
-    if (c.setCmdIntro(setter::CMD_SET, body) < 0) return -1;
-    setter::encodeRequest(request, c.buffer.get());
-    if (exchange(c, static_cast<int64_t>(setter::kHeaderSize + body)) < 0) return -1;
+    if (setter::sendRequest(t_connection, request) < 0) return -1;
     invalidateOffline();
     return 0;
 }
@@ -242,14 +175,11 @@ int init() {
     g_offlineMode = true;
     invalidateOffline();
     const unsigned long channel = log::open_channel(log::kKSSetMgmtChannel);
-    if (static_cast<long>(channel) >= 0) {
-        g_logChannel = static_cast<long>(channel);
-    } else if (log::started()) {
+    if (static_cast<long>(channel) < 0) {
         _get_kserrno().set(E_FAULT, "Cannot open log channel '{:s}'.", log::kKSSetMgmtChannel);
         return -1;
     }
-    // Without a log core at all (a command-line tool on an install root without a log key)
-    // the client works unlogged: its caller reports failures from the error record.
+    g_logChannel = static_cast<long>(channel);
     ks::lib_atfork(childAfterFork);
     KSLOG_DEBUG(_log_channel(), "ks::setMgmt successfully initialized");
     ++g_initCount;
@@ -279,7 +209,7 @@ int64_t getKey(const std::string& key, unsigned char*& value) {
     if (route == Route::offline) return offlineGet(key, value);
     if (route == Route::fail) return -1;
     Connection& c = t_connection;
-    const int64_t size = exchange(c, c.setCmdIntroAndKey(setter::CMD_GET, key, true));
+    const int64_t size = setter::sendRequest(c, setter::makeRequest(setter::CMD_GET, key));
     if (size <= 0) return size;
     if (setter::replyPayloadSize(setter::CMD_GET, size) > setter::kMaxBodyLength) {
         setParseError(c);
@@ -308,9 +238,8 @@ int64_t getKey(const std::string& key, std::string& value) {
         return n;
     }
     if (route == Route::fail) return -1;
-    Connection& c = t_connection;
     setter::Reply reply;
-    if (!exchangeForPayload(c, setter::CMD_GET, c.setCmdIntroAndKey(setter::CMD_GET, key, true), reply)) return -1;
+    if (setter::roundTrip(t_connection, setter::makeRequest(setter::CMD_GET, key), reply) < 0) return -1;
     value.assign(reply.payload.data(), reply.payload.size());
     return static_cast<int64_t>(reply.payload.size());
 }
@@ -355,8 +284,7 @@ int setKey(const std::string& key, const unsigned char* value, unsigned long siz
 
 int deleteKey(const std::string& key) {
     if (prepare(&key, false) != Route::server) return -1;
-    Connection& c = t_connection;
-    if (exchange(c, c.setCmdIntroAndKey(setter::CMD_DELETE, key, true)) < 0) return -1;
+    if (setter::sendRequest(t_connection, setter::makeRequest(setter::CMD_DELETE, key)) < 0) return -1;
     invalidateOffline();
     return 0;
 }
@@ -366,9 +294,8 @@ int statKey(const std::string& key, NodeInfo& info) {
     if (route == Route::offline)
         return static_cast<int>(readOffline([&](storage::Store& store) -> int64_t { return store.keyInfo(key, info); }));
     if (route == Route::fail) return -1;
-    Connection& c = t_connection;
     setter::Reply reply;
-    if (!exchangeForPayload(c, setter::CMD_STAT, c.setCmdIntroAndKey(setter::CMD_STAT, key, true), reply)) return -1;
+    if (setter::roundTrip(t_connection, setter::makeRequest(setter::CMD_STAT, key), reply) < 0) return -1;
     if (!setter::decodeNodeInfo(reply.payload, info)) {
         _get_kserrno().set(E_FAULT, "Failed to parse data");
         return -1;
@@ -400,9 +327,8 @@ int enumSubkeys(const std::string& key, std::vector<std::string>& names) {
         }));
     }
     if (route == Route::fail) return -1;
-    Connection& c = t_connection;
     setter::Reply reply;
-    if (!exchangeForPayload(c, setter::CMD_ENUM, c.setCmdIntroAndKey(setter::CMD_ENUM, key, true), reply)) return -1;
+    if (setter::roundTrip(t_connection, setter::makeRequest(setter::CMD_ENUM, key), reply) < 0) return -1;
     const size_t before = names.size();
     int empty = 0;
     setter::decodeNames(reply.payload, names, empty);
@@ -415,14 +341,14 @@ int lockKey(const std::string& key) {
         setNotInitialized();
         return -1;
     }
-    if (!checkKeyFormat(key)) return -1;
+    if (!setter::checkClientKey(key)) return -1;
     Connection& c = t_connection;
     if (c.lockHeld) {
         _get_kserrno().set(E_INVAL, "Can't lock more than one key.");
         return -1;
     }
     if (prepare(&key, false) != Route::server) return -1;
-    if (exchange(c, c.setCmdIntroAndKey(setter::CMD_LOCK, key, false)) < 0) return -1;
+    if (setter::sendRequest(c, setter::makeRequest(setter::CMD_LOCK, key)) < 0) return -1;
     c.lockHeld = true;
     return 0;
 }
@@ -432,7 +358,7 @@ int unlockKey(const std::string& key) {
         setNotInitialized();
         return -1;
     }
-    if (!checkKeyFormat(key)) return -1;
+    if (!setter::checkClientKey(key)) return -1;
     Connection& c = t_connection;
     if (!c.lockHeld) return 0;
     if (!c.isUp()) {
@@ -441,7 +367,7 @@ int unlockKey(const std::string& key) {
         return -1;
     }
     // Sent with the lock byte still set, so that a failure in flight reads as a lost lock.
-    const int64_t result = exchange(c, c.setCmdIntroAndKey(setter::CMD_UNLOCK, key, true));
+    const int64_t result = setter::sendRequest(c, setter::makeRequest(setter::CMD_UNLOCK, key));
     c.lockHeld = false;
     return result < 0 ? -1 : 0;
 }
@@ -469,9 +395,8 @@ bool getOfflineMode() {
 
 int getDebugInfo(storage::DebugInfo& info) {
     if (prepare(nullptr, false) != Route::server) return -1;
-    Connection& c = t_connection;
     setter::Reply reply;
-    if (!exchangeForPayload(c, setter::CMD_DEBUG_INFO, c.setCmdIntro(setter::CMD_DEBUG_INFO, 0), reply)) return -1;
+    if (setter::roundTrip(t_connection, setter::makeRequest(setter::CMD_DEBUG_INFO), reply) < 0) return -1;
     setter::decodeDebugInfo(reply.payload, info);  // the decoder made sure of its size
     return 0;
 }
@@ -485,7 +410,7 @@ NotifyHandle::NotifyHandle(const std::string& subscribedKey, bool keys) : key(su
 int NotifyHandle::init() {
     if (connection.init() < 0) return -1;
     const setter::CmdType cmd = reportKeys ? setter::CMD_NOTIFY_KEYS : setter::CMD_NOTIFY;
-    return exchange(connection, connection.setCmdIntroAndKey(cmd, key, false)) < 0 ? -1 : 0;
+    return setter::sendRequest(connection, setter::makeRequest(cmd, key)) < 0 ? -1 : 0;
 }
 
 int NotifyHandle::getNotifications(int timeoutMs) {
@@ -549,7 +474,7 @@ NotifyHandle* setNotification(const std::string& key, bool reportKeys) {
         setNotInitialized();
         return nullptr;
     }
-    if (!checkKeyFormat(key)) return nullptr;
+    if (!setter::checkClientKey(key)) return nullptr;
     NotifyHandle* handle = new (std::nothrow) NotifyHandle(key, reportKeys);
     if (!handle) {
         errno = ENOMEM;

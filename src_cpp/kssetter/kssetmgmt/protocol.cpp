@@ -3,6 +3,8 @@
 // before it touches them.
 #include "kssetter/kssetmgmt/protocol.h"
 
+#include <ksutils/error.h>
+
 namespace ks {
 namespace setter {
 
@@ -206,6 +208,68 @@ bool decodeDebugInfo(ks::string_view payload, storage::DebugInfo& info) noexcept
     if (payload.size() != sizeof info) return false;
     std::memcpy(&info, payload.data(), sizeof info);
     return true;
+}
+
+// ---- one request over a client connection ----------------------------------------------
+
+bool checkClientKey(ks::string_view key) {
+    switch (keyFault(key)) {
+        case KeyFault::noLeadingDelimiter:
+            _get_kserrno().set(E_INVAL, "Invalid key format (key must start with {:c})", kDelimiter);
+            return false;
+        case KeyFault::trailingDelimiter:
+            _get_kserrno().set(E_INVAL, "Invalid key format (key must not end with {:c})", kDelimiter);
+            return false;
+        case KeyFault::emptyComponent:
+            _get_kserrno().set(E_INVAL, "Invalid key format (no consecutive '{:c}' allowed)", kDelimiter);
+            return false;
+        case KeyFault::reservedCharacter:
+        case KeyFault::none: return true;
+    }
+    return true;
+}
+
+int64_t sendRequest(setMgmt::Connection& c, Request r) {
+    r.lockHeld = c.lockHeld;
+    const uint64_t body = bodySize(r);
+    if (c.setCmdIntro(r.command, body) < 0) return -1;  // grows the buffer to the frame
+    encodeRequest(r, c.buffer.get());
+    if (c.send(static_cast<unsigned long>(kHeaderSize + body), true) < 0) return -1;
+    int64_t result = 0;
+    if (c.recv(reinterpret_cast<unsigned char*>(&result), sizeof result, true, true) < 0) return -1;
+    if (result < 0) {
+        setMgmt::Connection::setErrno(result);
+        return -1;
+    }
+    return result;
+}
+
+namespace {
+
+// The rest of the reply is still in the socket: the next request starts on a fresh one.
+int64_t failParse(setMgmt::Connection& c) {
+    c.reset();
+    _get_kserrno().set(E_FAULT, "Failed to parse data");
+    return -1;
+}
+
+}  // namespace
+
+int64_t roundTrip(setMgmt::Connection& c, Request r, Reply& reply) {
+    const int64_t result = sendRequest(c, r);
+    if (result < 0) return -1;
+    const uint64_t payload = replyPayloadSize(r.command, result);
+    if (payload > kMaxBodyLength) return failParse(c);
+    const uint64_t total = kResultSize + payload;
+    if (total > c.capacity && !c.resizeBuffer(total)) {
+        c.reset();
+        return -1;
+    }
+    std::memcpy(c.buffer.get(), &result, sizeof result);
+    if (payload && c.recv(c.buffer.get() + kResultSize, payload, true, true) < 0) return -1;
+    size_t consumed = 0;
+    if (decodeReply(r.command, c.buffer.get(), total, reply, consumed) != Decoded::ok) return failParse(c);
+    return result;
 }
 
 // ---- notifications ---------------------------------------------------------------------

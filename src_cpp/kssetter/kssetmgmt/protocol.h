@@ -82,6 +82,14 @@ struct Request {
     ks::string_view value;
 };
 
+// A request of `command` about `key`; a SET also needs its type and value filled in.
+inline Request makeRequest(CmdType command, ks::string_view key = {}) {
+    Request r;
+    r.command = command;
+    r.key = key;
+    return r;
+}
+
 KS_EXPORT bool carriesLockByte(uint32_t command) noexcept;
 KS_EXPORT bool carriesKey(uint32_t command) noexcept;
 inline bool isKnownCommand(uint32_t command) { return command >= CMD_SET && command <= CMD_UNLOCK; }
@@ -139,6 +147,22 @@ KS_EXPORT Decoded decodeReply(uint32_t command, const unsigned char* data, size_
 KS_EXPORT void decodeNames(ks::string_view payload, std::vector<std::string>& names, int& empty);
 KS_EXPORT bool decodeNodeInfo(ks::string_view payload, storage::NodeInfo& info) noexcept;
 KS_EXPORT bool decodeDebugInfo(ks::string_view payload, storage::DebugInfo& info) noexcept;
+
+// ---- one request over a client connection ----------------------------------------------
+
+// The client's check of a key's shape, done before any I/O: false with E_INVAL and the
+// fault in the error record. Characters are left to the server ("Invalid operation").
+KS_EXPORT bool checkClientKey(ks::string_view key);
+
+// Frames `r` into the buffer of `c` (connected) with the connection's own lock byte, sends
+// it and reads the 8-byte result. Answers the result, or -1 with the error record set: an
+// I/O failure as the connection reports it, a negative result mapped by setErrno. For
+// callers that receive a reply's payload themselves.
+KS_EXPORT int64_t sendRequest(setMgmt::Connection& c, Request r);
+// sendRequest and the rest of the reply: the payload is received into the buffer of `c`
+// behind the result, and `reply.payload` points there until the next request on `c`. A reply
+// that does not decode closes `c` ("Failed to parse data"): its rest is still in the socket.
+KS_EXPORT int64_t roundTrip(setMgmt::Connection& c, Request r, Reply& reply);
 
 // ---- notifications ---------------------------------------------------------------------
 
