@@ -25,10 +25,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cerrno>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -141,23 +143,16 @@ int get(const std::string& key) {
 
 // Reads the whole regular file into `bytes`; false (with errno) otherwise.
 bool readFile(const std::string& file, std::string& bytes) {
-    ks::unique_fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st;
-    if (!fd || ::fstat(fd.get(), &st) != 0) return false;
+    if (::stat(file.c_str(), &st) != 0) return false;
     if (!S_ISREG(st.st_mode)) {
         errno = EISDIR;
         return false;
     }
-    char chunk[65536];
-    for (;;) {
-        const ssize_t n = ::read(fd.get(), chunk, sizeof chunk);
-        if (n == 0) return true;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        bytes.append(chunk, static_cast<size_t>(n));
-    }
+    std::ifstream in(file, std::ios::binary);
+    if (!in) return false;
+    bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return !in.bad();
 }
 
 int setFile(const std::string& key, const std::string& file) {
