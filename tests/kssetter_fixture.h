@@ -108,6 +108,14 @@ public:
 
     void restart() { stop(), start(); }
 
+    // SIGKILL: the server gets no chance to save anything.
+    void crash() {
+        if (pid_ <= 0) return;
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+
 private:
     pid_t pid_ = -1;
 };

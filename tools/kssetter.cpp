@@ -1,12 +1,13 @@
 // kssetter: the settings server (its core is src_cpp/kssetter/server/).
 //
 // It serves the settings of an install root on "var/run/kssetmgmt.skt" and keeps them in
-// "etc/storage.data" (the file clients read when the server is down). Persistent keys are
-// saved a tenth of a second after a change, at most once a second under a stream of
-// changes, and once more on a clean stop (SIGTERM, SIGINT), so every acknowledged write
-// survives a clean stop; keys under "/tmp" live in memory only. After a crash the file
-// holds the state of the last save: an offline reader sees the settings as they were up to
-// about a second before the crash, never a half-written file.
+// "etc/storage.data" (the file clients read when the server is down) and its journal
+// "etc/storage.data.journal". A persistent change is answered only once it is on disk in
+// the journal; keys under "/tmp" live in memory only. The settings file is rewritten a
+// tenth of a second after a change, at most once a second, and on a clean stop (SIGTERM,
+// SIGINT). After a crash an offline reader sees the settings file as of its last rewrite
+// (about a second behind at most, never half-written); the server, when it starts again,
+// replays the journal and has every acknowledged change.
 //
 // Usage: kssetter [-root DIR]   (runs in the foreground until SIGTERM or SIGINT)
 #include "kssetter/kssetmgmt/protocol.h"

@@ -111,8 +111,14 @@ bool Server::start(bool stopOnSignals) {
     return true;
 }
 
+// Replies and notifications leave only after the changes they follow are on disk, so the
+// callbacks of a round only queue them; the round ends with one commit for all its changes
+// and then the sending.
 void Server::run() {
-    while (running_) loop_.tick(std::chrono::milliseconds(1000));
+    while (running_) {
+        loop_.tick(std::chrono::milliseconds(1000));
+        finish();
+    }
 }
 
 void Server::requestStop() {
@@ -170,9 +176,8 @@ int Server::onListen() {
 int Server::onClient(int fd) {
     Client* c = find(fd);
     if (!c) return 0;
-    if (c->pending()) flush(*c);
+    if (c->pending()) queueFlush(*c);
     if (!c->doomed && (c->events & EPOLLIN)) readFrom(*c);
-    finish();
     return 0;
 }
 
@@ -260,7 +265,7 @@ void Server::handleSet(Client& c, const Request& r) {
     if (store_.setKey(key, r.value.empty() ? nullptr : value, r.type, r.value.size()) < 0)
         return reply(c, kResultInvalidOperation);
     reply(c, 0);
-    persistence_.changed(key);
+    persistence_.set(key, r.type, r.value.empty() ? nullptr : value, r.value.size());
     notify(key, false);
 }
 
@@ -287,7 +292,7 @@ void Server::handleKeyRequest(Client& c, const Request& r) {
         case CMD_DELETE:
             if (store_.delKey(key, true, false) < 0) return reply(c, kResultInvalidOperation);
             reply(c, 0);
-            persistence_.changed(key);
+            persistence_.erased(key, true, false);
             return notify(key, true);
         default: return reply(c, kResultInvalidOperation);
     }
@@ -422,6 +427,13 @@ void Server::finish() {
             Client* c = find(resumed_.front());
             resumed_.pop_front();
             if (c && !c->doomed) handleFrames(*c);
+        }
+        if (!persistence_.commit()) {
+            // Nothing could make the round's changes durable: their requesters must not
+            // take them as done. Connections are closed, never answered falsely.
+            KSLOG_ERROR(kChannel, "Changes could not be made durable; closing {:d} connection(s)", flushQueue_.size());
+            for (int fd : flushQueue_)
+                if (Client* c = find(fd)) doom(*c);
         }
         std::vector<int> flushing;
         flushing.swap(flushQueue_);

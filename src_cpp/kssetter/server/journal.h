@@ -1,0 +1,73 @@
+// The settings server's journal: an append-only file beside the settings file that holds
+// every persistent change made since the settings file was last written, so that a change
+// can be acknowledged as soon as one small append is on disk instead of after a rewrite of
+// the whole file.
+//
+// A record is: payload length (32 bits), CRC-32C of the payload (32 bits), payload. The
+// payload is an operation byte ('S' set, 'D' delete), a byte of type (set) or flags
+// (delete: 1 prune, 2 leaf only), the key's length (32 bits), the key, and for a set the
+// value's bytes. Integers are little-endian.
+//
+// Replay reads records in order and applies them to a store. A last record cut short, or
+// whose checksum fails with nothing after it, is a write that a crash interrupted: it was
+// never acknowledged and is dropped. A record whose checksum fails with more records after
+// it is damage: replay stops there, says so, and keeps the file aside for inspection.
+#pragma once
+
+#include <kssetter/ksstorage.h>
+#include <ksutils/string_view.h>
+#include <ksutils/unique_fd.h>
+
+#include <cstdint>
+#include <string>
+
+namespace ks {
+namespace setter {
+
+class Journal {
+public:
+    explicit Journal(std::string path) : path_(std::move(path)) {}
+
+    struct Replay {
+        size_t applied = 0;     // records applied to the store
+        bool tornTail = false;  // an interrupted last write was dropped
+        bool damaged = false;   // stopped at a record that fails its checksum
+        uint64_t stoppedAt = 0; // offset of the first record not applied
+    };
+    // Applies the journal's records to `store` (a missing journal has none).
+    Replay replay(storage::Store& store) const;
+
+    // Opens the journal for appending, creating it empty.
+    bool open();
+    // Queue one change; nothing reaches the file before commit().
+    void addSet(ks::string_view key, storage::ValueType type, const unsigned char* value, uint64_t size);
+    void addDelete(ks::string_view key, bool prune, bool leafOnly);
+    bool pending() const { return !pending_.empty(); }
+    // Appends the queued records and waits until they are on disk. On failure the file is
+    // cut back to where the append began and the records stay queued.
+    bool commit();
+    // Bytes in the file.
+    uint64_t size() const { return size_; }
+    // Empties the file once the settings file holds every change in it.
+    bool reset();
+    // Forgets the queued records (the settings file holds their changes).
+    void discardPending() { pending_.clear(); }
+
+    const std::string& path() const { return path_; }
+
+    // CRC-32C, exposed for the tests and the fuzz target.
+    static uint32_t crc32c(const unsigned char* data, size_t size);
+    // One encoded record.
+    static std::string encodeSet(ks::string_view key, storage::ValueType type, const unsigned char* value,
+                                 uint64_t size);
+    static std::string encodeDelete(ks::string_view key, bool prune, bool leafOnly);
+
+private:
+    std::string path_;
+    ks::unique_fd fd_;
+    std::string pending_;
+    uint64_t size_ = 0;
+};
+
+}  // namespace setter
+}  // namespace ks
