@@ -5,7 +5,7 @@
 // A persistent SET is answered only once it is on disk, so its row is set against a second
 // Redis that fsyncs its append-only file before every reply ("appendfsync always"), with its
 // data in the same directory tree as our install root: both pay the same file system's fsync.
-// Those rows do a twentieth of the round trips (at least 2000): an fsync costs milliseconds.
+// Those rows do a fiftieth of the round trips (at least 2000): an fsync costs milliseconds.
 //
 // Usage: kssetmgmt_bench [ROUND_TRIPS]   (default 100000 per measurement)
 // Runs kssetter from the build tree (../tools/kssetter next to this program) on a
@@ -176,7 +176,7 @@ std::string exeDir() {
 
 int main(int argc, char** argv) {
     const long total = argc > 1 ? std::atol(argv[1]) : 100000;
-    const long durableTotal = std::max(total / 20, 2000L);
+    const long durableTotal = std::max(total / 50, 2000L);
     char templ[] = "/tmp/kssetmgmt_bench.XXXXXX";
     if (!::mkdtemp(templ)) return 1;
     g_dir = templ;
