@@ -2,6 +2,11 @@
 // socket (redis-benchmark, measured in the same run) and to the floor of the machine: a
 // bare 12-byte-request / 8-byte-reply ping-pong over a socket pair.
 //
+// A persistent SET is answered only once it is on disk, so its row is set against a second
+// Redis that fsyncs its append-only file before every reply ("appendfsync always"), with its
+// data in the same directory tree as our install root: both pay the same file system's fsync.
+// Those rows do a fiftieth of the round trips (at least 2000): an fsync costs milliseconds.
+//
 // Usage: kssetmgmt_bench [ROUND_TRIPS]   (default 100000 per measurement)
 // Runs kssetter from the build tree (../tools/kssetter next to this program) on a
 // temporary install root, and redis-server/redis-benchmark from PATH when installed.
@@ -135,10 +140,12 @@ double pingPongFloor(int pairs, long total) {
     return rate;
 }
 
-// {SET, GET} requests per second from redis-benchmark with `clients` connections, or 0.
-std::pair<double, double> redisRates(const std::string& socketPath, int clients, long total) {
+// {SET, GET} requests per second from redis-benchmark with `clients` connections, or 0 for
+// a test it did not run (`tests` is its -t list).
+std::pair<double, double> redisRates(const std::string& socketPath, int clients, long total,
+                                     const char* tests = "set,get") {
     std::string out;
-    const std::string command = "redis-benchmark -s '" + socketPath + "' -t set,get -P 1 -q -n " +
+    const std::string command = "redis-benchmark -s '" + socketPath + "' -t " + tests + " -P 1 -q -n " +
                                 std::to_string(total) + " -c " + std::to_string(clients) + " 2>/dev/null";
     if (sh(command, &out) != 0) return {0, 0};
     std::pair<double, double> rates{0, 0};
@@ -169,6 +176,7 @@ std::string exeDir() {
 
 int main(int argc, char** argv) {
     const long total = argc > 1 ? std::atol(argv[1]) : 100000;
+    const long durableTotal = std::max(total / 50, 2000L);
     char templ[] = "/tmp/kssetmgmt_bench.XXXXXX";
     if (!::mkdtemp(templ)) return 1;
     g_dir = templ;
@@ -185,18 +193,27 @@ int main(int argc, char** argv) {
         const std::string redisSocket = g_dir + "/redis.sock";
         Child redis({"redis-server", "--port", "0", "--unixsocket", redisSocket, "--save", "", "--appendonly", "no"},
                     redisSocket);
+        const std::string durableDir = g_dir + "/redis-durable";
+        const std::string durableSocket = durableDir + "/redis.sock";
+        sh("mkdir -p '" + durableDir + "'");
+        Child durableRedis({"redis-server", "--port", "0", "--unixsocket", durableSocket, "--save", "", "--appendonly",
+                            "yes", "--appendfsync", "always", "--dir", durableDir},
+                           durableSocket);
         if (!server.ready() || !ks::log::start("kssetmgmt_bench", g_dir.c_str(), nullptr) || sm::init() != 0) {
             std::fprintf(stderr, "cannot start kssetter or the settings client\n");
             status = 1;
         } else {
             if (!redis.ready()) std::printf("(redis-server not available: no Redis column)\n");
-            std::printf("%ld round trips per measurement, best of %d, small values, Unix socket\n\n", total, kRuns);
-            std::printf("%-22s %7s %12s %12s %8s %12s %8s\n", "request", "clients", "kssetter/s", "redis/s",
+            if (redis.ready() && !durableRedis.ready()) std::printf("(durable redis-server did not start)\n");
+            std::printf("%ld round trips per measurement (%ld for durable rows), best of %d, small values, "
+                        "Unix socket\n\n",
+                        total, durableTotal, kRuns);
+            std::printf("%-25s %7s %12s %12s %8s %12s %8s\n", "request", "clients", "kssetter/s", "redis/s",
                         "vs redis", "floor/s", "vs floor");
             for (int clients : {1, 4}) {
                 // Best of kRuns, taken in turns, so that a burst of other load on the machine
                 // does not land on one column only.
-                double floor = 0, set = 0, get = 0, persistent = 0;
+                double floor = 0, set = 0, get = 0, durable = 0, redisDurable = 0;
                 std::pair<double, double> redisRate{0, 0};
                 for (int run = 0; run < kRuns; ++run) {
                     floor = std::max(floor, pingPongFloor(clients, total));
@@ -211,21 +228,25 @@ int main(int argc, char** argv) {
                         std::string v;
                         sm::getKey("/tmp/bench/t" + std::to_string(t), v);
                     }));
-                    persistent = std::max(persistent, measure(clients, total / 4, [](int t, long i) {
-                        sm::setKey("/bench/t" + std::to_string(t), i & 1 ? "value-one" : "value-two");
+                    if (durableRedis.ready())
+                        redisDurable =
+                            std::max(redisDurable, redisRates(durableSocket, clients, durableTotal, "set").first);
+                    durable = std::max(durable, measure(clients, durableTotal, [](int t, long i) {
+                        sm::setKey("/bench/c" + std::to_string(t) + "/k" + std::to_string(std::max(i, 0L) % 64),
+                                   i & 1 ? "value-one" : "value-two");
                     }));
                 }
                 auto row = [&](const char* name, double ours, double theirs) {
                     if (theirs > 0)
-                        std::printf("%-22s %7d %12.0f %12.0f %7.2fx %12.0f %7.2fx\n", name, clients, ours, theirs,
+                        std::printf("%-25s %7d %12.0f %12.0f %7.2fx %12.0f %7.2fx\n", name, clients, ours, theirs,
                                     ours / theirs, floor, ours / floor);
                     else
-                        std::printf("%-22s %7d %12.0f %12s %8s %12.0f %7.2fx\n", name, clients, ours, "-", "-", floor,
+                        std::printf("%-25s %7d %12.0f %12s %8s %12.0f %7.2fx\n", name, clients, ours, "-", "-", floor,
                                     ours / floor);
                 };
                 row("SET /tmp key", set, redisRate.first);
                 row("GET", get, redisRate.second);
-                row("SET persistent key", persistent, 0);
+                row("SET persistent (durable)", durable, redisDurable);
             }
             sm::uninit();
             ks::log::stop();
