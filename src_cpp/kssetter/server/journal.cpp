@@ -146,6 +146,15 @@ bool Journal::open() {
         return false;
     }
     size_ = static_cast<uint64_t>(st.st_size);
+    // The file's name must survive a power loss as surely as the records fsync'ed into it.
+    const size_t slash = path_.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path_.substr(0, slash);
+    ks::unique_fd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dirFd || ::fsync(dirFd.get()) != 0) {
+        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot sync the directory of {:s}: {:s}", path_, std::strerror(errno));
+        fd_.reset();
+        return false;
+    }
     return true;
 }
 
