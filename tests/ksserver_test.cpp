@@ -63,11 +63,4 @@ TEST_F(InProcessServer, ServesLocksNotifiesAndSavesOnStop) {
     EXPECT_LT(saved.getKey("/tmp/srv/volatile", value), 0);
 }
 
-TEST_F(InProcessServer, SecondServerOnTheSameSocketRefusesToStart) {
-    ASSERT_TRUE(started_);
-    ks::setter::Server second(root() / "var/run/kssetmgmt.skt", storagePath());
-    EXPECT_FALSE(second.start(false));
-    EXPECT_EQ(0, sm::setKey("/srv/still", "served"));
-}
-
 }  // namespace
