@@ -201,36 +201,50 @@ TEST_F(KssetterTest, SecondServerRefusesToStart) {
     EXPECT_TRUE(serverAnswers());
 }
 
-TEST_F(KssetterTest, CommandLineClient) {
+namespace {
+
+// Every command of the command-line client under `base`, with the messages it prints.
+void expectClientSteps(const std::string& base) {
+    SCOPED_TRACE(base);
     const std::string cli = "'" + kstest::tool_path("kssetmgmt") + "' -root '" + root().path() + "' ";
     const std::string blob = "\0\1\2\xff"s, blobFile = root() / "var/tmp/blob";
     ASSERT_TRUE(kstest::write_file(blobFile, blob));
     const std::tuple<std::string, int, std::string> steps[] = {  // arguments, exit status, output
-        {"set /cli/name 'the box'", 0, ""},
-        {"get /cli/name", 0, "the box"},
-        {"stat /cli/name", 0, "string 7\n"},
-        {"set-file /cli/blob '" + blobFile + "'", 0, ""},
-        {"stat /cli/blob", 0, "binary 4\n"},
-        {"get /cli/blob", 0, blob},
-        {"set /cli/empty ''", 0, ""},
-        {"stat /cli/empty", 0, "none 0\n"},
-        {"lock-set /cli/locked yes", 0, ""},
-        {"get /cli/locked", 0, "yes"},
-        {"enum /cli", 0, "blob\nempty\nlocked\nname\n"},
-        {"delete /cli/name", 0, ""},
-        {"get /cli/name 2>&1", 2, "kssetmgmt: get /cli/name: Key not found (E_INVAL)\n"},
-        {"set-file /cli/x '" + root() / "var/tmp/missing" + "' 2>/dev/null", 2, ""},
-        {"set-file /cli/x / 2>/dev/null", 2, ""},
+        {"set " + base + "/name 'the box'", 0, ""},
+        {"get " + base + "/name", 0, "the box"},
+        {"stat " + base + "/name", 0, "string 7\n"},
+        {"set-file " + base + "/blob '" + blobFile + "'", 0, ""},
+        {"stat " + base + "/blob", 0, "binary 4\n"},
+        {"get " + base + "/blob", 0, blob},
+        {"set " + base + "/empty ''", 0, ""},
+        {"stat " + base + "/empty", 0, "none 0\n"},
+        {"lock-set " + base + "/locked yes", 0, ""},
+        {"get " + base + "/locked", 0, "yes"},
+        {"enum " + base, 0, "blob\nempty\nlocked\nname\n"},
+        {"delete " + base + "/name", 0, ""},
+        {"get " + base + "/name 2>&1", 2, "kssetmgmt: get " + base + "/name: Key not found (E_INVAL)\n"},
+        {"get " + base + "/ 2>&1", 2,
+         "kssetmgmt: get " + base + "/: Invalid key format (key must not end with /) (E_INVAL)\n"},
+        {"set-file " + base + "/x '" + root() / "var/tmp/missing" + "' 2>/dev/null", 2, ""},
+        {"set-file " + base + "/x / 2>/dev/null", 2, ""},
         {"frobnicate 2>/dev/null", 1, ""},
-        {"watch /cli 0 2>/dev/null", 1, ""},
+        {"watch " + base + " 0 2>/dev/null", 1, ""},
     };
     for (const auto& [args, status, output] : steps) {
         std::string out;
         EXPECT_EQ(status, kstest::run(cli + args, &out)) << args;
         EXPECT_EQ(output, out) << args;
     }
+    EXPECT_EQ("yes", sm::getKeyValue(base + "/locked", ""));  // written for everyone, not just the tool
+}
+
+}  // namespace
+
+TEST_F(KssetterTest, CommandLineClient) {
+    expectClientSteps("/cli");
 
     // watch prints the changed keys as they come and stops after the count.
+    const std::string cli = "'" + kstest::tool_path("kssetmgmt") + "' -root '" + root().path() + "' ";
     std::string watched;
     std::thread watcher([&] { kstest::run(cli + "watch /cli 2", &watched); });
     ks::storage::DebugInfo debug;
@@ -251,31 +265,11 @@ TEST_F(KssetterTest, CommandLineClientWithoutLogKey) {
         std::string from, to;
         ~PutBack() { std::rename(from.c_str(), to.c_str()); }
     } putBack{away, key};
-    const std::string cli = "'" + kstest::tool_path("kssetmgmt") + "' -root '" + root().path() + "' ";
-    const std::string blob = "\0\1\xff"s, blobFile = root() / "var/tmp/blob";
-    ASSERT_TRUE(kstest::write_file(blobFile, blob));
-    const std::tuple<std::string, int, std::string> steps[] = {  // arguments, exit status, output
-        {"set /bare/name 'the box'", 0, ""},
-        {"get /bare/name", 0, "the box"},
-        {"set-file /bare/blob '" + blobFile + "'", 0, ""},
-        {"stat /bare/blob", 0, "binary 3\n"},
-        {"set /bare/empty ''", 0, ""},
-        {"stat /bare/empty", 0, "none 0\n"},
-        {"lock-set /bare/locked yes", 0, ""},
-        {"enum /bare", 0, "blob\nempty\nlocked\nname\n"},
-        {"delete /bare/name", 0, ""},
-        {"get /bare/name 2>&1", 2, "kssetmgmt: get /bare/name: Key not found (E_INVAL)\n"},
-        {"get /bare/ 2>&1", 2, "kssetmgmt: get /bare/: Invalid key format (key must not end with /) (E_INVAL)\n"},
-    };
-    for (const auto& [args, status, output] : steps) {
-        std::string out;
-        EXPECT_EQ(status, kstest::run(cli + args, &out)) << args;
-        EXPECT_EQ(output, out) << args;
-    }
-    EXPECT_EQ("yes", sm::getKeyValue("/bare/locked", ""));  // written for everyone, not just the tool
+    expectClientSteps("/bare");
 
     // No server and no offline copy to read: a clear message and status 1.
     server.stop();
+    const std::string cli = "'" + kstest::tool_path("kssetmgmt") + "' -root '" + root().path() + "' ";
     std::string out;
     EXPECT_EQ(1, kstest::run(cli + "get /bare/locked 2>&1", &out));
     EXPECT_EQ(0u, out.find("kssetmgmt: no settings server at " + root() / "var/run/kssetmgmt.skt")) << out;
