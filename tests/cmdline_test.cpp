@@ -46,11 +46,7 @@ struct declarations {
 };
 
 using D = declarations;
-
-std::string error_text() {
-    const auto& e = ks::_get_kserrno();
-    return std::string(ks::error_name(e.code)) + " " + std::string(e.message_view());
-}
+using kstest::error_text;
 
 std::string capture(const std::function<void(FILE*)>& print) {
     char* data = nullptr;
