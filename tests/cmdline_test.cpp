@@ -353,6 +353,7 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
          "E_NOENT 2 required parameters are missing from the end of the command line"},
         {point, {"1,2"}, "E_NOENT 1 value(s) for parameter <point> are missing at the end of the command line"},
         {point, {"1,2,3,4,5"}, "E_NOENT 2 extra value(s) for parameter <point> at the end of the command line"},
+        {point, {"1,x,3"}, "E_INVAL Parameter 1: 'x' invalid value"},
         {sink(cl::at_most(1)), {"1", "2", "3"}, "E_NOENT 2 extra parameter(s) at the end of the command line"},
         {sink(cl::at_least(2)), {"1"}, "E_NOENT Required parameter <files> missing at the end of the command line"},
         {sink(cl::optional), {"1", "x"}, "E_INVAL Parameter 2: 'x' invalid value'"},
