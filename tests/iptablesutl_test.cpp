@@ -122,8 +122,7 @@ TEST_F(FirewallTest, LogsWhatItDoesAndWhyItFailed) {
         EXPECT_TRUE(ks::block_device(mac_, ips({"192.168.1.5"}), "FWTEST"));
         EXPECT_TRUE(ks::unblock_device(mac_, {}, "FWTEST"));
         EXPECT_TRUE(ks::update_blocked_ip({}, ips({"fd00::5"}), "FWTEST"));
-        // A chain that does not exist makes iptables itself fail.
-        // Removing from a missing chain is only a failed check (nothing to remove); adding fails.
+        // A missing chain: removing from it is only a failed check (nothing to remove); adding fails.
         EXPECT_TRUE(ks::unwhitelist_mac(mac_, "NOSUCHCHAIN"));
         EXPECT_FALSE(ks::block_device(mac_, {}, "NOSUCHCHAIN"));
         EXPECT_FALSE(ks::update_blocked_ip({}, ips({"10.0.0.1"}), "NOSUCHCHAIN"));

@@ -2,6 +2,7 @@
 #include "kstest.h"
 
 #include <kspath.h>
+#include <ksutils/error.h>
 
 #include <stdlib.h>
 #include <fcntl.h>
@@ -163,5 +164,10 @@ void HeldChild::release(bool reap) {
 }
 
 std::string tool_path(const std::string& name) { return std::string(KS_BINARY_DIR) + "/tools/" + name; }
+
+std::string error_text() {
+    const auto& e = ks::_get_kserrno();
+    return std::string(ks::error_name(e.code)) + " " + std::string(e.message_view());
+}
 
 }  // namespace kstest

@@ -124,4 +124,7 @@ private:
 // The build tree's directory of shipped programs (tools/).
 std::string tool_path(const std::string& name);
 
+// The thread's error record as "<code name> <message>": code and text checked in one line.
+std::string error_text();
+
 }  // namespace kstest
