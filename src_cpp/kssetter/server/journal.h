@@ -55,9 +55,9 @@ public:
 
     const std::string& path() const { return path_; }
 
-    // CRC-32C, exposed for the tests and the fuzz target.
+    // CRC-32C (Castagnoli) of the payload, as each record carries it.
     static uint32_t crc32c(const unsigned char* data, size_t size);
-    // One encoded record.
+    // One encoded record (the tests build journals with these).
     static std::string encodeSet(ks::string_view key, storage::ValueType type, const unsigned char* value,
                                  uint64_t size);
     static std::string encodeDelete(ks::string_view key, bool prune, bool leafOnly);
