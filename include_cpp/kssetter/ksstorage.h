@@ -100,6 +100,12 @@ public:
     // persistent key changed since the last save. Always returns 0; the error record is
     // reset to E_OK first, so a failed file leaves E_SYSTEM in it (and in the log).
     int save(const std::vector<std::string>& files);
+    // Writes the persistent part of the tree to `file` the same way, whether or not anything
+    // changed, and leaves the counters alone. True only when the shadow was written, synced,
+    // renamed over `file` and the directory synced; on false, errno tells which step failed
+    // and why, `file` is as it was before or wholly replaced, and the error record says so.
+    // For owners that drop another copy of the changes once they are in the file.
+    bool writeFile(const std::string& file) const;
     // Replaces the contents with the file's records. A missing file gives an empty store
     // and 0; an unreadable one E_SYSTEM and -1. Malformed records are logged and skipped.
     int load(const std::string& file);

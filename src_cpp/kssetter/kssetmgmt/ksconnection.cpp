@@ -218,7 +218,12 @@ void Connection::setErrno(int64_t result) {
         case setter::kResultParseError: _get_kserrno().set(E_FAULT, "Failed to parse data"); break;
         case setter::kResultInvalidOperation: _get_kserrno().set(E_INVAL, "Invalid operation"); break;
         case setter::kResultLockLost: _get_kserrno().set(E_DISCONNECTED); break;
-        default: break;  // codes without a meaning leave the error as it was
+        default:
+            if (result <= setter::kResultSystemError && result >= setter::kResultSystemError - setter::kMaxReportedErrno) {
+                errno = static_cast<int>(setter::kResultSystemError - result);
+                _get_kserrno().set(E_SYSTEM);
+            }
+            break;  // other codes without a meaning leave the error as it was
     }
 }
 

@@ -37,6 +37,11 @@ constexpr int64_t kResultOutOfMemory = -2;
 constexpr int64_t kResultParseError = -3;
 constexpr int64_t kResultInvalidOperation = -5;
 constexpr int64_t kResultLockLost = -6;
+// A persistent change the server could not make durable (a full or failing disk) is refused
+// with kResultSystemError minus the errno that refused it; the client reports E_SYSTEM with
+// that errno's text. The store is as if the request had never come.
+constexpr int64_t kResultSystemError = -1000;
+constexpr int kMaxReportedErrno = 4095;
 
 // Largest body the server accepts. A longer announced body is taken for garbage: the
 // server closes that connection without reading the body.

@@ -112,8 +112,26 @@ private:
     bool eof_ = false;
 };
 
-// Writes the checksum line and the content to "<file>.shadow", syncs it and renames it over
-// `file`. Sets E_SYSTEM, logs and removes the shadow on failure.
+struct Serialised {
+    basic_memstream content{kSerialiseStep};
+    std::string hashLine;  // the checksum record of `content`, with its line end
+};
+
+Serialised serialise(const TreeNode* root, unsigned long ch) {
+    Serialised out;
+    if (root) root->save(out.content);
+    // A value the encoder refused is logged and left out; it is not a failed save.
+    _get_kserrno().set(E_OK);
+    const std::string digest = ks::compute_hash(kSha256, out.content.view().data(), 0, out.content.size());
+    KSLOG_DEBUG(ch, "Hash for storage content: {:s}", digest);
+    out.hashLine.reserve(kHashLineSize + 1);
+    out.hashLine.append(kHashRecord).append(digest).push_back('\n');
+    return out;
+}
+
+// Writes the checksum line and the content to "<file>.shadow", syncs it, renames it over
+// `file` and syncs the directory. Sets E_SYSTEM, logs and removes the shadow on failure,
+// leaving errno as the failed step set it.
 bool save_one(unsigned long channel, const std::string& file, ks::string_view hashLine, ks::string_view content) {
     KSLOG_DEBUG(channel, "Saving storage to file {:s}", file);
     const std::string shadow = file + ".shadow";
@@ -122,6 +140,7 @@ bool save_one(unsigned long channel, const std::string& file, ks::string_view ha
         const int err = errno;
         _get_kserrno().set(E_SYSTEM, "Failed to open file {:s}: {:s}", shadow, system_error(err));
         KSLOG_ERROR(channel, "Failed to open file: {}", system_error(err));
+        errno = err;
         return false;
     }
     auto fail = [&](const char* what) {
@@ -129,6 +148,7 @@ bool save_one(unsigned long channel, const std::string& file, ks::string_view ha
         _get_kserrno().set(E_SYSTEM, "{:s}({:s}): {:s}", what, shadow, system_error(err));
         fd.reset();
         ::unlink(shadow.c_str());
+        errno = err;
         return false;
     };
     if (write_all(fd.get(), hashLine.data(), hashLine.size(), 1) < 0) return fail("write");
@@ -148,12 +168,17 @@ bool save_one(unsigned long channel, const std::string& file, ks::string_view ha
         errno = err;
         return fail("rename");
     }
-    // Make the rename itself durable; a directory that cannot be synced is no reason to
-    // call a complete save failed.
+    // Until the directory is synced the rename may not survive a power loss, so an owner
+    // that would drop its own copy of the changes must not take the save as done.
     const size_t slash = file.rfind('/');
     const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
     ks::unique_fd dirfd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dirfd) ::fsync(dirfd.get());
+    if (!dirfd || ::fsync(dirfd.get()) != 0) {
+        const int err = errno;
+        _get_kserrno().set(E_SYSTEM, "sync({:s}): {:s}", dir, system_error(err));
+        errno = err;
+        return false;
+    }
     KSLOG_DEBUG(channel, "Successfully saved to {:s}", file);
     return true;
 }
@@ -447,21 +472,23 @@ int Store::save(const std::vector<std::string>& files) {
     _get_kserrno().set(E_OK);
     if (persistentChanges == 0) return 0;
     const unsigned long ch = channel();
-    basic_memstream content(kSerialiseStep);
-    if (root) root->save(content);
-    // A value the encoder refused is logged and left out; it is not a failed save.
-    _get_kserrno().set(E_OK);
-    const std::string digest = ks::compute_hash(kSha256, content.view().data(), 0, content.size());
-    KSLOG_DEBUG(ch, "Hash for storage content: {:s}", digest);
-    std::string hashLine;
-    hashLine.reserve(kHashLineSize + 1);
-    hashLine.append(kHashRecord).append(digest).push_back('\n');
+    const Serialised data = serialise(root.get(), ch);
     for (const std::string& file : files) {
-        if (!save_one(ch, file, hashLine, content.view()))
+        if (!save_one(ch, file, data.hashLine, data.content.view()))
             KSLOG_ERROR(ch, "There was an error while saving to {:s}: {}", file, _get_kserrno().message_view());
     }
     persistentChanges = 0;
     return 0;
+}
+
+bool Store::writeFile(const std::string& file) const {
+    const unsigned long ch = channel();
+    const Serialised data = serialise(root.get(), ch);
+    if (save_one(ch, file, data.hashLine, data.content.view())) return true;
+    const int err = errno;
+    KSLOG_ERROR(ch, "There was an error while saving to {:s}: {}", file, _get_kserrno().message_view());
+    errno = err;
+    return false;
 }
 
 int Store::load(const std::string& file) {

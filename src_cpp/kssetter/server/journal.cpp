@@ -137,24 +137,26 @@ Journal::Replay Journal::replay(storage::Store& store) const {
     return result;
 }
 
-bool Journal::open() {
-    fd_.reset(::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-    struct stat st;
-    if (!fd_ || ::fstat(fd_.get(), &st) != 0) {
-        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot open the journal {:s}: {:s}", path_, std::strerror(errno));
+bool Journal::open(uint64_t validLength) {
+    auto fail = [&](const char* what) {
+        failure_ = errno;
+        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot {:s} the journal {:s}: {:s}", what, path_, std::strerror(failure_));
         fd_.reset();
         return false;
-    }
+    };
+    fd_.reset(::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    struct stat st;
+    if (!fd_ || ::fstat(fd_.get(), &st) != 0) return fail("open");
     size_ = static_cast<uint64_t>(st.st_size);
+    if (size_ > validLength) {
+        if (::ftruncate(fd_.get(), static_cast<off_t>(validLength)) != 0) return fail("cut the torn end of");
+        size_ = validLength;
+    }
     // The file's name must survive a power loss as surely as the records fsync'ed into it.
     const size_t slash = path_.rfind('/');
     const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path_.substr(0, slash);
     ks::unique_fd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dirFd || ::fsync(dirFd.get()) != 0) {
-        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot sync the directory of {:s}: {:s}", path_, std::strerror(errno));
-        fd_.reset();
-        return false;
-    }
+    if (!dirFd || ::fsync(dirFd.get()) != 0) return fail("sync the directory of");
     return true;
 }
 
@@ -166,13 +168,14 @@ void Journal::addDelete(ks::string_view key, bool prune, bool leafOnly) { pendin
 
 bool Journal::commit() {
     if (pending_.empty()) return true;
-    if (!fd_ && !open()) return false;
-    // write_all cuts off whatever part of a failed append went in, so a retry never leaves a
-    // torn record in the middle of the file.
+    if (!fd_ && !open(size_)) return false;
+    // Whatever part of a failed append went in is cut off (by write_all itself, or here after
+    // a failed sync, whose pages may be neither on disk nor reported again), so a retry never
+    // leaves a torn or unsynced record in the middle of the file.
     if (write_all(fd_.get(), pending_.data(), pending_.size(), 1) < 0 || ::fdatasync(fd_.get()) != 0) {
-        const int err = errno;
-        if (::ftruncate(fd_.get(), static_cast<off_t>(size_)) != 0) fd_.reset();
-        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot write the journal {:s}: {:s}", path_, std::strerror(err));
+        failure_ = errno;
+        if (::ftruncate(fd_.get(), static_cast<off_t>(size_)) != 0) fd_.reset();  // the next open cuts
+        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot write the journal {:s}: {:s}", path_, std::strerror(failure_));
         return false;
     }
     size_ += pending_.size();
@@ -181,9 +184,10 @@ bool Journal::commit() {
 }
 
 bool Journal::reset() {
-    if (!fd_ && !open()) return false;
+    if (!fd_ && !open(size_)) return false;
     if (::ftruncate(fd_.get(), 0) != 0) {
-        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot empty the journal {:s}: {:s}", path_, std::strerror(errno));
+        failure_ = errno;
+        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot empty the journal {:s}: {:s}", path_, std::strerror(failure_));
         return false;
     }
     size_ = 0;

@@ -37,15 +37,19 @@ public:
     // Applies the journal's records to `store` (a missing journal has none).
     Replay replay(storage::Store& store) const;
 
-    // Opens the journal for appending, creating it empty.
-    bool open();
+    // Opens the journal for appending, creating it empty. Bytes beyond `validLength` (the end
+    // of the last whole record: an append that never completed) are cut off first, so that
+    // records appended now are not hidden behind a torn one.
+    bool open(uint64_t validLength);
     // Queue one change; nothing reaches the file before commit().
     void addSet(ks::string_view key, storage::ValueType type, const unsigned char* value, uint64_t size);
     void addDelete(ks::string_view key, bool prune, bool leafOnly);
     bool pending() const { return !pending_.empty(); }
     // Appends the queued records and waits until they are on disk. On failure the file is
-    // cut back to where the append began and the records stay queued.
+    // cut back to where the append began (or, should that fail too, when it is next opened)
+    // and the records stay queued; failure() is the errno of the failed step.
     bool commit();
+    int failure() const { return failure_; }
     // Bytes in the file.
     uint64_t size() const { return size_; }
     // Empties the file once the settings file holds every change in it.
@@ -66,7 +70,8 @@ private:
     std::string path_;
     ks::unique_fd fd_;
     std::string pending_;
-    uint64_t size_ = 0;
+    uint64_t size_ = 0;  // bytes of whole, synced records
+    int failure_ = 0;
 };
 
 }  // namespace setter

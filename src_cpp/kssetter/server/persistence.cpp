@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 namespace ks {
 namespace setter {
@@ -45,19 +46,20 @@ bool Persistence::load() {
     if (replay.tornTail)
         KSLOG_INFO(kChannel, "Dropped an unfinished last record at offset {:d} of {:s}", replay.stoppedAt,
                    journal_.path());
+    // Whatever the journal holds may be missing from the file; only a rewrite can tell.
+    dirty_ = replay.stoppedAt > 0 || replay.tornTail || replay.damaged;
+    journalDamaged_ = replay.damaged;
     if (replay.damaged) {
-        // The records after the damage are not trusted, but not thrown away either.
-        const std::string aside = journal_.path() + ".damaged";
-        const bool kept = ::rename(journal_.path().c_str(), aside.c_str()) == 0;
-        KSLOG_ERROR(kChannel, "{:s} is damaged at offset {:d}: replay stopped there after {:d} change(s); {:s}",
-                    journal_.path(), replay.stoppedAt, replay.applied,
-                    kept ? "the journal is kept as " + aside : std::string("it could not be kept aside"));
-        std::fprintf(stderr, "kssetter: %s is damaged at offset %llu: replay stopped there (kept as %s)\n",
-                     journal_.path().c_str(), static_cast<unsigned long long>(replay.stoppedAt), aside.c_str());
+        KSLOG_ERROR(kChannel, "{:s} is damaged at offset {:d}: replay stopped there after {:d} change(s)",
+                    journal_.path(), replay.stoppedAt, replay.applied);
+        std::fprintf(stderr, "kssetter: %s is damaged at offset %llu: replay stopped there\n", journal_.path().c_str(),
+                     static_cast<unsigned long long>(replay.stoppedAt));
+    } else if (!journal_.open(replay.stoppedAt)) {
+        KSLOG_ERROR(kChannel, "{:s}", errorText());  // commit() opens it again
     }
-    if (!journal_.open() || !compact()) {
-        std::fprintf(stderr, "kssetter: cannot write the settings: %s\n", errorText().c_str());
-        return false;
+    if (!compact()) {
+        std::fprintf(stderr, "kssetter: cannot write the settings yet (%s); serving, and trying again\n",
+                     errorText().c_str());
     }
     return true;
 }
@@ -75,12 +77,16 @@ void Persistence::erased(const std::string& key, bool prune, bool leafOnly) {
 }
 
 void Persistence::changed() {
-    if (timer_ >= 0) return;
+    dirty_ = true;
     // A rewrite blocks the loop for its fsync: soon after an isolated change, at most once
     // per kSaveInterval under a stream of them. It only keeps the settings file fresh for
     // offline readers; durability comes from the journal.
     const auto sinceLast = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - lastSave_);
-    const auto delay = std::max(kSaveDelay, kSaveInterval - sinceLast);
+    scheduleSave(std::max(kSaveDelay, kSaveInterval - sinceLast));
+}
+
+void Persistence::scheduleSave(std::chrono::milliseconds delay) {
+    if (timer_ >= 0) return;
     timer_ = loop_.start_timer(delay, std::chrono::milliseconds(0), [this] {
         timer_ = -1;
         compact();
@@ -90,27 +96,64 @@ void Persistence::changed() {
 
 bool Persistence::commit() {
     if (!journal_.pending()) return true;
-    if (journal_.commit()) {
+    if (!journalDamaged_ && journal_.commit()) {
         if (journal_.size() > kJournalLimit) compact();
         return true;
     }
-    KSLOG_ERROR(kChannel, "Cannot append to the journal ({:s}); rewriting {:s} instead", errorText(), file_);
-    return compact();
+    if (!journalDamaged_) {
+        failure_ = journal_.failure();
+        KSLOG_ERROR(kChannel, "Cannot append to the journal ({:s}); rewriting {:s} instead", errorText(), file_);
+    }
+    if (compact()) return true;
+    rollback();
+    return false;
 }
 
 bool Persistence::compact() {
-    ks::_get_kserrno().set(ks::E_OK);
-    if (store_.getPersistentChanges() > 0) store_.save({file_});
     lastSave_ = Clock::now();
-    if (ks::_get_kserrno().code != ks::E_OK) {
-        KSLOG_ERROR(kChannel, "Saving {:s} failed: {:s}", file_, errorText());
+    if (!dirty_ && !journal_.pending()) return true;
+    if (!store_.writeFile(file_)) {
+        failure_ = errno;
+        KSLOG_ERROR(kChannel, "Saving {:s} failed: {:s}; the journal keeps the changes, retrying in {:d} ms", file_,
+                    errorText(), static_cast<int>(kSaveInterval.count()));
+        scheduleSave(kSaveInterval);
         return false;
     }
     // The settings file now holds every change, the queued ones too: the journal may go. Should
     // emptying it fail, replaying its records over the new file again changes nothing.
+    dirty_ = false;
     journal_.discardPending();
+    if (journalDamaged_) {
+        // Kept for inspection: the records after the damage are not trusted, but not thrown away.
+        const std::string aside = journal_.path() + ".damaged";
+        if (::rename(journal_.path().c_str(), aside.c_str()) == 0) {
+            journalDamaged_ = false;
+            KSLOG_ERROR(kChannel, "The damaged journal is kept as {:s}", aside);
+            if (!journal_.open(0)) KSLOG_ERROR(kChannel, "{:s}", errorText());
+        } else {
+            KSLOG_ERROR(kChannel, "The damaged journal could not be kept aside: {:s}", std::strerror(errno));
+        }
+        return true;
+    }
     if (!journal_.reset()) KSLOG_WARN(kChannel, "{:s}", errorText());
     return true;
+}
+
+// Undoes the changes the last commit could not make durable: the store becomes what the
+// settings file and the journal's whole records say, plus the volatile branch as it is now.
+void Persistence::rollback() {
+    journal_.discardPending();
+    storage::Store rebuilt;
+    if (rebuilt.load(file_) < 0) {
+        KSLOG_ERROR(kChannel, "Cannot read {:s} back to undo the refused changes: {:s}", file_, errorText());
+        return;
+    }
+    journal_.replay(rebuilt);
+    storage::Store volatileBranch(store_, "/tmp");
+    rebuilt.delKey("/tmp", true, false);
+    rebuilt.merge(volatileBranch, "/tmp");
+    store_ = std::move(rebuilt);
+    dirty_ = journal_.size() > 0 || journalDamaged_;
 }
 
 void Persistence::stop() {

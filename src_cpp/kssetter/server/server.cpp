@@ -264,7 +264,7 @@ void Server::handleSet(Client& c, const Request& r) {
     const auto* value = reinterpret_cast<const unsigned char*>(r.value.data());
     if (store_.setKey(key, r.value.empty() ? nullptr : value, r.type, r.value.size()) < 0)
         return reply(c, kResultInvalidOperation);
-    reply(c, 0);
+    replyDurable(c, key);
     persistence_.set(key, r.type, r.value.empty() ? nullptr : value, r.value.size());
     notify(key, false);
 }
@@ -291,7 +291,7 @@ void Server::handleKeyRequest(Client& c, const Request& r) {
         }
         case CMD_DELETE:
             if (store_.delKey(key, true, false) < 0) return reply(c, kResultInvalidOperation);
-            reply(c, 0);
+            replyDurable(c, key);
             persistence_.erased(key, true, false);
             return notify(key, true);
         default: return reply(c, kResultInvalidOperation);
@@ -373,6 +373,19 @@ void Server::reply(Client& c, int64_t result) {
     queueFlush(c);
 }
 
+void Server::replyDurable(Client& c, const std::string& key) {
+    if (!storage::Store::isVolatileKey(key)) uncommitted_.push_back({c.fd.get(), c.out.size()});
+    reply(c, 0);
+}
+
+void Server::refuseUncommitted(int error) {
+    const int64_t refusal = kResultSystemError - std::min(std::max(error, 1), kMaxReportedErrno);
+    for (const Uncommitted& u : uncommitted_) {
+        Client* c = find(u.fd);
+        if (c && u.at + kResultSize <= c->out.size()) std::memcpy(&c->out[u.at], &refusal, kResultSize);
+    }
+}
+
 void Server::doom(Client& c) {
     if (c.doomed) return;
     c.doomed = true;
@@ -429,12 +442,13 @@ void Server::finish() {
             if (c && !c->doomed) handleFrames(*c);
         }
         if (!persistence_.commit()) {
-            // Nothing could make the round's changes durable: their requesters must not
-            // take them as done. Connections are closed, never answered falsely.
-            KSLOG_ERROR(kChannel, "Changes could not be made durable; closing {:d} connection(s)", flushQueue_.size());
-            for (int fd : flushQueue_)
-                if (Client* c = find(fd)) doom(*c);
+            // Nothing could make the round's changes durable, and they are undone: their
+            // requesters learn why instead of taking them as done.
+            KSLOG_ERROR(kChannel, "Refusing {:d} change(s) that could not be made durable: {:s}", uncommitted_.size(),
+                        std::string(std::strerror(persistence_.failure())));
+            refuseUncommitted(persistence_.failure());
         }
+        uncommitted_.clear();
         std::vector<int> flushing;
         flushing.swap(flushQueue_);
         for (int fd : flushing) {

@@ -14,7 +14,9 @@
 // request whose lock byte is 1 on a connection that holds no lock is answered -6: the client
 // believes it holds a lock that went with an earlier connection.
 //
-// When changes reach the settings file is the business of Persistence alone.
+// When changes reach the settings file is the business of Persistence alone. A persistent
+// change that it cannot make durable is answered kResultSystemError minus the errno, never
+// with success; requests handled in the same round may have seen it before it was undone.
 #pragma once
 
 #include "kssetter/server/locks.h"
@@ -75,6 +77,9 @@ private:
     void handleDebugInfo(Client& c);
 
     void reply(Client& c, int64_t result);
+    // The success reply to a persistent change, which the round's commit may still refuse.
+    void replyDurable(Client& c, const std::string& key);
+    void refuseUncommitted(int error);
     void queueFlush(Client& c);
     void flush(Client& c);
     void doom(Client& c);
@@ -106,6 +111,13 @@ private:
     std::vector<int> doomed_;
     std::deque<int> resumed_;
     std::vector<char> scratch_;
+    // Where this round's success replies to persistent changes lie in their connections'
+    // output, to be rewritten as refusals if the commit fails (nothing is sent before it).
+    struct Uncommitted {
+        int fd;
+        size_t at;
+    };
+    std::vector<Uncommitted> uncommitted_;
 };
 
 }  // namespace setter
