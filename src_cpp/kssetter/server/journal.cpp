@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -105,10 +106,11 @@ std::string Journal::encodeDelete(ks::string_view key, bool prune, bool leafOnly
     return frame(start('D', static_cast<unsigned char>((prune ? 1 : 0) | (leafOnly ? 2 : 0)), key));
 }
 
-Journal::Replay Journal::replay(storage::Store& store) const {
+Journal::Replay Journal::replay(storage::Store& store, uint64_t limit) const {
     Replay result;
     std::ifstream in(path_, std::ios::binary);
-    const std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (data.size() > limit) data.resize(static_cast<size_t>(limit));
     const auto* bytes = reinterpret_cast<const unsigned char*>(data.data());
     size_t at = 0;
     // A tail of zeros is space the file system gave the last append before its data.
@@ -147,11 +149,11 @@ bool Journal::open(uint64_t validLength) {
     fd_.reset(::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     struct stat st;
     if (!fd_ || ::fstat(fd_.get(), &st) != 0) return fail("open");
-    size_ = static_cast<uint64_t>(st.st_size);
-    if (size_ > validLength) {
-        if (::ftruncate(fd_.get(), static_cast<off_t>(validLength)) != 0) return fail("cut the torn end of");
-        size_ = validLength;
-    }
+    if (static_cast<uint64_t>(st.st_size) > validLength &&
+        ::ftruncate(fd_.get(), static_cast<off_t>(validLength)) != 0)
+        return fail("cut the torn end of");
+    size_ = std::min(static_cast<uint64_t>(st.st_size), validLength);
+    opened_ = true;
     // The file's name must survive a power loss as surely as the records fsync'ed into it.
     const size_t slash = path_.rfind('/');
     const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path_.substr(0, slash);

@@ -34,8 +34,13 @@ public:
         bool damaged = false;   // stopped at a record that fails its checksum
         uint64_t stoppedAt = 0; // offset of the first record not applied
     };
-    // Applies the journal's records to `store` (a missing journal has none).
-    Replay replay(storage::Store& store) const;
+    // Applies the journal's records to `store` (a missing journal has none), reading no
+    // further than `limit` bytes.
+    Replay replay(storage::Store& store, uint64_t limit = UINT64_MAX) const;
+    // How far the file holds whole, synced records: its size as this object last opened,
+    // appended or emptied it, which bytes a failed cut may have left beyond; unlimited until
+    // it was first opened.
+    uint64_t validLength() const { return opened_ ? size_ : UINT64_MAX; }
 
     // Opens the journal for appending, creating it empty. Bytes beyond `validLength` (the end
     // of the last whole record: an append that never completed) are cut off first, so that
@@ -71,6 +76,7 @@ private:
     ks::unique_fd fd_;
     std::string pending_;
     uint64_t size_ = 0;  // bytes of whole, synced records
+    bool opened_ = false;
     int failure_ = 0;
 };
 

@@ -148,7 +148,7 @@ void Persistence::rollback() {
         KSLOG_ERROR(kChannel, "Cannot read {:s} back to undo the refused changes: {:s}", file_, errorText());
         return;
     }
-    journal_.replay(rebuilt);
+    journal_.replay(rebuilt, journal_.validLength());
     storage::Store volatileBranch(store_, "/tmp");
     rebuilt.delKey("/tmp", true, false);
     rebuilt.merge(volatileBranch, "/tmp");
