@@ -1,4 +1,4 @@
-// Configuring the running core: resolving an output specification to its base path,
+// Configuring the running core: resolving an output as configured to its base path,
 // adding an output to a channel, applying a validated "update" plan and dumping the tables
 // back as an "update" document. A plan is applied in two phases under the write lock:
 // every file object it needs is pinned first, and only then does any channel change, so
