@@ -1,4 +1,4 @@
-// Private interface between the log core (kslog.cpp) and its JSON configuration
+// Private interface between the log core (kslog*.cpp) and its JSON configuration
 // (kslogconfig.cpp): output resolution, the two-phase application of an "update" plan
 // under the table lock, the start-up sequence, and the core's own printf-style records.
 #pragma once
