@@ -349,6 +349,9 @@ void Instance::send_report() {
 void Instance::fail_detached() {
     if (_get_kserrno().code == E_OK) _get_kserrno().set(E_FAULT, "Daemon start-up failed");
     KSLOG_ERROR(0, "Start-up failed: {:s}", _get_kserrno().message_view());
+    // The launcher returns as soon as it reads the report: by then no lock may be left
+    // for a caller that looks at the PID file next.
+    pidfile_.close();
     send_report();
     if (logging_) ks::log::stop();
     ::_exit(127);
