@@ -157,6 +157,13 @@ TEST_F(LoggerTest, SaveThenUpdateRestoresTheSameOutputs) {
     EXPECT_EQ(kslog_get_max_num_logs(), 1u);
 }
 
+TEST_F(LoggerTest, ANewOutputTakesTheLimitsOfTheDocumentThatAddsIt) {
+    start();
+    ASSERT_EQ(execute(R"({"action":"update","global":{"size":8192,"num":1},"channels":{}})"), 0);
+    ASSERT_EQ(execute(R"({"action":"update","global":{"size":262144,"num":2},"channels":{"b":[{"file":"y"}]}})"), 0);
+    EXPECT_EQ(config_text("b", "size") + " " + config_text("b", "num"), "262144 2");
+}
+
 // The start-up file, then the program's own file, then "default.json": the first that
 // executes configures the channels; the global limits come from the first file naming a
 // valid value each.

@@ -95,24 +95,31 @@ bool stamp_header(char* buffer, int level) {
 // In a child forked while another thread held one of the core's locks, that lock would
 // never be released: give the child fresh ones.
 void reinit_locks_in_child() {
-    if (!initialized()) return;
-    pthread_rwlock_init(&g_table_lock, nullptr);
+    // The init mutex first, whatever the state: a fork while another thread was inside
+    // kslog_init or the last kslog_uninit would otherwise leave the child's next init stuck.
     pthread_mutex_init(&g_init_mutex, nullptr);
+    pthread_rwlock_init(&g_table_lock, nullptr);
+    if (!initialized()) return;
     for (const auto& entry : g_state.files)
         if (file_handle file = entry.lock()) pthread_mutex_init(&file->mutex, nullptr);
+}
+
+// Back to the state before the first init; the caller holds the table lock for writing.
+void reset_state() {
+    clear_tables();
+    if (g_state.writer) crypto_log_writer_free(g_state.writer);
+    g_state.writer = nullptr;
+    g_state.identity[0] = '\0';
+    g_state.install_path[0] = '\0';
+    g_state.max_size = g_state.max_num = 0;
+    g_state.size_source.clear();
+    g_state.num_source.clear();
 }
 
 void fail_init() {
     {
         write_guard guard;
-        clear_tables();
-        if (g_state.writer) crypto_log_writer_free(g_state.writer);
-        g_state.writer = nullptr;
-        g_state.identity[0] = '\0';
-        g_state.install_path[0] = '\0';
-        g_state.max_size = g_state.max_num = 0;
-        g_state.size_source.clear();
-        g_state.num_source.clear();
+        reset_state();
     }
     write_all(STDERR_FILENO, "Failed to initialize kslog\n", 27, 0);
 }
@@ -195,14 +202,7 @@ void kslog_uninit(void) {
     if (!initialized()) return;
     if (g_init_count.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     write_guard guard;
-    if (g_state.writer) crypto_log_writer_free(g_state.writer);
-    g_state.writer = nullptr;
-    g_state.size_source.clear();
-    g_state.num_source.clear();
-    g_state.max_size = g_state.max_num = 0;
-    clear_tables();
-    g_state.identity[0] = '\0';
-    g_state.install_path[0] = '\0';
+    reset_state();
 }
 
 int kslog_initialized(void) { return initialized() ? 1 : 0; }

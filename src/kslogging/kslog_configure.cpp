@@ -86,13 +86,14 @@ int apply_plan(const update_plan& plan, std::string& error) {
     // Phase one: pin a file object for every output, creating directories and lock
     // files, before any channel changes.
     std::vector<file_handle> pinned;
+    std::vector<file_handle> created;  // new objects, which take the plan's global limits
     for (const planned_channel& pc : plan.channels) {
         for (const planned_output& po : pc.outputs) {
             std::string base;
             file_handle file;
             if (resolve_output(po.spec.c_str(), g_state.identity, g_state.install_path, base))
                 file = find_file(base);
-            if (!file && !base.empty()) file = create_file(base);
+            if (!file && !base.empty() && (file = create_file(base))) created.push_back(file);
             if (!file) {
                 error = "Cannot open output '" + po.spec + "' of channel '" + pc.name + "'.";
                 return -1;
@@ -108,6 +109,10 @@ int apply_plan(const update_plan& plan, std::string& error) {
     if (plan.num) {
         g_state.max_num = plan.num;
         g_state.num_source = plan.source;
+    }
+    for (const file_handle& file : created) {
+        file->max_size = g_state.max_size;
+        file->num_files = g_state.max_num;
     }
     for (const planned_channel& pc : plan.channels) {
         int ch = find_channel(pc.name.c_str());
