@@ -14,7 +14,8 @@ KS_EXTERN_C_BEGIN
 typedef struct crypto_log_writer crypto_log_writer;
 typedef struct crypto_log_reader crypto_log_reader;
 
-/* A writer with a fresh random key wrapped for `public_key_path`; null on any failure. */
+/* A writer with a fresh random key wrapped for `public_key_path`; null on any failure.
+ * crypto_log_writer_free releases it. */
 KS_EXPORT crypto_log_writer* crypto_log_writer_new(const char* public_key_path);
 KS_EXPORT int crypto_log_writer_regen_sym_key(crypto_log_writer* writer);
 /* Appends one record to `fd` (open, positioned at its end, header already written). */
@@ -32,6 +33,7 @@ KS_EXPORT int crypto_log_layout_read_header(int fd, unsigned char header[CRYPTO_
 /* 0 when the magic and the version match, -1 otherwise. */
 KS_EXPORT int crypto_log_layout_is_valid_header(const unsigned char header[CRYPTO_LOG_HEADER_SIZE]);
 
+/* A reader for `private_key_path`, or null; crypto_log_reader_free releases it. */
 KS_EXPORT crypto_log_reader* crypto_log_reader_new(const char* private_key_path);
 KS_EXPORT void crypto_log_reader_free(crypto_log_reader* reader);
 /* Writes the plain records of `in_fd` to `out_fd`; 0 at the end of the file, -1 on error. */

@@ -3,9 +3,12 @@
 // log texts of the mistakes.
 #include <ksutils/asyncutl.h>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <set>
 
 #include "kslogcapture.h"
 
@@ -57,9 +60,9 @@ struct Harness {
     }
 };
 
-Request request(int attempt, std::function<bool(const void*)> handler = nullptr) {
+Request request(int attempt, std::function<bool(const void*)> handler = nullptr, const char* uri = "svc://x") {
     Request r;
-    r.uri = "svc://x";
+    r.uri = uri;
     r.attempt = attempt;
     r.handler = std::move(handler);
     return r;
@@ -109,13 +112,40 @@ TEST(RequestRuntime, SendsAnswersAndGroups) {
     EXPECT_EQ(0u, h.runtime.outstanding());
     EXPECT_EQ(0u, h.runtime.groups());
     EXPECT_GE(tag, 0);
+}
 
-    // Cancelled groups never complete; a late answer is ignored.
-    const int cancelled = h.runtime.run(request(0, [](const void*) { return true; }), [&] { return ++completed; });
+// The transport reads the request through its context; a request cancelled while the
+// transport holds it stays readable, and its late answer runs nothing.
+TEST(RequestRuntime, ContextIsTheRequestAndOutlivesItsCancel) {
+    kstest::LogCapture log("asyncutl_test");
+    Harness h;
+    const auto seen = [](void* ctx) {
+        const auto* r = static_cast<const Request*>(ctx);
+        return fmt::format("{} {} {}", r->id, r->tag, r->uri);
+    };
+    int handled = 0, completed = 0;
+    std::list<Request> first;
+    first.push_back(request(0, nullptr, "svc://a"));
+    first.push_back(request(0, nullptr, "svc://b"));
+    ASSERT_EQ(0, h.runtime.run(std::move(first), nullptr));
+    ASSERT_EQ(1, h.runtime.run(request(0, [&](const void*) { return ++handled; }, "svc://c"),
+                               [&] { return ++completed; }));
     h.spin(std::chrono::milliseconds(50));
-    h.runtime.cancel(cancelled);
-    h.answer(&yes);
-    EXPECT_EQ(1, completed);
+    std::set<std::string> sent;
+    for (const auto& p : h.pending) sent.insert(seen(p.second));
+    EXPECT_EQ((std::set<std::string>{"0 0 svc://a", "1 0 svc://b", "2 1 svc://c"}), sent);
+
+    h.runtime.cancel(1);
+    const auto late = std::find_if(h.pending.begin(), h.pending.end(),
+                                   [](const auto& p) { return static_cast<const Request*>(p.second)->id == 2; });
+    ASSERT_NE(h.pending.end(), late);
+    EXPECT_EQ("2 1 svc://c", seen(late->second)) << "still held by the transport";
+    const bool yes = true;
+    const std::string out = log.during([&] { late->first(late->second, &yes); });
+    EXPECT_EQ(0, handled);
+    EXPECT_EQ(0, completed);
+    EXPECT_EQ(2u, h.runtime.outstanding());
+    EXPECT_TRUE(kstest::has_record(out, "No request with id=2")) << out;
 }
 
 TEST(RequestRuntime, MistakesAreRefusedAndLogged) {

@@ -120,7 +120,8 @@ TEST_F(NetMgmtTest, ServiceThreadCallsListenersUntilTheLastUninit) {
 }
 
 TEST_F(NetMgmtTest, EventLoopHandle) {
-    nm::netmgmt_t* handle = nm::init_eventloop();
+    const nm::unique_netmgmt owner(nm::init_eventloop());
+    nm::netmgmt_t* handle = owner.get();
     ASSERT_NE(nullptr, handle);
     Calls wan;
     nm::set_on_if_change(handle, nm::InterfaceType::wan, wan.callback());
@@ -142,7 +143,6 @@ TEST_F(NetMgmtTest, EventLoopHandle) {
     EXPECT_EQ(1u, out.size()) << "an invalid type leaves the output alone";
     nm::get_ifaces(handle, nm::InterfaceType::lan, lan);
     EXPECT_EQ(1u, lan.size());
-    nm::uninit(handle);
 }
 
 TEST(NetMgmtParse, IpLists) {

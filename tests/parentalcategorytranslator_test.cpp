@@ -62,13 +62,14 @@ TEST_F(CategoryTest, EdgeCasesAndLogTexts) {
             {"number":1,"bit":1}, {"name":"a","bit":1}, {"name":"a","number":1}, {"name":"","number":1,"bit":1},
             {"name":"a","number":"1","bit":1}, {"name":"a","number":1,"bit":null}, {"name":"zero","number":0,"bit":1},
             {"name":"GAMBLING","number":1,"bit":9}, {"name":"huge","number":1e12,"bit":1},
-            {"name":"negative","number":-1,"bit":1}])"));
+            {"name":"negative","number":-1,"bit":1}, 7, "news", null])"));
     });
     for (const char* record :
          {"invalid json category (no 'name')", "invalid json category (no 'number')", "invalid json category (no 'bit')",
           "invalid json category (null or empty 'name')", "invalid json category ('number' not a number)",
           "invalid json category ('bit' not a number)", "invalid json category ('number' out of range)",
-          "parental category gambling has index 35"})
+          "parental category gambling has index 35", " warn *invalid json category (no 'name'): 7",
+          "invalid json category (no 'name'): \"news\"", "invalid json category (no 'name'): null"})
         EXPECT_TRUE(kstest::has_record(out, record)) << record << "\n" << out;
     EXPECT_EQ(2u, t.wordCount);
     EXPECT_EQ(35u, t.nameToIndex.at("gambling")) << "the first occurrence wins";

@@ -3,7 +3,9 @@
 // never looked at, let alone changed).
 #include <kspath.h>
 #include <ksutils/error.h>
+#include <ksutils/iptablesutl.h>
 #include <ksutils/path.h>
+#include <ksutils/releaseutl.h>
 
 #include "kstest.h"
 
@@ -130,6 +132,32 @@ TEST(Path, CpathInternsEqualTexts) {
     EXPECT_STREQ(a, "/x/y");
     RootGuard root("/r");
     EXPECT_STREQ(ks::path::cpath(ks::common_path::log, "f"), "/r/var/log/f");
+}
+
+// The installed-file constants, used as paths, name the files under the root in force then.
+TEST(Path, InstallPathsFollowTheRoot) {
+    const std::pair<const ks::install_path*, const char*> constants[] = {  // '$' is the root
+        {&ks::kBoxIptables, "$/bin/iptables"},
+        {&ks::kBoxIp6tables, "$/bin/ip6tables"},
+        {&ks::kReleaseInfoFile, "$/kestrum-release"},
+        {&ks::kSetupInfoFile, "$/share/data/setup_version"},
+        {&ks::kPatchInfoFile, "$/patches/latest/patch.info"},
+        {&ks::kBootstrapInfoFile, "/etc/kestrum-release-bootstrap"},
+    };
+    const auto passed = [](ks::path p) { return p.str(); };
+    for (const std::string root : {"/first/root", "/second"}) {
+        RootGuard guard(root.c_str());
+        for (const auto& [constant, pattern] : constants) {
+            const std::string expected = pattern[0] == '$' ? root + (pattern + 1) : pattern;
+            const ks::path& bound = *constant;
+            const ks::path copied = *constant;
+            std::ostringstream printed;
+            printed << *constant;
+            EXPECT_EQ(std::vector<std::string>(5, expected),
+                      (std::vector<std::string>{bound.str(), copied.str(), passed(*constant), printed.str(),
+                                                fmt::format("{}", *constant)}));
+        }
+    }
 }
 
 // Runs `body` in a child inside a private mount namespace where `etc` and `opt` are

@@ -85,7 +85,7 @@ public:
     Connection connection;
 };
 
-// A new subscribed handle, or null.
+// A new subscribed handle, or null; cancelNotification frees it.
 KS_EXPORT NotifyHandle* setNotification(const std::string& key, bool reportKeys);
 KS_EXPORT int waitNotification(NotifyHandle* handle, int timeoutMs);
 KS_EXPORT int waitNotification(NotifyHandle* handle, int timeoutMs, std::set<std::string>& keys);

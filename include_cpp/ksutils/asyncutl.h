@@ -4,9 +4,13 @@
 // transport hands responses back through a plain function pointer and context, so a C-style
 // messaging library can drive it.
 //
+// The transport's context is the Request itself, so a transport may read its id, tag and uri
+// through it. A request that is cancelled or completed while the transport still holds it
+// is kept aside, at the same address, until that finish call arrives (which is then
+// ignored) or the runtime is destroyed; the transport must not call finish after that.
+//
 // The runtime has no lock: run, cancel, the transport's finish calls and the timers all
-// belong to the executor's thread. A finish call for a request that was cancelled meanwhile
-// is ignored; the transport must not call finish after the runtime is destroyed.
+// belong to the executor's thread.
 #pragma once
 #include <ksexport.h>
 #include <ksutils/executor.h>
@@ -15,7 +19,6 @@
 #include <functional>
 #include <list>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -46,7 +49,7 @@ class KS_EXPORT RequestRuntime {
 public:
     using finish_fn = void (*)(void* context, const void* response);
     // True when the request was handed over; the transport later calls finish(context, r)
-    // once for each response.
+    // once for each response. `context` is the Request being sent.
     using request_fn = std::function<bool(const std::string& uri, const std::string& payload, finish_fn finish,
                                           void* context)>;
 
@@ -75,16 +78,20 @@ private:
         std::vector<int> ids;
         std::function<bool()> on_complete;
     };
-    // What the transport gets as context: it outlives a cancelled request, so a late
-    // finish call finds out that its request is gone.
-    struct Ticket {
-        RequestRuntime* runtime;
-        int id;
+    // A request the transport holds: the number of finish calls still owed for it, and its
+    // node once it has left requests_ (cancelled or completed meanwhile), so that its address
+    // stays valid.
+    struct Held {
+        unsigned calls = 0;
+        std::map<int, Request>::node_type parked;
     };
 
     bool retry(Request& request);
     int send(int id, unsigned generation);
     static void finish(void* context, const void* response);
+    // One finish call owed for `request` is settled; frees it if it was parked and no other
+    // call is owed.
+    void settle(const Request* request);
 
     request_fn request_fn_;
     Executor& executor_;
@@ -94,7 +101,7 @@ private:
     std::map<int, CompleteCtx> groups_;
     size_t group_count_ = 0;
     std::map<int, unsigned> generations_;  // bumped by every retry: stale timers stop
-    std::map<const Ticket*, std::unique_ptr<Ticket>> tickets_;
+    std::map<const Request*, Held> held_;
 };
 
 }  // namespace ks::async

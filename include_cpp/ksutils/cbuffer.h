@@ -22,6 +22,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace ks {
@@ -80,6 +81,10 @@ public:
     char* tail;    // next byte to fill
     pthread_mutex_t mutex;
     std::string tag;
+
+private:
+    // Owns the storage that begin .. end views.
+    std::unique_ptr<char[]> storage_;
 };
 
 }  // namespace ks

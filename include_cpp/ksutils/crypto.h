@@ -74,18 +74,14 @@ KS_EXPORT bool base64_encode(const std::string& in, std::string& out);
 KS_EXPORT bool base64_decode(const std::string& in, std::string& out);
 
 // Owner of a crypto_log_writer: one per process, keyed for the public key file given.
+// Movable, not copyable.
 class KS_EXPORT CryptoLogWriter {
 public:
     explicit CryptoLogWriter(const char* public_key_path);
-    ~CryptoLogWriter();
-    CryptoLogWriter(CryptoLogWriter&& other) noexcept;
-    CryptoLogWriter& operator=(CryptoLogWriter&& other) noexcept;
-    CryptoLogWriter(const CryptoLogWriter&) = delete;
-    CryptoLogWriter& operator=(const CryptoLogWriter&) = delete;
 
     // False when the key could not be generated or wrapped (see the error record).
     explicit operator bool() const noexcept { return writer_ != nullptr; }
-    crypto_log_writer* get() const noexcept { return writer_; }
+    crypto_log_writer* get() const noexcept { return writer_.get(); }
 
     bool regen_sym_key();
     bool encrypt(int fd, const char* data, unsigned long size);
@@ -93,28 +89,29 @@ public:
     bool write_without_key(int fd, const std::vector<unsigned char>& ciphertext);
 
 private:
-    crypto_log_writer* writer_;
+    struct Free {
+        void operator()(crypto_log_writer* writer) const noexcept { crypto_log_writer_free(writer); }
+    };
+    std::unique_ptr<crypto_log_writer, Free> writer_;
 };
 
-// Owner of a crypto_log_reader for one private key file.
+// Owner of a crypto_log_reader for one private key file. Movable, not copyable.
 class KS_EXPORT CryptoLogReader {
 public:
     explicit CryptoLogReader(const char* private_key_path);
-    ~CryptoLogReader();
-    CryptoLogReader(CryptoLogReader&& other) noexcept;
-    CryptoLogReader& operator=(CryptoLogReader&& other) noexcept;
-    CryptoLogReader(const CryptoLogReader&) = delete;
-    CryptoLogReader& operator=(const CryptoLogReader&) = delete;
 
     explicit operator bool() const noexcept { return reader_ != nullptr; }
-    crypto_log_reader* get() const noexcept { return reader_; }
+    crypto_log_reader* get() const noexcept { return reader_.get(); }
 
     // Writes the plain records of `in_fd` to `out_fd`; false on a bad file or key (see the
     // error record), after writing everything readable before the fault.
     bool decrypt(int out_fd, int in_fd);
 
 private:
-    crypto_log_reader* reader_;
+    struct Free {
+        void operator()(crypto_log_reader* reader) const noexcept { crypto_log_reader_free(reader); }
+    };
+    std::unique_ptr<crypto_log_reader, Free> reader_;
 };
 
 }  // namespace ks

@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -87,7 +88,7 @@ KS_EXPORT int get_lan_interfaces(std::vector<Interface>& out);
 KS_EXPORT int get_wan_interface_with_ipv4(Interface& out);
 KS_EXPORT void update(const std::vector<Interface>& list);
 
-// The handle for a caller's own event loop; used by one thread.
+// The handle for a caller's own event loop; used by one thread. uninit(handle) frees it.
 struct netmgmt_t;
 KS_EXPORT netmgmt_t* init_eventloop();
 // The refresh key's notification descriptor (-1 without one); the first success also loads
@@ -99,6 +100,11 @@ KS_EXPORT int set_on_if_change(netmgmt_t* handle, InterfaceType type, InterfaceC
 KS_EXPORT void unset_on_if_change(netmgmt_t* handle, int id);
 KS_EXPORT void get_ifaces(netmgmt_t* handle, InterfaceType type, std::vector<Interface>& out);
 KS_EXPORT void uninit(netmgmt_t* handle);
+// An owner of a handle, for callers that keep one as a member.
+struct netmgmt_deleter {
+    void operator()(netmgmt_t* handle) const { uninit(handle); }
+};
+using unique_netmgmt = std::unique_ptr<netmgmt_t, netmgmt_deleter>;
 
 }  // namespace ks::netMgmt
 

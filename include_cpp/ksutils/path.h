@@ -10,6 +10,8 @@
 
 #include <sys/stat.h>
 
+#include <fmt/format.h>
+
 #include <ostream>
 #include <string>
 #include <type_traits>
@@ -113,13 +115,15 @@ private:
 
 // A file or program inside one of the standard directories, named by a constant. The text
 // is computed each time it is asked for, not at load time, so a process that sets its
-// install root after the library was loaded (tools, tests) finds its own files.
+// install root after the library was loaded (tools, tests) finds its own files. It stands
+// wherever a path is expected: bound to a const path&, copied, passed or printed.
 class KS_EXPORT install_path {
 public:
     constexpr install_path(common_path dir, const char* name) noexcept : dir_(dir), name_(name) {}
     // The full path; empty when the install root is unknown.
     path get() const;
     std::string str() const { return get().str(); }
+    operator path() const { return get(); }
 
 private:
     common_path dir_;
@@ -129,3 +133,14 @@ private:
 inline std::ostream& operator<<(std::ostream& os, const path& p) { return os << std::string_view(p.view()); }
 
 }  // namespace ks
+
+// A path formats as its text by converting to a string view; an install_path has no text of
+// its own to view, so it formats the path it names at that moment.
+template <>
+struct fmt::formatter<ks::install_path> : fmt::formatter<fmt::string_view> {
+    template <class FormatContext>
+    auto format(const ks::install_path& name, FormatContext& ctx) const {
+        const ks::path full = name;
+        return fmt::formatter<fmt::string_view>::format(fmt::string_view(full.c_str(), full.size()), ctx);
+    }
+};

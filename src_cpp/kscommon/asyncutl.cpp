@@ -5,6 +5,10 @@
 // from inside the send: the callback therefore looks its request up again afterwards
 // (the answer may have completed it, or a retry may have given it a new timer) instead of
 // trusting a reference that the answer could have invalidated.
+//
+// The transport's context is the stored Request. A request leaving the map while the
+// transport owes a finish call for it is extracted as a node, which keeps its address,
+// and freed when that call arrives.
 #include <ksutils/asyncutl.h>
 #include <ksutils/kslog.h>
 
@@ -81,14 +85,12 @@ int RequestRuntime::send(int id, unsigned generation) {
     auto found = requests_.find(id);
     if (found == requests_.end()) return 0;  // cancelled: its timer is already gone
     if (generations_[id] != generation) return -1;
-    auto ticket = std::make_unique<Ticket>(Ticket{this, id});
-    const Ticket* context = ticket.get();
-    tickets_.emplace(context, std::move(ticket));
-    const Request& request = found->second;
-    const bool handed_over = request_fn_(request.uri, request.payload, &RequestRuntime::finish,
-                                         const_cast<Ticket*>(context));
+    Request& request = found->second;
+    // Owed before the call: a synchronous answer settles it from inside.
+    ++held_[&request].calls;
+    const bool handed_over = request_fn_(request.uri, request.payload, &RequestRuntime::finish, &request);
+    if (!handed_over) settle(&request);
     found = requests_.find(id);
-    if (!handed_over) tickets_.erase(context);
     if (found == requests_.end()) return 0;     // completed by a synchronous answer
     if (generations_[id] != generation) return -1;  // a synchronous answer started a new timer
     if (handed_over) {
@@ -99,22 +101,33 @@ int RequestRuntime::send(int id, unsigned generation) {
     return static_cast<int>(found->second.get_timeout().count());
 }
 
+// The request stays owed (and so in place) until the handler has returned: a handler that
+// cancels its own request must not destroy the handler while it runs.
 void RequestRuntime::finish(void* context, const void* response) {
-    const auto* ticket = static_cast<const Ticket*>(context);
-    RequestRuntime& self = *ticket->runtime;
-    const int id = ticket->id;
-    self.tickets_.erase(ticket);
-    const auto found = self.requests_.find(id);
-    if (found == self.requests_.end()) {
-        KSLOG_ERROR(kChannel, "No request with id={:d}", id);
+    auto* request = static_cast<Request*>(context);
+    RequestRuntime& self = *request->runtime;
+    const auto parked = [&] {
+        const auto held = self.held_.find(request);
+        return held != self.held_.end() && !held->second.parked.empty();
+    };
+    if (parked()) {
+        KSLOG_ERROR(kChannel, "No request with id={:d}", request->id);
+        self.settle(request);
         return;
     }
-    KSLOG_INFO(kChannel, "Finishing request {}", found->second.to_string());
-    const bool accepted = !found->second.handler || found->second.handler(response);
-    const auto again = self.requests_.find(id);  // the handler may have cancelled it
-    if (again == self.requests_.end()) return;
-    if (accepted && self.try_complete(again->second)) return;
-    self.retry(again->second);
+    KSLOG_INFO(kChannel, "Finishing request {}", request->to_string());
+    const bool accepted = !request->handler || request->handler(response);
+    const bool cancelled = parked();
+    self.settle(request);
+    if (cancelled) return;
+    if (accepted && self.try_complete(*request)) return;
+    self.retry(*request);
+}
+
+void RequestRuntime::settle(const Request* request) {
+    const auto held = held_.find(request);
+    if (held == held_.end()) return;
+    if (--held->second.calls == 0) held_.erase(held);
 }
 
 bool RequestRuntime::try_complete(const Request& request) {
@@ -148,8 +161,12 @@ void RequestRuntime::cancel_request(int id) {
         return;
     }
     if (found->second.tfd != -1) executor_.del(found->second.tfd);
-    requests_.erase(found);
     generations_.erase(id);
+    const auto held = held_.find(&found->second);
+    if (held != held_.end())
+        held->second.parked = requests_.extract(found);
+    else
+        requests_.erase(found);
 }
 
 void RequestRuntime::cancel(int tag) {

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <new>
 #include <system_error>
+#include <utility>
 
 namespace ks {
 
@@ -57,10 +58,7 @@ ConnectionBuffer::ConnectionBuffer(ConnectionBufferType t, const std::string& na
       mutex(PTHREAD_MUTEX_INITIALIZER),
       tag(make_tag(t, name)) {}
 
-ConnectionBuffer::~ConnectionBuffer() {
-    delete[] begin;
-    pthread_mutex_destroy(&mutex);
-}
+ConnectionBuffer::~ConnectionBuffer() { pthread_mutex_destroy(&mutex); }
 
 bool ConnectionBuffer::init(size_t initial, size_t max) {
     if (begin != nullptr) {
@@ -74,12 +72,12 @@ bool ConnectionBuffer::init(size_t initial, size_t max) {
         _get_kserrno().set(E_INVAL, "{:s} connection buffer needs a non-zero initial size", tag);
         return false;
     }
-    char* storage = new (std::nothrow) char[initial];
-    if (storage == nullptr) {
+    storage_.reset(new (std::nothrow) char[initial]);
+    if (storage_ == nullptr) {
         KSLOG_ERROR(kChannel, "{:s} failed to allocate connection buffer", tag);
         return false;
     }
-    begin = head = tail = storage;
+    begin = head = tail = storage_.get();
     end = begin + initial;
     capacity = initial;
     maximum = max;
@@ -87,7 +85,7 @@ bool ConnectionBuffer::init(size_t initial, size_t max) {
 }
 
 void ConnectionBuffer::uninit() {
-    delete[] begin;
+    storage_.reset();
     begin = end = head = tail = nullptr;
     capacity = maximum = count = 0;
 }
@@ -98,7 +96,7 @@ bool ConnectionBuffer::double_size() {
         return false;
     }
     // The limit is checked before doubling and the new size is not clipped to it.
-    char* grown = capacity <= SIZE_MAX / 2 ? new (std::nothrow) char[capacity * 2] : nullptr;
+    std::unique_ptr<char[]> grown(capacity <= SIZE_MAX / 2 ? new (std::nothrow) char[capacity * 2] : nullptr);
     if (grown == nullptr) {
         KSLOG_ERROR(kChannel, "{:s} failed to reallocate connection buffer", tag);
         return false;
@@ -106,14 +104,14 @@ bool ConnectionBuffer::double_size() {
     if (count != 0) {
         if (head >= tail) {
             const size_t first = static_cast<size_t>(end - head);
-            std::memcpy(grown, head, first);
-            std::memcpy(grown + first, begin, static_cast<size_t>(tail - begin));
+            std::memcpy(grown.get(), head, first);
+            std::memcpy(grown.get() + first, begin, static_cast<size_t>(tail - begin));
         } else {
-            std::memcpy(grown, head, count);
+            std::memcpy(grown.get(), head, count);
         }
     }
-    delete[] begin;
-    begin = head = grown;
+    storage_ = std::move(grown);
+    begin = head = storage_.get();
     tail = begin + count;
     capacity *= 2;
     end = begin + capacity;

@@ -202,50 +202,25 @@ bool base64_decode(const std::string& in, std::string& out) {
 
 CryptoLogWriter::CryptoLogWriter(const char* public_key_path) : writer_(crypto_log_writer_new(public_key_path)) {}
 
-CryptoLogWriter::~CryptoLogWriter() { crypto_log_writer_free(writer_); }
-
-CryptoLogWriter::CryptoLogWriter(CryptoLogWriter&& other) noexcept
-    : writer_(std::exchange(other.writer_, nullptr)) {}
-
-CryptoLogWriter& CryptoLogWriter::operator=(CryptoLogWriter&& other) noexcept {
-    if (this != &other) {
-        crypto_log_writer_free(writer_);
-        writer_ = std::exchange(other.writer_, nullptr);
-    }
-    return *this;
-}
-
-bool CryptoLogWriter::regen_sym_key() { return writer_ && crypto_log_writer_regen_sym_key(writer_) == 0; }
+bool CryptoLogWriter::regen_sym_key() { return writer_ && crypto_log_writer_regen_sym_key(writer_.get()) == 0; }
 
 bool CryptoLogWriter::encrypt(int fd, const char* data, unsigned long size) {
-    return writer_ && crypto_log_writer_encrypt(writer_, fd, data, size) == 0;
+    return writer_ && crypto_log_writer_encrypt(writer_.get(), fd, data, size) == 0;
 }
 
 bool CryptoLogWriter::write_with_key(int fd, const std::vector<unsigned char>& ciphertext) {
-    return writer_ && crypto_log_writer_write_with_key(writer_, fd, ciphertext.data(), ciphertext.size()) == 0;
+    return writer_ && crypto_log_writer_write_with_key(writer_.get(), fd, ciphertext.data(), ciphertext.size()) == 0;
 }
 
 bool CryptoLogWriter::write_without_key(int fd, const std::vector<unsigned char>& ciphertext) {
-    return writer_ && crypto_log_writer_write_without_key(writer_, fd, ciphertext.data(), ciphertext.size()) == 0;
+    return writer_ &&
+           crypto_log_writer_write_without_key(writer_.get(), fd, ciphertext.data(), ciphertext.size()) == 0;
 }
 
 CryptoLogReader::CryptoLogReader(const char* private_key_path) : reader_(crypto_log_reader_new(private_key_path)) {}
 
-CryptoLogReader::~CryptoLogReader() { crypto_log_reader_free(reader_); }
-
-CryptoLogReader::CryptoLogReader(CryptoLogReader&& other) noexcept
-    : reader_(std::exchange(other.reader_, nullptr)) {}
-
-CryptoLogReader& CryptoLogReader::operator=(CryptoLogReader&& other) noexcept {
-    if (this != &other) {
-        crypto_log_reader_free(reader_);
-        reader_ = std::exchange(other.reader_, nullptr);
-    }
-    return *this;
-}
-
 bool CryptoLogReader::decrypt(int out_fd, int in_fd) {
-    return reader_ && crypto_log_reader_decrypt(reader_, out_fd, in_fd) == 0;
+    return reader_ && crypto_log_reader_decrypt(reader_.get(), out_fd, in_fd) == 0;
 }
 
 }  // namespace ks

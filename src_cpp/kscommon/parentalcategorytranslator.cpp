@@ -1,6 +1,7 @@
 // The parental category table: loading, encoding and decoding.
 #include <ksutils/error.h>
 #include <ksutils/kslog.h>
+#include <ksutils/miscutl.h>
 #include <ksutils/parentalcategorytranslator.h>
 
 #include <jansson.h>
@@ -37,6 +38,16 @@ const char* invalid_reason(const json_t* element) {
     return nullptr;
 }
 
+// log_json prints objects and arrays only; a bare number, string or null in the table is
+// shown in the same "reason: element" form.
+void log_invalid(unsigned long channel, const char* reason, const json_t* element) {
+    if (json_is_object(element) || json_is_array(element))
+        return ks::log_json(channel, log::level::warning, reason, element);
+    if (!log::can_log(channel, log::level::warning)) return;
+    const unique_c_ptr<char> text(json_dumps(element, JSON_ENCODE_ANY));
+    KSLOG_WARN(channel, "{:s}: {:s}", reason, text ? text.get() : "");
+}
+
 }  // namespace
 
 bool ParentalCategoryTranslator::init(ks::path file) {
@@ -54,7 +65,7 @@ bool ParentalCategoryTranslator::init(ks::path file) {
     json_t* element;
     json_array_foreach(doc.get(), i, element) {
         if (const char* reason = invalid_reason(element)) {
-            ks::log_json(channel, log::level::warning, reason, element);
+            log_invalid(channel, reason, element);
             continue;
         }
         const uint64_t number = to_unsigned(json_object_get(element, "number"));
