@@ -49,14 +49,11 @@ TEST_F(SubprocessTest, MessagesAreCutAtNulAcrossReadsAndTheBufferSize) {
                    "for i in 1 2 3; do head -c 30000 /dev/zero | tr '\\0' x; printf '\\0'; done\n" +
                    "head -c 70000 /dev/zero | tr '\\0' y; printf '\\0ok\\0'\n" + kAwaitStop);
     ASSERT_TRUE(p->start());
-    EXPECT_EQ((Messages{"a", "b"}), collect(*p, 2));
-    EXPECT_EQ((Messages{"cd"}), collect(*p, 1));
-    std::string out;
-    Messages big;
-    out = log_.during([&] { big = collect(*p, 4); });
-    ASSERT_EQ(4u, big.size());
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(std::string(30000, 'x'), big[i]);
-    EXPECT_EQ("ok", big[3]) << "the tail of the oversized message is dropped with it";
+    // One collection: how the bytes are spread over reads depends on the machine's load.
+    Messages all;
+    std::string out = log_.during([&] { all = collect(*p, 7); });
+    const std::string x(30000, 'x');
+    EXPECT_EQ((Messages{"a", "b", "cd", x, x, x, "ok"}), all) << "the oversized message is dropped whole";
     EXPECT_TRUE(kstest::has_record(out, "Received message larger than buffer")) << out;
     out = log_.during([&] { p->stop(true); });
     EXPECT_TRUE(kstest::has_record(out, "Subprocess (type=UPNP, pid=*) exited normally (0)")) << out;
