@@ -297,6 +297,79 @@ TEST_F(SetMgmtServer, OfflineFallback) {
     server.start();
 }
 
+namespace {
+
+// Every command of the command-line tool under `base`, with what it prints; once the server
+// is stopped, reads go on from the offline copy.
+void expectToolSteps(ServerProcess& server, const std::string& base) {
+    SCOPED_TRACE(base);
+    const std::string cli = "'" + kstest::tool_path("kssetmgmt") + "' -root '" + root().path() + "' ";
+    const std::string blob = "\0\1\2\xff"s, blobFile = root() / "var/tmp/blob";
+    ASSERT_TRUE(kstest::write_file(blobFile, blob));
+    using Steps = std::vector<std::tuple<std::string, int, std::string>>;  // arguments, exit status, output
+    const auto run = [&](const Steps& steps) {
+        for (const auto& [args, status, output] : steps) {
+            std::string out;
+            EXPECT_EQ(status, kstest::run(cli + args, &out)) << args;
+            EXPECT_EQ(output, out) << args;
+        }
+    };
+    run({
+        {"set " + base + "/name 'the box'", 0, ""},
+        {"get " + base + "/name", 0, "the box"},
+        {"stat " + base + "/name", 0, "string 7\n"},
+        {"set-file " + base + "/blob '" + blobFile + "'", 0, ""},
+        {"stat " + base + "/blob", 0, "binary 4\n"},
+        {"get " + base + "/blob", 0, blob},
+        {"set " + base + "/empty ''", 0, ""},
+        {"stat " + base + "/empty", 0, "none 0\n"},
+        {"lock-set " + base + "/locked yes", 0, ""},
+        {"get " + base + "/locked", 0, "yes"},
+        {"enum " + base, 0, "blob\nempty\nlocked\nname\n"},
+        {"delete " + base + "/name", 0, ""},
+        {"get " + base + "/name 2>&1", 2, "kssetmgmt: get " + base + "/name: Key not found (E_INVAL)\n"},
+        {"get " + base + "/ 2>&1", 2,
+         "kssetmgmt: get " + base + "/: Invalid key format (key must not end with /) (E_INVAL)\n"},
+        {"set-file " + base + "/x '" + root() / "var/tmp/missing" + "' 2>/dev/null", 2, ""},
+        {"set-file " + base + "/x / 2>/dev/null", 2, ""},
+        {"frobnicate 2>/dev/null", 1, ""},
+        {"watch " + base + " 0 2>/dev/null", 1, ""},
+    });
+    EXPECT_EQ("yes", sm::getKeyValue(base + "/locked", ""));  // written for everyone, not just the tool
+
+    // watch prints the changed keys as they come and stops after the count.
+    std::string watched;
+    int watchStatus = -1;
+    std::thread watcher([&] { watchStatus = kstest::run(cli + "watch " + base + " 2", &watched); });
+    DebugInfo debug;
+    while (sm::getDebugInfo(debug) == 0 && debug.notificationStreams == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(0, sm::setKey(base + "/one", "1"));
+    EXPECT_EQ(0, sm::setKey(base + "/one", "2"));
+    watcher.join();
+    EXPECT_EQ(0, watchStatus);
+    // One line per changed key and wake-up: the two changes may come in one wake-up or two.
+    EXPECT_TRUE(watched == base + "/one\n" || watched == base + "/one\n" + base + "/one\n") << watched;
+
+    ASSERT_EQ(0, server.stop());
+    run({
+        {"get " + base + "/locked", 0, "yes"},
+        {"set " + base + "/locked no 2>/dev/null", 2, ""},
+    });
+    server.start();
+}
+
+}  // namespace
+
+TEST_F(SetMgmtServer, CommandLineToolWithAndWithoutLogKey) {
+    // Without its key the log core cannot start; the tool must work there all the same.
+    expectToolSteps(server, "/cli");
+    const std::string key = root() / "etc/logs-pub.pem", away = key + ".away";
+    ASSERT_EQ(0, std::rename(key.c_str(), away.c_str()));
+    expectToolSteps(server, "/bare");
+    EXPECT_EQ(0, std::rename(away.c_str(), key.c_str()));
+}
+
 TEST_F(SetMgmtServer, Notifications) {
     sm::NotifyHandle* keyed = sm::setNotification("/notify", true);
     sm::NotifyHandle* plain = sm::setNotification("/notify/a", false);

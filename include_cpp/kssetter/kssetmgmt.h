@@ -28,6 +28,14 @@ namespace setMgmt {
 
 // Reference-counted: every successful init() needs one uninit().
 KS_EXPORT int init();
+
+// Whether init() may go without the client's log channel. A daemon requires it: a client
+// that forgot to start logging is told at once. A program that must also work where the
+// log core cannot start (an install root without its log key) makes it optional: the
+// client then runs without a channel, its records are dropped, and every failure still
+// reaches the caller through the error record.
+enum class LogChannel { required, optional };
+KS_EXPORT int init(LogChannel channel);
 KS_EXPORT int uninit();
 KS_EXPORT bool initialized();
 

@@ -166,7 +166,9 @@ unsigned long _log_channel() noexcept {
 
 Connection& _thread_connection() { return t_connection; }
 
-int init() {
+int init() { return init(LogChannel::required); }
+
+int init(LogChannel logChannel) {
     std::lock_guard<std::mutex> lock(g_initMutex);
     if (g_initCount.load() > 0) {
         ++g_initCount;
@@ -174,12 +176,12 @@ int init() {
     }
     g_offlineMode = true;
     invalidateOffline();
-    const unsigned long channel = log::open_channel(log::kKSSetMgmtChannel);
-    if (static_cast<long>(channel) < 0) {
+    const long channel = static_cast<long>(log::open_channel(log::kKSSetMgmtChannel));
+    if (channel < 0 && logChannel == LogChannel::required) {
         _get_kserrno().set(E_FAULT, "Cannot open log channel '{:s}'.", log::kKSSetMgmtChannel);
         return -1;
     }
-    g_logChannel = static_cast<long>(channel);
+    g_logChannel = channel;
     ks::lib_atfork(childAfterFork);
     KSLOG_DEBUG(_log_channel(), "ks::setMgmt successfully initialized");
     ++g_initCount;
