@@ -11,8 +11,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 namespace ks {
 namespace setter {
@@ -75,6 +73,18 @@ bool apply(storage::Store& store, const unsigned char* p, uint32_t length) {
     return false;
 }
 
+// The file's bytes (none for a missing file). False, with errno, when it cannot be read to
+// its end: a journal read short would look like one that ends early.
+bool readWhole(const std::string& path, std::string& out) {
+    ks::unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return errno == ENOENT;
+    char chunk[16384];
+    ssize_t n;
+    // Reads of a regular file are not interrupted by signals: no EINTR to retry.
+    while ((n = ::read(fd.get(), chunk, sizeof chunk)) > 0) out.append(chunk, static_cast<size_t>(n));
+    return n == 0;
+}
+
 }  // namespace
 
 uint32_t Journal::crc32c(const unsigned char* data, size_t size) {
@@ -106,9 +116,17 @@ std::string Journal::encodeDelete(ks::string_view key, bool prune, bool leafOnly
 }
 
 Journal::Replay Journal::replay(storage::Store& store) const {
+    std::string data;
+    if (!readWhole(path_, data)) {
+        Replay unread;
+        unread.error = errno;
+        return unread;
+    }
+    return applyRecords(data, store);
+}
+
+Journal::Replay Journal::applyRecords(const std::string& data, storage::Store& store) {
     Replay result;
-    std::ifstream in(path_, std::ios::binary);
-    const std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const auto* bytes = reinterpret_cast<const unsigned char*>(data.data());
     size_t at = 0;
     // A tail of zeros is space the file system gave the last append before its data.
@@ -152,6 +170,10 @@ bool Journal::open(uint64_t validLength) {
         if (::ftruncate(fd_.get(), static_cast<off_t>(validLength)) != 0) return fail("cut the torn end of");
         size_ = validLength;
     }
+    // write_all cuts a failed append back to the descriptor's position, taken as where the
+    // append began; an O_APPEND descriptor stands at 0 until its first write, so a failed
+    // first append would empty the journal.
+    if (::lseek(fd_.get(), static_cast<off_t>(size_), SEEK_SET) < 0) return fail("seek to the end of");
     // The file's name must survive a power loss as surely as the records fsync'ed into it.
     const size_t slash = path_.rfind('/');
     const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path_.substr(0, slash);
@@ -166,7 +188,7 @@ void Journal::addSet(ks::string_view key, storage::ValueType type, const unsigne
 
 void Journal::addDelete(ks::string_view key, bool prune, bool leafOnly) { pending_ += encodeDelete(key, prune, leafOnly); }
 
-bool Journal::commit() {
+bool Journal::commit(storage::Store& durable) {
     if (pending_.empty()) return true;
     if (!fd_ && !open(size_)) return false;
     // Whatever part of a failed append went in is cut off (by write_all itself, or here after
@@ -179,6 +201,7 @@ bool Journal::commit() {
         return false;
     }
     size_ += pending_.size();
+    applyRecords(pending_, durable);
     pending_.clear();
     return true;
 }
@@ -191,6 +214,7 @@ bool Journal::reset() {
         return false;
     }
     size_ = 0;
+    ::lseek(fd_.get(), 0, SEEK_SET);  // where the next append begins, as in open()
     return true;
 }
 
