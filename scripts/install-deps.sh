@@ -10,6 +10,8 @@ packages=(
   libjansson-dev libmbedtls-dev libfmt-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   openssl coreutils util-linux iproute2 iptables
+  # the settings server's I/O-error test injects failed system calls with it
+  strace
   # benchmark baselines only: the library never links them
   libuv1-dev redis-server redis-tools
   # fuzzing (scripts/fuzz.sh): clang with libFuzzer and the sanitizer runtimes

@@ -1,5 +1,6 @@
 // The settings server's journal: replay of torn, zero-filled and damaged files, start-up
-// over a damaged journal, and acknowledged writes surviving SIGKILL of a real server.
+// over a damaged journal, acknowledged writes surviving SIGKILL of a real server, and a full
+// disk that refuses writes without losing an acknowledged one.
 #include "kssetter_fixture.h"
 
 #include "kssetter/server/journal.h"
@@ -7,7 +8,12 @@
 
 #include <ksutils/executor.h>
 
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+
 #include <atomic>
+#include <cstdio>
 #include <fstream>
 #include <map>
 #include <random>
@@ -146,6 +152,76 @@ TEST(Journal, AcknowledgedWritesSurviveKill9) {
         EXPECT_EQ(Store::checkHash(storagePath()), 0);
     }
     EXPECT_GE(acked.size(), 8u) << "the clients should have written between the kills";
+}
+
+// A tmpfs of `options` over `dir`, in a mount namespace that only the calling thread and the
+// processes it starts see; the thread returns to the original namespace on destruction.
+class SmallDisk {
+public:
+    SmallDisk(const std::string& dir, const char* options)
+        : dir_(dir), original_(::open("/proc/thread-self/ns/mnt", O_RDONLY | O_CLOEXEC)) {
+        mounted_ = original_ && kstest::private_mounts() && ::mount("kstest", dir.c_str(), "tmpfs", 0, options) == 0;
+    }
+    ~SmallDisk() {
+        if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
+        if (original_) ::setns(original_.get(), CLONE_NEWNS);
+    }
+    bool mounted() const { return mounted_; }
+
+private:
+    std::string dir_;
+    ks::unique_fd original_;
+    bool mounted_ = false;
+};
+
+// Persistent writes fill a small disk until they are refused, each with E_SYSTEM and undone;
+// reads and "/tmp" writes go on. SIGKILL on the full disk, a start on it, SIGKILL again, then
+// a start with room: every acknowledged write has its last acknowledged value throughout.
+TEST(Journal, FullDiskRefusesWritesAndLosesNoAcknowledgedOne) {
+    ClientScope client;
+    SmallDisk disk(root() / "etc", "size=1m");
+    if (!disk.mounted()) GTEST_SKIP() << "no mount namespace here";
+    ASSERT_TRUE(kstest::write_file(root() / "etc/filler", std::string(512 << 10, 'f')));
+    ServerProcess server;
+    std::map<std::string, std::string> acked;
+    int refused = 0, written = 0;
+    for (; written < 2000 && refused < 20; ++written) {
+        const std::string key = "/full/k" + std::to_string(written % 64);
+        const std::string value = std::string(2048, 'v') + std::to_string(written);
+        if (sm::setKey(key, value) == 0) {
+            acked[key] = value;
+            continue;
+        }
+        ++refused;
+        ASSERT_TRUE(failed(-1, ks::E_SYSTEM, "System error: No space left on device")) << key;
+        EXPECT_EQ(sm::getKeyValue(key, "<none>"), acked.count(key) ? acked[key] : "<none>") << key;
+        EXPECT_EQ(sm::setKey("/tmp/full/" + std::to_string(written), "kept"), 0) << errorText();
+    }
+    std::printf("full disk: %zu key(s), %d write(s) acknowledged, %d refused\n", acked.size(), written - refused,
+                refused);
+    std::fflush(stdout);
+    ASSERT_GT(refused, 0) << "the disk never filled";
+    auto expectAcked = [&](const char* when) {
+        inThread([&] {
+            for (const auto& [key, value] : acked)
+                EXPECT_EQ(sm::getKeyValue(key, "<none>"), value) << key << " " << when;
+        });
+    };
+    server.crash();
+    server.start();
+    expectAcked("after a start on the full disk");
+    // The first append after a start must not disturb the records replayed before it.
+    inThread([] { EXPECT_TRUE(failed(sm::setKey("/full/k0", std::string(4096, 'r')), ks::E_SYSTEM)); });
+    server.crash();
+    ASSERT_EQ(::unlink((root() / "etc/filler").c_str()), 0);
+    server.start();
+    expectAcked("after a start with room");
+    inThread([] { EXPECT_EQ(sm::setKey("/full/after", "room"), 0) << errorText(); });
+    EXPECT_EQ(server.stop(), 0);
+    Store saved;
+    ASSERT_EQ(Store::checkHash(storagePath()) + saved.load(storagePath()), 0);
+    for (const auto& [key, value] : acked) EXPECT_EQ(valueOf(saved, key), value) << key;
+    EXPECT_EQ(valueOf(saved, "/full/after"), "room");
 }
 
 }  // namespace

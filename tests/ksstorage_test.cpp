@@ -1,6 +1,7 @@
 // Settings store: key errors, lookups, deletes, merges, change counting, and the settings
-// file checked byte for byte and against sha256sum and base64, a large store that reloads
-// equal and whose saves are killed at random moments, and the log records.
+// file checked byte for byte and against sha256sum and base64, saves that fail part-way, a
+// large store that reloads equal and whose saves are killed at random moments, and the log
+// records.
 #include <kssetter/ksstorage.h>
 #include <ksutils/error.h>
 #include <ksutils/kslog.h>
@@ -9,14 +10,21 @@
 
 #include <gtest/gtest.h>
 
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <cstdlib>
 #include <random>
 #include <thread>
 
@@ -314,6 +322,68 @@ TEST(StoreFile, FailedSavesKeepThePreviousFile) {
     });
     ::chmod(ro.c_str(), 0755);
     EXPECT_EQ(failures, 0) << "1 result, 2 no E_SYSTEM, 4 old file changed";
+}
+
+// In a forked child: every later call `nr` whose third argument (a write's length) is at
+// least `minLength` fails with `error`. False where filters are refused.
+bool failCalls(long nr, int error, uint32_t minLength) {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(nr), 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),  // its low half: little-endian
+        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, minLength, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<uint32_t>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog fprog{static_cast<unsigned short>(std::size(program)), program};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &fprog) == 0;
+}
+
+// Saves whose write, sync or rename fails, and one on a disk too small for the new file: the
+// failure is reported, with the errno of the step, and the previous file stays whole.
+TEST(StoreFile, SavesFailingPartWayKeepThePreviousFile) {
+    if (std::getenv("KS_TEST_EMULATED")) GTEST_SKIP() << "qemu-user refuses system-call filters";
+#ifdef SYS_rename
+    const long renameCall = SYS_rename;  // the call glibc's rename makes
+#else
+    const long renameCall = SYS_renameat;
+#endif
+    const struct {
+        const char* name;
+        long call;  // -1: a real disk with too little room
+        int error;
+        uint32_t minLength;
+    } cases[] = {
+        {"the checksum line's write", SYS_write, EIO, 0},
+        {"the content's write, after the checksum line's", SYS_write, ENOSPC, 78},
+        {"fsync", SYS_fsync, EIO, 0},
+        {"rename", renameCall, EIO, 0},
+        {"a disk too small", -1, ENOSPC, 0},
+    };
+    kstest::TempDir dir;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const int failures = kstest::in_child([&] {
+            if (c.call < 0 && (!kstest::private_mounts() || ::mount("kstest", dir.path().c_str(), "tmpfs", 0, "size=16k")))
+                return 77;
+            const std::string file = dir / "settings";
+            Store store = make({"/b=kept"});
+            store.setKey("/a", bytes("old"), String, 3);
+            if (store.save({file}) != 0 || Store::checkHash(file) != 0) return 64;
+            const std::string previous = kstest::read_file(file), large(64 << 10, 'n');
+            store.setKey("/a", bytes(large), String, large.size());
+            if (c.call >= 0 && !failCalls(c.call, c.error, c.minLength)) return 77;
+            int failed = store.writeFile(file) ? 1 : errno != c.error ? 2 : 0;
+            store.save({file});
+            failed |= (code() != ks::E_SYSTEM) << 2;
+            failed |= (kstest::read_file(file) != previous || Store::checkHash(file) != 0) << 3;
+            failed |= exists(file + ".shadow") << 4;
+            return failed;
+        });
+        if (failures == 77) continue;  // no filters or mounts here
+        EXPECT_EQ(failures, 0) << "1 reported success, 2 another errno, 4 no E_SYSTEM, 8 previous file changed, "
+                                  "16 shadow left, 64 no first file";
+    }
 }
 
 // Keys 1 to 7 components deep over a small vocabulary, with multi-line strings, binary

@@ -12,8 +12,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 namespace ks {
 namespace setter {
@@ -76,6 +74,18 @@ bool apply(storage::Store& store, const unsigned char* p, uint32_t length) {
     return false;
 }
 
+// The file's bytes (none for a missing file). False, with errno, when it cannot be read to
+// its end: a journal read short would look like one that ends early.
+bool readWhole(const std::string& path, std::string& out) {
+    ks::unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return errno == ENOENT;
+    char chunk[16384];
+    ssize_t n;
+    // Reads of a regular file are not interrupted by signals: no EINTR to retry.
+    while ((n = ::read(fd.get(), chunk, sizeof chunk)) > 0) out.append(chunk, static_cast<size_t>(n));
+    return n == 0;
+}
+
 }  // namespace
 
 uint32_t Journal::crc32c(const unsigned char* data, size_t size) {
@@ -106,11 +116,18 @@ std::string Journal::encodeDelete(ks::string_view key, bool prune, bool leafOnly
     return frame(start('D', static_cast<unsigned char>((prune ? 1 : 0) | (leafOnly ? 2 : 0)), key));
 }
 
-Journal::Replay Journal::replay(storage::Store& store, uint64_t limit) const {
+Journal::Replay Journal::replay(storage::Store& store) const {
+    std::string data;
+    if (!readWhole(path_, data)) {
+        Replay unread;
+        unread.error = errno;
+        return unread;
+    }
+    return applyRecords(data, store);
+}
+
+Journal::Replay Journal::applyRecords(const std::string& data, storage::Store& store) {
     Replay result;
-    std::ifstream in(path_, std::ios::binary);
-    std::string data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (data.size() > limit) data.resize(static_cast<size_t>(limit));
     const auto* bytes = reinterpret_cast<const unsigned char*>(data.data());
     size_t at = 0;
     // A tail of zeros is space the file system gave the last append before its data.
@@ -149,11 +166,15 @@ bool Journal::open(uint64_t validLength) {
     fd_.reset(::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     struct stat st;
     if (!fd_ || ::fstat(fd_.get(), &st) != 0) return fail("open");
+    // size_ changes only once the cut is made: should it fail, the next open cuts again.
     if (static_cast<uint64_t>(st.st_size) > validLength &&
         ::ftruncate(fd_.get(), static_cast<off_t>(validLength)) != 0)
         return fail("cut the torn end of");
     size_ = std::min(static_cast<uint64_t>(st.st_size), validLength);
-    opened_ = true;
+    // write_all cuts a failed append back to the descriptor's position, taken as where the
+    // append began; an O_APPEND descriptor stands at 0 until its first write, so a failed
+    // first append would empty the journal.
+    if (::lseek(fd_.get(), static_cast<off_t>(size_), SEEK_SET) < 0) return fail("seek to the end of");
     // The file's name must survive a power loss as surely as the records fsync'ed into it.
     const size_t slash = path_.rfind('/');
     const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path_.substr(0, slash);
@@ -168,7 +189,7 @@ void Journal::addSet(ks::string_view key, storage::ValueType type, const unsigne
 
 void Journal::addDelete(ks::string_view key, bool prune, bool leafOnly) { pending_ += encodeDelete(key, prune, leafOnly); }
 
-bool Journal::commit() {
+bool Journal::commit(storage::Store& durable) {
     if (pending_.empty()) return true;
     if (!fd_ && !open(size_)) return false;
     // Whatever part of a failed append went in is cut off (by write_all itself, or here after
@@ -181,6 +202,7 @@ bool Journal::commit() {
         return false;
     }
     size_ += pending_.size();
+    applyRecords(pending_, durable);
     pending_.clear();
     return true;
 }
@@ -193,6 +215,7 @@ bool Journal::reset() {
         return false;
     }
     size_ = 0;
+    ::lseek(fd_.get(), 0, SEEK_SET);  // where the next append begins, as in open()
     return true;
 }
 

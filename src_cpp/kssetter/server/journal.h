@@ -33,14 +33,10 @@ public:
         bool tornTail = false;  // an interrupted last write was dropped
         bool damaged = false;   // stopped at a record that fails its checksum
         uint64_t stoppedAt = 0; // offset of the first record not applied
+        int error = 0;          // errno when the file exists but could not be read: none applied
     };
-    // Applies the journal's records to `store` (a missing journal has none), reading no
-    // further than `limit` bytes.
-    Replay replay(storage::Store& store, uint64_t limit = UINT64_MAX) const;
-    // How far the file holds whole, synced records: its size as this object last opened,
-    // appended or emptied it, which bytes a failed cut may have left beyond; unlimited until
-    // it was first opened.
-    uint64_t validLength() const { return opened_ ? size_ : UINT64_MAX; }
+    // Applies the journal's records to `store` (a missing journal has none).
+    Replay replay(storage::Store& store) const;
 
     // Opens the journal for appending, creating it empty. Bytes beyond `validLength` (the end
     // of the last whole record: an append that never completed) are cut off first, so that
@@ -50,10 +46,11 @@ public:
     void addSet(ks::string_view key, storage::ValueType type, const unsigned char* value, uint64_t size);
     void addDelete(ks::string_view key, bool prune, bool leafOnly);
     bool pending() const { return !pending_.empty(); }
-    // Appends the queued records and waits until they are on disk. On failure the file is
-    // cut back to where the append began (or, should that fail too, when it is next opened)
-    // and the records stay queued; failure() is the errno of the failed step.
-    bool commit();
+    // Appends the queued records and waits until they are on disk, then applies them to
+    // `durable` (the owner's copy of what the disk holds). On failure the file is cut back to
+    // where the append began (or, should that fail too, when it is next opened) and the
+    // records stay queued; failure() is the errno of the failed step.
+    bool commit(storage::Store& durable);
     int failure() const { return failure_; }
     // Bytes in the file.
     uint64_t size() const { return size_; }
@@ -61,6 +58,7 @@ public:
     bool reset();
     // Forgets the queued records (the settings file holds their changes).
     void discardPending() { pending_.clear(); }
+    void applyPending(storage::Store& store) const { applyRecords(pending_, store); }
 
     const std::string& path() const { return path_; }
 
@@ -72,11 +70,12 @@ public:
     static std::string encodeDelete(ks::string_view key, bool prune, bool leafOnly);
 
 private:
+    static Replay applyRecords(const std::string& records, storage::Store& store);
+
     std::string path_;
     ks::unique_fd fd_;
     std::string pending_;
     uint64_t size_ = 0;  // bytes of whole, synced records
-    bool opened_ = false;
     int failure_ = 0;
 };
 

@@ -41,11 +41,19 @@ bool Persistence::load() {
         return false;
     }
     const Journal::Replay replay = journal_.replay(store_);
+    if (replay.error != 0) {
+        // Its records may be acknowledged changes: serving without them, and emptying it at
+        // the first rewrite, would lose them.
+        std::fprintf(stderr, "kssetter: cannot read %s: %s\n", journal_.path().c_str(), std::strerror(replay.error));
+        return false;
+    }
     if (replay.applied > 0)
         KSLOG_INFO(kChannel, "Replayed {:d} change(s) from {:s}", replay.applied, journal_.path());
     if (replay.tornTail)
         KSLOG_INFO(kChannel, "Dropped an unfinished last record at offset {:d} of {:s}", replay.stoppedAt,
                    journal_.path());
+    durable_ = storage::Store(store_, "/");
+    durable_.delKey_("/tmp", true, false);
     // Whatever the journal holds may be missing from the file; only a rewrite can tell.
     dirty_ = replay.stoppedAt > 0 || replay.tornTail || replay.damaged;
     journalDamaged_ = replay.damaged;
@@ -96,7 +104,7 @@ void Persistence::scheduleSave(std::chrono::milliseconds delay) {
 
 bool Persistence::commit() {
     if (!journal_.pending()) return true;
-    if (!journalDamaged_ && journal_.commit()) {
+    if (!journalDamaged_ && journal_.commit(durable_)) {
         if (journal_.size() > kJournalLimit) compact();
         return true;
     }
@@ -122,6 +130,7 @@ bool Persistence::compact() {
     // The settings file now holds every change, the queued ones too: the journal may go. Should
     // emptying it fail, replaying its records over the new file again changes nothing.
     dirty_ = false;
+    journal_.applyPending(durable_);
     journal_.discardPending();
     if (journalDamaged_) {
         // Kept for inspection: the records after the damage are not trusted, but not thrown away.
@@ -139,18 +148,13 @@ bool Persistence::compact() {
     return true;
 }
 
-// Undoes the changes the last commit could not make durable: the store becomes what the
-// settings file and the journal's whole records say, plus the volatile branch as it is now.
+// Undoes the changes the last commit could not make durable: the store becomes what is on
+// disk, plus the volatile branch as it is now. Taken from memory, since a disk that refused
+// the changes may refuse to be read back as well.
 void Persistence::rollback() {
     journal_.discardPending();
-    storage::Store rebuilt;
-    if (rebuilt.load(file_) < 0) {
-        KSLOG_ERROR(kChannel, "Cannot read {:s} back to undo the refused changes: {:s}", file_, errorText());
-        return;
-    }
-    journal_.replay(rebuilt, journal_.validLength());
+    storage::Store rebuilt(durable_, "/");
     storage::Store volatileBranch(store_, "/tmp");
-    rebuilt.delKey("/tmp", true, false);
     rebuilt.merge(volatileBranch, "/tmp");
     store_ = std::move(rebuilt);
     dirty_ = journal_.size() > 0 || journalDamaged_;

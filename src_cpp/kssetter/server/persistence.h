@@ -18,8 +18,9 @@
 // directory fsync) reported success, and this class alone keeps track of whether the file
 // holds every change: a rewrite that failed leaves the journal as it is and is tried again a
 // second later. When neither an append to the journal nor a rewrite succeeds (a full or
-// failing disk), the round's changes are refused: the store is rebuilt from what is on disk
-// (settings file and journal) with its volatile branch kept, and the requesters are told why.
+// failing disk), the round's changes are refused: the store is rebuilt from a copy of what is
+// on disk (settings file and journal), kept in memory for this, with its volatile branch kept,
+// and the requesters are told why.
 // The server thus keeps serving reads and "/tmp" writes on a full disk, and persistent
 // writes work again as soon as there is room, without a restart.
 #pragma once
@@ -77,6 +78,7 @@ private:
 
     ks::Executor& loop_;
     storage::Store& store_;
+    storage::Store durable_;  // the persistent settings as the file and the journal hold them
     std::string file_;
     Journal journal_;
     int timer_ = -1;
