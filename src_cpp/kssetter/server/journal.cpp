@@ -163,6 +163,8 @@ bool Journal::open(uint64_t validLength) {
         fd_.reset();
         return false;
     };
+    // Remembered even if this open fails: a later one must not cut into whole records.
+    size_ = validLength;
     fd_.reset(::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     struct stat st;
     if (!fd_ || ::fstat(fd_.get(), &st) != 0) return fail("open");
