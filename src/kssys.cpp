@@ -121,7 +121,8 @@ ssize_t recv_full(int fd, void* data, size_t size, int flags) {
 bool write_full(int fd, const void* data, size_t size, size_t* written) {
     const auto* p = static_cast<const char*>(data);
     size_t sent = 0;
-    const bool ok = loop(size, stop_short::never, sent, [&](size_t done) { return ::write(fd, p + done, size - done); });
+    const bool ok =
+        loop(size, stop_short::never, sent, [&](size_t done) { return ::write(fd, p + done, size - done); });
     if (written) *written = sent;
     return ok;
 }
