@@ -4,8 +4,11 @@
 #include <ksfork.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,31 +20,48 @@ namespace sys {
 
 namespace {
 
-// Runs `op(done)` until `size` bytes are done. `op` returns what the system call did;
-// `eof_ok` lets a read stop at the end of file.
-template <class Op>
-ssize_t loop(size_t size, bool eof_ok, Op op) {
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t n = op(done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return -1;
-        if (n == 0) {
-            if (eof_ok) break;
-            errno = EIO;
-            return -1;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(done);
-}
-
-int fcntl_retry(int fd, int cmd, struct flock& lk) {
-    int rc;
+// Calls `call` again while it fails with EINTR.
+template <class Call>
+auto retry(Call call) {
+    decltype(call()) rc;
     do {
-        rc = ::fcntl(fd, cmd, &lk);
+        rc = call();
     } while (rc < 0 && errno == EINTR);
     return rc;
+}
+
+// When a transfer may stop before `size` bytes are done.
+enum class stop_short { never, at_end, at_end_or_empty };
+
+// Runs `op(done)` until `size` bytes are done, `done` counting them; `op` returns what the
+// system call did. False on an error (errno EIO for an end where `stop` allows none).
+template <class Op>
+bool loop(size_t size, stop_short stop, size_t& done, Op op) {
+    while (done < size) {
+        const ssize_t n = retry([&] { return op(done); });
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0) return stop == stop_short::at_end_or_empty && errno == EAGAIN;
+        if (stop == stop_short::never) {
+            errno = EIO;
+            return false;
+        }
+        errno = 0;
+        return true;
+    }
+    return true;
+}
+
+template <class Op>
+ssize_t count_of(size_t size, stop_short stop, Op op) {
+    size_t done = 0;
+    return loop(size, stop, done, op) ? static_cast<ssize_t>(done) : -1;
+}
+
+int fcntl_lock(int fd, int cmd, struct flock& lk) {
+    return retry([&] { return ::fcntl(fd, cmd, &lk); });
 }
 
 struct flock whole_file(short type) {
@@ -51,58 +71,93 @@ struct flock whole_file(short type) {
     return lk;
 }
 
+bool set_flag(int fd, int get, int set, int flag, bool on) {
+    const int flags = ::fcntl(fd, get);
+    if (flags < 0) return false;
+    const int wanted = on ? flags | flag : flags & ~flag;
+    return wanted == flags || ::fcntl(fd, set, wanted) == 0;
+}
+
 }  // namespace
 
 ssize_t read_some(int fd, void* data, size_t size) {
-    for (;;) {
-        const ssize_t n = ::read(fd, data, size);
-        if (n >= 0 || errno != EINTR) return n;
-    }
+    return retry([&] { return ::read(fd, data, size); });
+}
+
+ssize_t recv_some(int fd, void* data, size_t size, int flags) {
+    return retry([&] { return ::recv(fd, data, size, flags); });
+}
+
+ssize_t writev_some(int fd, const struct iovec* iov, int count) {
+    return retry([&] { return ::writev(fd, iov, count); });
+}
+
+pid_t wait_pid(pid_t pid, int* status, int options) {
+    return retry([&] { return ::waitpid(pid, status, options); });
+}
+
+int poll_events(struct pollfd* fds, nfds_t count, int timeout_ms) {
+    return retry([&] { return ::poll(fds, count, timeout_ms); });
 }
 
 ssize_t read_full(int fd, void* data, size_t size) {
     auto* p = static_cast<char*>(data);
-    return loop(size, true, [&](size_t done) { return ::read(fd, p + done, size - done); });
+    return count_of(size, stop_short::at_end, [&](size_t done) { return ::read(fd, p + done, size - done); });
 }
 
 ssize_t pread_full(int fd, void* data, size_t size, off_t offset) {
     auto* p = static_cast<char*>(data);
-    return loop(size, true, [&](size_t done) {
+    return count_of(size, stop_short::at_end, [&](size_t done) {
         return ::pread(fd, p + done, size - done, offset + static_cast<off_t>(done));
     });
 }
 
-bool write_full(int fd, const void* data, size_t size) {
+ssize_t recv_full(int fd, void* data, size_t size, int flags) {
+    auto* p = static_cast<char*>(data);
+    return count_of(size, stop_short::at_end_or_empty,
+                    [&](size_t done) { return ::recv(fd, p + done, size - done, flags); });
+}
+
+bool write_full(int fd, const void* data, size_t size, size_t* written) {
     const auto* p = static_cast<const char*>(data);
-    return loop(size, false, [&](size_t done) { return ::write(fd, p + done, size - done); }) >= 0;
+    size_t sent = 0;
+    const bool ok =
+        loop(size, stop_short::never, sent, [&](size_t done) { return ::write(fd, p + done, size - done); });
+    if (written) *written = sent;
+    return ok;
 }
 
 bool pwrite_full(int fd, const void* data, size_t size, off_t offset) {
     const auto* p = static_cast<const char*>(data);
-    return loop(size, false, [&](size_t done) {
+    return count_of(size, stop_short::never, [&](size_t done) {
                return ::pwrite(fd, p + done, size - done, offset + static_cast<off_t>(done));
            }) >= 0;
 }
 
 bool send_full(int fd, const void* data, size_t size) {
     const auto* p = static_cast<const char*>(data);
-    return loop(size, false, [&](size_t done) { return ::send(fd, p + done, size - done, MSG_NOSIGNAL); }) >= 0;
+    return count_of(size, stop_short::never,
+                    [&](size_t done) { return ::send(fd, p + done, size - done, MSG_NOSIGNAL); }) >= 0;
 }
+
+bool set_nonblocking(int fd, bool on) { return set_flag(fd, F_GETFL, F_SETFL, O_NONBLOCK, on); }
+
+bool set_cloexec(int fd, bool on) { return set_flag(fd, F_GETFD, F_SETFD, FD_CLOEXEC, on); }
 
 int lock_file(int fd, bool wait) {
     struct flock lk = whole_file(F_WRLCK);
-    if (fcntl_retry(fd, wait ? F_SETLKW : F_SETLK, lk) == 0) return 1;
+    if (fcntl_lock(fd, wait ? F_SETLKW : F_SETLK, lk) == 0) return 1;
     return !wait && (errno == EACCES || errno == EAGAIN) ? 0 : -1;
 }
 
 int unlock_file(int fd) {
     struct flock lk = whole_file(F_UNLCK);
-    return fcntl_retry(fd, F_SETLK, lk) == 0 ? 0 : -1;
+    return fcntl_lock(fd, F_SETLK, lk) == 0 ? 0 : -1;
 }
 
 int lock_holder(int fd, pid_t* pid) {
     struct flock lk = whole_file(F_WRLCK);
-    if (fcntl_retry(fd, F_GETLK, lk) != 0) return -1;
+    if (fcntl_lock(fd, F_GETLK, lk) != 0) return -1;
     if (lk.l_type == F_UNLCK) return 0;
     if (pid) *pid = lk.l_pid;
     return 1;

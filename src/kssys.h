@@ -1,6 +1,7 @@
-// The library's one system-call layer (private). Every module that reads or writes a
-// descriptor in full, locks a whole file or needs its own process id comes here, so a fix
-// to short counts, EINTR or ENOSPC handling is made once.
+// The library's one system-call layer (private). Every module that reads, writes or
+// receives in full, waits for a child, switches a descriptor's blocking or close-on-exec
+// flag, locks a whole file or needs its own process id comes here, so a fix to short
+// counts, EINTR or ENOSPC handling is made once.
 //
 // Everything here is a plain loop over system calls: no allocation, no locks, no error
 // record, so it may be used between fork and exec and inside a crash handler. Failures
@@ -17,27 +18,45 @@
 // exec and need none of it.
 #pragma once
 
+#include <poll.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include <cstddef>
 
 namespace ks {
 namespace sys {
 
-// read(2) retried on EINTR: at least one byte unless at the end of file.
+// The system calls themselves, retried on EINTR and otherwise returning what they return.
 ssize_t read_some(int fd, void* data, size_t size);
+ssize_t recv_some(int fd, void* data, size_t size, int flags);
+ssize_t writev_some(int fd, const struct iovec* iov, int count);
+pid_t wait_pid(pid_t pid, int* status, int options);
+// Each retry waits the whole `timeout_ms` again.
+int poll_events(struct pollfd* fds, nfds_t count, int timeout_ms);
 
 // Reads until `size` bytes or the end of file: the count read (short only at the end of
-// file), or -1 on an error.
+// file, errno then 0), or -1 on an error.
 ssize_t read_full(int fd, void* data, size_t size);
 ssize_t pread_full(int fd, void* data, size_t size, off_t offset);
 
+// Receives until `size` bytes are in: the count received, or -1 on an error. The count is
+// short when the peer closed the stream first (errno then 0) or when a receive that may not
+// wait (MSG_DONTWAIT, a non-blocking socket) found nothing more (errno EAGAIN).
+ssize_t recv_full(int fd, void* data, size_t size, int flags);
+
 // Writes every byte, completing short writes and retrying EINTR: true when all went out;
-// false on an error, errno EIO when the descriptor took nothing.
-bool write_full(int fd, const void* data, size_t size);
+// false on an error, errno EIO when the descriptor took nothing. `written`, when not null,
+// receives the count that went out either way.
+bool write_full(int fd, const void* data, size_t size, size_t* written = nullptr);
 bool pwrite_full(int fd, const void* data, size_t size, off_t offset);
 // The same over a socket, with MSG_NOSIGNAL: a peer that went away is an error, not SIGPIPE.
 bool send_full(int fd, const void* data, size_t size);
+
+// Set (`on`) or clear O_NONBLOCK, or FD_CLOEXEC, keeping the descriptor's other flags:
+// true, or false on an error.
+bool set_nonblocking(int fd, bool on);
+bool set_cloexec(int fd, bool on);
 
 // Whole-file fcntl write locks. They belong to the process, not to the descriptor: closing
 // any descriptor of the file releases them, so the holder keeps one open.

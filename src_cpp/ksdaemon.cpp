@@ -394,10 +394,10 @@ int Instance::daemonize() {
     if (child > 0) {
         report_pipe_write_.reset();
         int status = 0;
-        const pid_t reaped = ::waitpid(child, &status, WNOHANG);
+        const pid_t reaped = sys::wait_pid(child, &status, WNOHANG);
         const int result = read_report(report_read.get());
         // The intermediate process leaves right after its own fork; do not leave a zombie.
-        if (reaped == 0) ::waitpid(child, &status, 0);
+        if (reaped == 0) sys::wait_pid(child, &status, 0);
         return result;
     }
 

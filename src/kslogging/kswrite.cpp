@@ -3,6 +3,8 @@
 // so readers of encrypted logs never meet a torn block.
 #include <kswrite.h>
 
+#include "kssys.h"
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,20 +33,9 @@ void truncate_back(int fd, off_t start) {
 extern "C" {
 
 ssize_t write_all(int fd, const void* data, size_t length, int all_or_nothing) {
-    auto bytes = static_cast<const char*>(data);
     size_t written = 0;
-    while (written < length) {
-        const ssize_t n = ::write(fd, bytes + written, length - written);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && errno == ENOSPC) {
-            truncate_back(fd, start_of_write(fd, written));
-            return -1;
-        }
-        if (n <= 0) break;
-        written += static_cast<size_t>(n);
-    }
-    if (written == length) return static_cast<ssize_t>(written);
-    if (all_or_nothing) {
+    if (ks::sys::write_full(fd, data, length, &written)) return static_cast<ssize_t>(length);
+    if (errno == ENOSPC || all_or_nothing) {
         truncate_back(fd, start_of_write(fd, written));
         return -1;
     }
@@ -61,18 +52,15 @@ ssize_t writev_all(int fd, const struct iovec* iov, int count) {
     // The first attempt starts where the descriptor stands; the start is looked up only
     // when an attempt falls short, and every later attempt rewrites from there.
     off_t start = -2;  // not known yet
-    for (int attempt = 0; attempt < 3;) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
         if (start >= 0 && ::lseek(fd, start, SEEK_SET) < 0) break;
-        const ssize_t n = ::writev(fd, iov, count);
+        const ssize_t n = ks::sys::writev_some(fd, iov, count);
         if (n >= 0 && static_cast<size_t>(n) == total) return n;
-        if (n < 0 && errno == EINTR) continue;
         if (start == -2) start = start_of_write(fd, n > 0 ? static_cast<size_t>(n) : 0);
         if (n < 0 && errno == ENOSPC) break;
         // Without a position a retry would append a second copy: give up at once.
         if (start < 0) break;
-        ++attempt;
     }
-    if (start == -2) start = start_of_write(fd, 0);
     truncate_back(fd, start);
     return -1;
 }

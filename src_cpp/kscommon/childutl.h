@@ -2,7 +2,8 @@
 // runner and the supervised subprocesses. Everything here is an async-signal-safe system
 // call on data prepared before the fork: no allocation, no locks, no logging.
 #pragma once
-#include <fcntl.h>
+#include "kssys.h"
+
 #include <linux/close_range.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -29,9 +30,6 @@ inline void close_from(int from, const int* keep, size_t count, long limit) {
 }
 
 // Keeps `fd` open across exec.
-inline void keep_on_exec(int fd) {
-    const int flags = ::fcntl(fd, F_GETFD);
-    if (flags >= 0 && (flags & FD_CLOEXEC)) ::fcntl(fd, F_SETFD, flags & ~FD_CLOEXEC);
-}
+inline void keep_on_exec(int fd) { sys::set_cloexec(fd, false); }
 
 }  // namespace ks::child

@@ -5,8 +5,9 @@
 // joined by ':'", without a regular expression engine on every call.
 #include <ksutils/connectutl.h>
 
+#include "kssys.h"
+
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -497,10 +498,7 @@ long socket::recv(address& from, ks::buffer& out, void* scratch, size_t len) {
 }
 
 bool socket::set_blocking(bool blocking) noexcept {
-    if (!is_valid()) return false;
-    const int flags = ::fcntl(fd_, F_GETFL);
-    if (flags < 0) return false;
-    return ::fcntl(fd_, F_SETFL, blocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK) == 0;
+    return is_valid() && sys::set_nonblocking(fd_, !blocking);
 }
 
 // ---- checksum -------------------------------------------------------------------------

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "childutl.h"
+#include "kssys.h"
 
 namespace ks {
 
@@ -73,10 +74,10 @@ public:
     // descriptor that would block is not a failure: nothing was written.
     bool write_some(int fd) {
         const size_t count = std::min(kIovecBatch, pieces_.size() - next_);
-        const ssize_t n = ::writev(fd, pieces_.data() + next_, static_cast<int>(count));
+        const ssize_t n = sys::writev_some(fd, pieces_.data() + next_, static_cast<int>(count));
         if (n < 0) {
             const int err = errno;
-            if (err == EINTR || err == EAGAIN) return true;
+            if (err == EAGAIN) return true;
             _get_kserrno().set(E_FAULT, "writev failed: errno={:d}, {:s}", err, errno_text(err));
             return false;
         }
@@ -138,10 +139,7 @@ private:
 // Waits for the child; 0 for a zero exit status, else the status (or -1) with the record set.
 int wait_child(pid_t pid) {
     int status = 0;
-    pid_t got;
-    while ((got = ::waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
-    }
-    if (got < 0) {
+    if (sys::wait_pid(pid, &status, 0) < 0) {
         _get_kserrno().set(E_FAULT, "waitpid failed: {:s}", errno_text(errno));
         return -1;
     }
@@ -307,8 +305,7 @@ int exec_command(const char** argv, const exec_command_ctx& ctx) {
     ctx.pid = pid;
     if (detached) {
         // The intermediate child ends at once; collect it so that it leaves no zombie.
-        while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-        }
+        sys::wait_pid(pid, nullptr, 0);
         return 0;
     }
     if (!ctx.wait) return 0;
@@ -381,8 +378,8 @@ int exec_script(const std::vector<std::vector<std::string>>& lines, int timeout_
         if (timer >= 0) timer_uninit(timer);
         return -1;
     }
-    ::fcntl(script_out.get(), F_SETFL, O_NONBLOCK);
-    ::fcntl(output_in.get(), F_SETFL, O_NONBLOCK);
+    sys::set_nonblocking(script_out.get(), true);
+    sys::set_nonblocking(output_in.get(), true);
 
     script_writer script(lines);
     sigpipe_guard guard;
@@ -391,12 +388,12 @@ int exec_script(const std::vector<std::vector<std::string>>& lines, int timeout_
     // Reads what the pipe holds now; false at end of file or on an error.
     auto read_output = [&] {
         for (;;) {
-            const ssize_t n = ::read(output_in.get(), chunk, sizeof chunk);
+            const ssize_t n = sys::read_some(output_in.get(), chunk, sizeof chunk);
             if (n > 0) {
                 output.append(chunk, static_cast<size_t>(n));
                 continue;
             }
-            return n < 0 && (errno == EAGAIN || errno == EINTR);
+            return n < 0 && errno == EAGAIN;
         }
     };
     int status = 0;
@@ -412,7 +409,7 @@ int exec_script(const std::vector<std::vector<std::string>>& lines, int timeout_
             break;
         }
         if (ready == 0) {
-            exited = ::waitpid(pid, &status, WNOHANG) == pid;
+            exited = sys::wait_pid(pid, &status, WNOHANG) == pid;
             continue;
         }
         if (fds[2].revents & (POLLOUT | POLLERR | POLLHUP)) {
@@ -431,7 +428,7 @@ int exec_script(const std::vector<std::vector<std::string>>& lines, int timeout_
     if (!exited) {
         KSLOG_DEBUG(kChannel, "Script did not run completly");
         ::kill(-pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
+        sys::wait_pid(pid, nullptr, 0);
         return -1;
     }
     // What the interpreter wrote just before it ended is still in the pipe.

@@ -280,8 +280,7 @@ int connect_collector() {
         ::close(fd);
         return -1;
     }
-    const int flags = ::fcntl(fd, F_GETFL);
-    ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+    ks::sys::set_nonblocking(fd, false);
     timeval timeout{kCollectorSendTimeoutMs / 1000, (kCollectorSendTimeoutMs % 1000) * 1000};
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     g_crash.collector_fd.store(fd);

@@ -27,6 +27,7 @@
 #include <thread>
 
 #include "childutl.h"
+#include "kssys.h"
 
 extern char** environ;
 
@@ -84,7 +85,7 @@ bool Subprocess::fork_exec() {
     }
     daemon_end_.reset(pair[0]);
     child_end_.reset(pair[1]);
-    ::fcntl(pair[1], F_SETFL, ::fcntl(pair[1], F_GETFL) & ~O_NONBLOCK);
+    sys::set_nonblocking(pair[1], false);
 
     std::vector<std::string> words;
     std::istringstream split(command_);
@@ -125,9 +126,7 @@ bool Subprocess::fork_exec() {
 bool Subprocess::reap(bool wait) {
     if (pid_ <= 0) return false;
     int status = 0;
-    pid_t got;
-    while ((got = ::waitpid(pid_, &status, wait ? 0 : WNOHANG)) < 0 && errno == EINTR) {
-    }
+    const pid_t got = sys::wait_pid(pid_, &status, wait ? 0 : WNOHANG);
     if (got < 0) {
         KSLOG_ERROR(kChannel, "waitpid() failed: {:s}", errno_text(errno));
         return false;
@@ -141,7 +140,7 @@ bool Subprocess::reap(bool wait) {
 std::vector<std::string> Subprocess::recv() {
     std::vector<std::string> messages;
     if (pid_ <= 0 || !daemon_end_) return messages;
-    const ssize_t n = ::recv(daemon_end_.get(), buffer_.get() + fill_, kBufferSize - fill_, 0);
+    const ssize_t n = sys::recv_some(daemon_end_.get(), buffer_.get() + fill_, kBufferSize - fill_, 0);
     if (n == 0) {
         KSLOG_WARN(kChannel, "Subprocess {} terminated prematurely", describe(*this));
         reap(true);
@@ -150,7 +149,7 @@ std::vector<std::string> Subprocess::recv() {
         return messages;
     }
     if (n < 0) {
-        if (errno != EAGAIN && errno != EINTR) KSLOG_ERROR(kChannel, "recv() failed: {:s}", errno_text(errno));
+        if (errno != EAGAIN) KSLOG_ERROR(kChannel, "recv() failed: {:s}", errno_text(errno));
         return messages;
     }
     fill_ += static_cast<size_t>(n);
@@ -178,10 +177,9 @@ void Subprocess::stop(bool graceful) {
     if (pid_ <= 0) return;
     bool closed = false, failed = false;
     while (daemon_end_) {
-        const ssize_t n = ::recv(daemon_end_.get(), buffer_.get(), kBufferSize, MSG_DONTWAIT);
+        const ssize_t n = sys::recv_some(daemon_end_.get(), buffer_.get(), kBufferSize, MSG_DONTWAIT);
         if (n > 0) continue;
         if (n == 0) closed = true;
-        else if (errno == EINTR) continue;
         else if (errno != EAGAIN) {
             KSLOG_ERROR(kChannel, "recv() failed: {:s}", errno_text(errno));
             failed = true;

@@ -9,6 +9,8 @@
 #include <ksutils/kslog.h>
 #include <ksutils/txqueuemanager.h>
 
+#include "kssys.h"
+
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -114,8 +116,8 @@ bool TxQueueManager::init() {
 void TxQueueManager::uninit() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!running_) return;
-    while (::write(stop_write_.get(), "x", 1) < 0 && (errno == EAGAIN || errno == EINTR)) {
-    }
+    // The pipe is new with every start and takes this one byte only, so it is never full.
+    sys::write_full(stop_write_.get(), "x", 1);
     task_.get();
     {
         std::lock_guard<std::mutex> map_lock(map_mutex_);

@@ -94,10 +94,7 @@ int Connection::init() {
 bool Connection::isUp() {
     if (fd < 1) return false;
     unsigned char byte;
-    ssize_t n;
-    do {
-        n = ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    } while (n < 0 && errno == EINTR);
+    const ssize_t n = sys::recv_some(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
     if (n > 0 || (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))) return true;
     KSLOG_INFO(_log_channel(), "Connection with kssetter seems down...");
     reset();
@@ -159,24 +156,12 @@ int64_t Connection::send(const unsigned char* data, unsigned long length, bool r
 int64_t Connection::send(unsigned long length, bool resetOnError) { return send(buffer.get(), length, resetOnError); }
 
 int64_t Connection::recv(unsigned char* out, unsigned long length, bool resetOnError, bool blocking) {
-    const int flags = MSG_NOSIGNAL | (blocking ? 0 : MSG_DONTWAIT);
-    unsigned long got = 0;
-    while (got < length) {
-        const ssize_t n = ::recv(fd, out + got, length - got, flags);
-        if (n > 0) {
-            got += static_cast<unsigned long>(n);
-            continue;
-        }
-        if (n == 0) {
-            _get_kserrno().set(E_FAULT, "Peer has closed socket");
-            return failIo(resetOnError);
-        }
-        if (errno == EINTR) continue;
-        if (!blocking && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-        _get_kserrno().set(E_SYSTEM);
-        return failIo(resetOnError);
-    }
-    return static_cast<int64_t>(got);
+    const ssize_t got = sys::recv_full(fd, out, length, MSG_NOSIGNAL | (blocking ? 0 : MSG_DONTWAIT));
+    // A short count: nothing more was waiting (EAGAIN), or the peer closed the socket.
+    if (got == static_cast<ssize_t>(length) || (got >= 0 && errno == EAGAIN && !blocking)) return got;
+    if (got >= 0 && errno != EAGAIN) _get_kserrno().set(E_FAULT, "Peer has closed socket");
+    else _get_kserrno().set(E_SYSTEM);
+    return failIo(resetOnError);
 }
 
 int64_t Connection::recv(unsigned long length, bool resetOnError, bool blocking) {
@@ -192,10 +177,7 @@ bool Connection::inputDataAvailable(int timeoutMs) {
         return false;
     }
     pollfd p{fd, POLLIN, 0};
-    int n;
-    do {
-        n = ::poll(&p, 1, timeoutMs);
-    } while (n < 0 && errno == EINTR);
+    const int n = sys::poll_events(&p, 1, timeoutMs);
     if (n < 0) {
         _get_kserrno().set(E_SYSTEM);
         return false;

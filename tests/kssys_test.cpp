@@ -1,0 +1,116 @@
+// The system-call layer through the library calls built on it: a signal that interrupts a
+// blocking call (a handler installed without SA_RESTART) must not turn into a failure. The
+// signal is sent only once /proc shows the caller blocked inside the system call, so it
+// interrupts that call instead of arriving before it, and what the call waits for comes
+// only after the handler ran.
+#include <kssetter/ksconnection.h>
+#include <ksutils/executl.h>
+#include <ksutils/unique_fd.h>
+#include <kswrite.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+std::atomic<int> g_interruptions{0};
+
+// The number of the system call thread `tid` is blocked in, or -1 while it runs.
+long blocked_in(pid_t tid) {
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/syscall");
+    long nr = -1;
+    in >> nr;
+    return nr;
+}
+
+// Fills the pipe behind `write_end` to the brim, leaving the descriptor blocking.
+void fill(int write_end) {
+    ::fcntl(write_end, F_SETFL, O_NONBLOCK);
+    static const char chunk[4096] = {};
+    while (::write(write_end, chunk, sizeof chunk) > 0) {
+    }
+    ::fcntl(write_end, F_SETFL, 0);
+}
+
+void drain(int read_end) {
+    char chunk[4096];
+    while (::read(read_end, chunk, sizeof chunk) > 0) {
+    }
+}
+
+TEST(SysLayer, InterruptedCallsCarryOn) {
+    struct sigaction interrupt {}, old{};
+    interrupt.sa_handler = [](int) { ++g_interruptions; };
+    ASSERT_EQ(0, ::sigaction(SIGUSR1, &interrupt, &old));
+
+    int fds[2];
+    ASSERT_EQ(0, ::pipe2(fds, O_CLOEXEC));
+    ks::unique_fd gate_in(fds[0]), gate_out(fds[1]);  // the child's standard input
+    ASSERT_EQ(0, ::pipe2(fds, O_CLOEXEC));
+    ks::unique_fd full_in(fds[0]), full_out(fds[1]);
+    ::fcntl(full_in.get(), F_SETFL, O_NONBLOCK);
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+    ks::unique_fd server(fds[1]);
+    ks::setMgmt::Connection client;
+    client.fd = fds[0];
+
+    const char* argv[] = {"sh", "-c", "read line; exit 3", nullptr};
+    ks::exec_command_ctx ctx;
+    ctx.stdin_fd = gate_in.get();
+    unsigned char reply[4];
+    char record[10] = {};
+    const struct iovec parts[2] = {{record, 4}, {record, 6}};
+    const struct {
+        const char* name;
+        long syscall;  // where the call blocks
+        std::function<long()> call;
+        std::function<void()> release;
+        long expected;
+    } cases[] = {
+        {"exec_command waits", SYS_wait4,
+         [&] { return ks::exec_command(argv, ctx) == -1 && ctx.has_result ? ctx.result : -100; },
+         [&] { gate_out.reset(); }, 3},
+        {"settings reply", SYS_recvfrom, [&] { return client.recv(reply, sizeof reply, false, true); },
+         [&] { (void)!::write(server.get(), "abcd", 4); }, 4},
+        {"write_all", SYS_write, [&] { return write_all(full_out.get(), record, sizeof record, 1); },
+         [&] { drain(full_in.get()); }, 10},
+        {"writev_all", SYS_writev, [&] { return writev_all(full_out.get(), parts, 2); },
+         [&] { drain(full_in.get()); }, 10},
+    };
+    const pid_t self = static_cast<pid_t>(::syscall(SYS_gettid));
+    const pthread_t caller = ::pthread_self();
+    for (const auto& c : cases) {
+        fill(full_out.get());
+        std::atomic<bool> returned{false};  // a call that failed before it blocked
+        std::thread helper([&] {
+            while (!returned && blocked_in(self) != c.syscall) std::this_thread::sleep_for(1ms);
+            const int before = g_interruptions;
+            ::pthread_kill(caller, SIGUSR1);
+            // Released only after the handler ran: a wake-up that came first would let the
+            // call finish without seeing the signal.
+            while (g_interruptions == before) std::this_thread::sleep_for(1ms);
+            c.release();
+        });
+        EXPECT_EQ(c.expected, c.call()) << c.name;
+        returned = true;
+        helper.join();
+    }
+    ::sigaction(SIGUSR1, &old, nullptr);
+}
+
+}  // namespace
