@@ -456,6 +456,12 @@ TEST(KslogWrite, OtherErrorsHonourTheAllOrNothingFlag) {
                   if (write_all(fd, chunk, 1000, 1) != 1000 || write_all(fd, chunk, 1000, 1) != 1000) return 3;
                   if (write_all(fd, chunk, 1000, 1) != -1 || ::lseek(fd, 0, SEEK_END) != 2000) return 4;
                   if (write_all(fd, chunk, 1000, 0) != 500 || ::lseek(fd, 0, SEEK_END) != 2500) return 5;
+                  // At the limit nothing goes in; an O_APPEND descriptor stands at 0 until it
+                  // writes, which must not be taken for where its failed write began.
+                  ks::unique_fd appender(::open((dir / "f").c_str(), O_WRONLY | O_APPEND));
+                  if (write_all(appender.get(), chunk, 1000, 1) != -1 || writev_all(appender.get(), parts, 2) != -1 ||
+                      ::lseek(fd, 0, SEEK_END) != 2500)
+                      return 8;
                   if (::ftruncate(fd, 2000) != 0 || ::lseek(fd, 2000, SEEK_SET) != 2000) return 6;
                   return writev_all(fd, parts, 2) == -1 && ::lseek(fd, 0, SEEK_END) == 2000 ? 0 : 7;
               }),

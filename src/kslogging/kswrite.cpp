@@ -5,6 +5,7 @@
 
 #include "kssys.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -36,7 +37,9 @@ ssize_t write_all(int fd, const void* data, size_t length, int all_or_nothing) {
     size_t written = 0;
     if (ks::sys::write_full(fd, data, length, &written)) return static_cast<ssize_t>(length);
     if (errno == ENOSPC || all_or_nothing) {
-        truncate_back(fd, start_of_write(fd, written));
+        // Nothing went in, nothing to take back; and the position of an O_APPEND descriptor
+        // says where the file ends only after a write of its own.
+        if (written > 0) truncate_back(fd, start_of_write(fd, written));
         return -1;
     }
     return written == 0 ? -1 : static_cast<ssize_t>(written);
@@ -56,10 +59,14 @@ ssize_t writev_all(int fd, const struct iovec* iov, int count) {
         if (start >= 0 && ::lseek(fd, start, SEEK_SET) < 0) break;
         const ssize_t n = ks::sys::writev_some(fd, iov, count);
         if (n >= 0 && static_cast<size_t>(n) == total) return n;
-        if (start == -2) start = start_of_write(fd, n > 0 ? static_cast<size_t>(n) : 0);
+        if (start == -2) {
+            if (n <= 0) return -1;  // nothing went in
+            start = start_of_write(fd, static_cast<size_t>(n));
+        }
         if (n < 0 && errno == ENOSPC) break;
-        // Without a position a retry would append a second copy: give up at once.
-        if (start < 0) break;
+        // Without a position, or with O_APPEND (which writes at the end wherever the position
+        // stands), a retry would add a second copy: give up at once.
+        if (start < 0 || (::fcntl(fd, F_GETFL) & O_APPEND)) break;
     }
     truncate_back(fd, start);
     return -1;
