@@ -234,40 +234,186 @@ private:
     size_t next_ = 0;
 };
 
-// Where reading resumes after damage: the first key block at or after `from` that the
-// private key opens (a stray key head inside other data does not open), its key put in
-// `key` (1), or the end of the input (0); -1 on a read error.
-int find_key_block(key_ring& keys, input_window& input, uint64_t from, uint64_t* found,
-                    unsigned char key[AES_KEY_SIZE]) {
-    static constexpr unsigned char kKeyHead[kBlockHead] = {kKeyBlock, RSA_BLOCK_SIZE & 0xff, RSA_BLOCK_SIZE >> 8, 0, 0};
-    for (uint64_t at = from;;) {
-        input.drop_before(at);
-        const unsigned char* data;
-        const ssize_t n = input.view(at, input_window::kReadSize, &data);
-        if (n < 0) return -1;
-        const void* hit = ::memmem(data, static_cast<size_t>(n), kKeyHead, sizeof kKeyHead);
-        if (!hit) {
-            *found = at + static_cast<uint64_t>(n);
-            if (static_cast<size_t>(n) < input_window::kReadSize) return 0;
-            at = *found - (kBlockHead - 1);  // a head may straddle the window's end
-            continue;
-        }
-        const uint64_t candidate = at + static_cast<uint64_t>(static_cast<const unsigned char*>(hit) - data);
-        const ssize_t m = input.view(candidate, kBlockHead + RSA_BLOCK_SIZE, &data);
-        if (m < 0) return -1;
-        if (m == kBlockHead + RSA_BLOCK_SIZE && keys.open(data + kBlockHead, key)) {
-            *found = candidate;
-            return 1;
-        }
-        at = candidate + 1;
-    }
-}
-
 int read_failure(const char* what, uint64_t offset) {
     ks::_get_kserrno().set(ks::E_SYSTEM, "cannot read the {:s} at offset {:d}: {:s}", what, offset,
                            std::strerror(errno));
     return -1;
 }
+
+// One pass of the reader over a log file, block after block. Damage (a torn block, a block
+// that does not decrypt or is framed in a way the writer never writes, a record before any
+// key) does not end it: the damaged stretch, from the block's first byte up to the next key
+// block that the private key opens, is skipped and noted, and reading resumes there.
+class log_decoder {
+public:
+    log_decoder(const crypto_log_reader& reader, int out_fd, int in_fd)
+        : keys_(reader), input_(in_fd), out_fd_(out_fd) {}
+
+    // 0 when the whole file was read; -1 with the error record set on a bad header, a read or
+    // write error, or after damage was skipped (one line per stretch).
+    int decode() {
+        if (!header_is_valid()) return -1;
+        std::string skipped;
+        for (uint64_t offset = CRYPTO_LOG_HEADER_SIZE;;) {
+            input_.drop_before(offset);
+            size_t size = 0;
+            const verdict v = read_block(offset, &size);
+            if (v == verdict::failed) return -1;
+            if (v == verdict::end) break;
+            if (v == verdict::read) {
+                offset += size;
+                continue;
+            }
+            // The search starts one byte into the damaged block, not at its claimed end: a torn
+            // block's length field may have taken in the blocks after it.
+            if (search_ == searched::not_yet) search_ = find_key_block(offset + 1, UINT64_MAX);
+            if (search_ == searched::failed) return read_failure("block", offset);
+            skipped += fmt::format("{:s} at offset {:d}; skipped bytes {:d}-{:d}\n", damage_, offset, offset,
+                                   resume_ - 1);
+            if (search_ == searched::none) break;
+            offset = resume_ + kBlockHead + RSA_BLOCK_SIZE;  // that key block is read already
+            have_key_ = true;
+        }
+        if (skipped.empty()) return 0;
+        skipped.pop_back();
+        ks::_get_kserrno().set(ks::E_INVAL, skipped);
+        return -1;
+    }
+
+private:
+    enum class verdict { read, damaged, end, failed };
+    enum class searched { not_yet, found, none, failed };
+
+    bool header_is_valid() {
+        const unsigned char* header;
+        const ssize_t n = input_.view(0, CRYPTO_LOG_HEADER_SIZE, &header);
+        if (n < 0) {
+            read_failure("header", 0);
+            return false;
+        }
+        if (n < static_cast<ssize_t>(CRYPTO_LOG_HEADER_SIZE)) {
+            ks::_get_kserrno().set(ks::E_INVAL, "log file shorter than its header");
+            return false;
+        }
+        if (crypto_log_layout_is_valid_header(header) == 0) return true;
+        if (std::memcmp(header, kMagic, sizeof kMagic) != 0)
+            ks::_get_kserrno().set(ks::E_INVAL, "bad header: not an encrypted log file");
+        else
+            ks::_get_kserrno().set(ks::E_INVAL, "bad header: unsupported format version {:d}",
+                                   static_cast<int>(header[4]));
+        return false;
+    }
+
+    // Reads the block at `offset`: read (its length in `size`), damaged (why in damage_, and
+    // perhaps the search for the next key block made already), end of the input, or failed.
+    verdict read_block(uint64_t offset, size_t* size) {
+        search_ = searched::not_yet;
+        const unsigned char* block;
+        const ssize_t n = input_.view(offset, kBlockHead, &block);
+        if (n < 0) return failed_reading(offset);
+        if (n == 0) return verdict::end;
+        if (n < static_cast<ssize_t>(kBlockHead)) return damaged("truncated block");
+        const unsigned char type = block[0];
+        const uint32_t length = get_u32(block + 1);
+        if (type == kKeyBlock && length == RSA_BLOCK_SIZE) return read_key_block(offset, size);
+        if (type == kRecordBlock && plausible_record_length(length)) return read_record(offset, length, size);
+        return damaged(fmt::format("corrupt block of type {:d} and length {:d}", static_cast<int>(type), length));
+    }
+
+    verdict read_key_block(uint64_t offset, size_t* size) {
+        *size = kBlockHead + RSA_BLOCK_SIZE;
+        const unsigned char* block;
+        const ssize_t n = input_.view(offset, *size, &block);
+        if (n < 0) return failed_reading(offset);
+        if (static_cast<size_t>(n) < *size) return damaged("truncated block");
+        if (!keys_.open(block + kBlockHead, key_.bytes)) return damaged("the private key does not match the key block");
+        have_key_ = true;
+        return verdict::read;
+    }
+
+    verdict read_record(uint64_t offset, uint32_t length, size_t* size) {
+        *size = kBlockHead + length;
+        const unsigned char* block;
+        const ssize_t n = input_.view(offset, *size + kBlockHead, &block);  // with the next head
+        if (n < 0) return failed_reading(offset);
+        if (static_cast<size_t>(n) < *size) return damaged("truncated block");
+        if (!have_key_) return damaged("record without a key block");
+        unsigned char iv[AES_IV_SIZE] = {};
+        unsigned char* decrypted = nullptr;
+        size_t plain_length = 0;
+        if (aes_decrypt(block + kBlockHead, length, key_.bytes, iv, &decrypted, &plain_length) != 0)
+            return damaged("cannot decrypt the record");
+        const std::unique_ptr<unsigned char, decltype(&std::free)> plain(decrypted, &std::free);
+        if (!plausible_next_head(block + *size, static_cast<size_t>(n) - *size)) {
+            // Either the record is torn and its length field took in what the next writer
+            // appended, which always begins with that writer's key block, or the record is
+            // whole and the damage begins right after it (and is judged as the next block).
+            search_ = find_key_block(offset + 1, offset + *size);
+            if (search_ == searched::failed) return failed_reading(offset);
+            if (search_ == searched::found) return damaged("torn record");
+        }
+        if (!ks::sys::write_full(out_fd_, plain.get(), plain_length)) {
+            ks::_get_kserrno().set(ks::E_SYSTEM, "cannot write the plain text: {:s}", std::strerror(errno));
+            return verdict::failed;
+        }
+        return verdict::read;
+    }
+
+    verdict failed_reading(uint64_t offset) {
+        read_failure("block", offset);
+        return verdict::failed;
+    }
+
+    verdict damaged(std::string why) {
+        damage_ = std::move(why);
+        return verdict::damaged;
+    }
+
+    // Looks for the first key block in [from, before) that the private key opens (a stray key
+    // head inside other data does not open): found (at resume_, its key taken), or none (to the
+    // end of the input, resume_ set there, when `before` lies beyond it).
+    searched find_key_block(uint64_t from, uint64_t before) {
+        static constexpr unsigned char kKeyHead[kBlockHead] = {kKeyBlock, RSA_BLOCK_SIZE & 0xff, RSA_BLOCK_SIZE >> 8,
+                                                                0, 0};
+        for (uint64_t at = from; at < before;) {
+            input_.drop_before(at);
+            const unsigned char* data;
+            const ssize_t n = input_.view(at, input_window::kReadSize, &data);
+            if (n < 0) return searched::failed;
+            const void* hit = ::memmem(data, static_cast<size_t>(n), kKeyHead, sizeof kKeyHead);
+            if (!hit) {
+                resume_ = at + static_cast<uint64_t>(n);
+                if (static_cast<size_t>(n) < input_window::kReadSize) return searched::none;
+                at = resume_ - (kBlockHead - 1);  // a head may straddle the window's end
+                continue;
+            }
+            const uint64_t candidate = at + static_cast<uint64_t>(static_cast<const unsigned char*>(hit) - data);
+            if (candidate >= before) break;
+            const ssize_t m = input_.view(candidate, kBlockHead + RSA_BLOCK_SIZE, &data);
+            if (m < 0) return searched::failed;
+            if (m == kBlockHead + RSA_BLOCK_SIZE && keys_.open(data + kBlockHead, key_.bytes)) {
+                resume_ = candidate;
+                return searched::found;
+            }
+            at = candidate + 1;
+        }
+        return searched::none;
+    }
+
+    struct key_guard {
+        unsigned char bytes[AES_KEY_SIZE];
+        ~key_guard() { mbedtls_platform_zeroize(bytes, sizeof bytes); }
+    };
+
+    key_ring keys_;
+    input_window input_;
+    int out_fd_;
+    key_guard key_;  // the key of the records being read
+    bool have_key_ = false;
+    std::string damage_;                    // why the block just read is damaged
+    searched search_ = searched::not_yet;  // for that block, the search for the next key block
+    uint64_t resume_ = 0;                   // where that search found a key block or the input's end
+};
 
 }  // namespace
 
@@ -484,13 +630,6 @@ crypto_log_reader* crypto_log_reader_new(const char* private_key_path) {
 
 void crypto_log_reader_free(crypto_log_reader* reader) { delete reader; }
 
-// Damage (a torn block, a block that does not decrypt or is framed in a way the writer never
-// writes, a record before any key) does not end the reading: the damaged stretch, from the
-// block's first byte up to the next key block the private key opens, is skipped and
-// reported, and reading resumes there. The search starts one byte into the damaged block,
-// not at its claimed end, since a torn block's length field may have taken in the blocks
-// after it. Everything readable is written out; the result is still -1 when anything was
-// skipped, with one line per stretch in the error record.
 int crypto_log_reader_decrypt(crypto_log_reader* reader, int out_fd, int in_fd) {
     if (!reader) {
         ks::_get_kserrno().set(ks::E_INVAL, "no log reader");
@@ -498,102 +637,7 @@ int crypto_log_reader_decrypt(crypto_log_reader* reader, int out_fd, int in_fd) 
     }
     // A file is read from its start; a pipe from where it stands.
     (void)::lseek(in_fd, 0, SEEK_SET);
-    input_window input(in_fd);
-    const unsigned char* block;
-    ssize_t n = input.view(0, CRYPTO_LOG_HEADER_SIZE, &block);
-    if (n < 0) return read_failure("header", 0);
-    if (n < static_cast<ssize_t>(CRYPTO_LOG_HEADER_SIZE)) {
-        ks::_get_kserrno().set(ks::E_INVAL, "log file shorter than its header");
-        return -1;
-    }
-    if (crypto_log_layout_is_valid_header(block) != 0) {
-        if (std::memcmp(block, kMagic, sizeof kMagic) != 0)
-            ks::_get_kserrno().set(ks::E_INVAL, "bad header: not an encrypted log file");
-        else
-            ks::_get_kserrno().set(ks::E_INVAL, "bad header: unsupported format version {:d}",
-                                   static_cast<int>(block[4]));
-        return -1;
-    }
-
-    struct key_guard {
-        unsigned char bytes[AES_KEY_SIZE];
-        ~key_guard() { mbedtls_platform_zeroize(bytes, sizeof bytes); }
-    } key;
-    bool have_key = false;
-    key_ring keys(*reader);
-    std::string skipped;  // one line per damaged stretch
-    for (uint64_t offset = CRYPTO_LOG_HEADER_SIZE;;) {
-        input.drop_before(offset);
-        n = input.view(offset, kBlockHead, &block);
-        if (n < 0) return read_failure("block", offset);
-        if (n == 0) break;
-        const unsigned char type = block[0];
-        const uint32_t length = n == static_cast<ssize_t>(kBlockHead) ? get_u32(block + 1) : 0;
-        std::string damage;  // why the block cannot be read; empty when it was read
-        size_t size = 0;
-        uint64_t resume = 0;
-        int found = -2;  // the search for the next key block: not made yet
-        if (n < static_cast<ssize_t>(kBlockHead)) {
-            damage = "truncated block";
-        } else if (type == kKeyBlock && length == RSA_BLOCK_SIZE) {
-            size = kBlockHead + RSA_BLOCK_SIZE;
-            n = input.view(offset, size, &block);
-            if (n < 0) return read_failure("block", offset);
-            if (static_cast<size_t>(n) < size)
-                damage = "truncated block";
-            else if (!keys.open(block + kBlockHead, key.bytes))
-                damage = "the private key does not match the key block";
-            else
-                have_key = true;
-        } else if (type == kRecordBlock && plausible_record_length(length)) {
-            size = kBlockHead + length;
-            n = input.view(offset, size + kBlockHead, &block);
-            if (n < 0) return read_failure("block", offset);
-            unsigned char iv[AES_IV_SIZE] = {};
-            unsigned char* decrypted = nullptr;
-            size_t plain_length = 0;
-            if (static_cast<size_t>(n) < size)
-                damage = "truncated block";
-            else if (!have_key)
-                damage = "record without a key block";
-            else if (aes_decrypt(block + kBlockHead, length, key.bytes, iv, &decrypted, &plain_length) != 0)
-                damage = "cannot decrypt the record";
-            std::unique_ptr<unsigned char, decltype(&std::free)> plain(decrypted, &std::free);
-            if (plain && !plausible_next_head(block + size, static_cast<size_t>(n) - size)) {
-                // Either this record is torn and its length field took in what the next
-                // writer appended, which always begins with that writer's key block, or the
-                // record is whole and the damage begins right after it.
-                found = find_key_block(keys, input, offset + 1, &resume, key.bytes);
-                if (found < 0) return read_failure("block", offset);
-                if (found == 1 && resume < offset + size) {
-                    damage = "torn record";
-                    plain.reset();
-                } else {
-                    found = -2;  // judged again, as the damaged block it is, after this record
-                }
-            }
-            if (plain && !ks::sys::write_full(out_fd, plain.get(), plain_length)) {
-                ks::_get_kserrno().set(ks::E_SYSTEM, "cannot write the plain text: {:s}", std::strerror(errno));
-                return -1;
-            }
-        } else {
-            damage = fmt::format("corrupt block of type {:d} and length {:d}", static_cast<int>(type), length);
-        }
-        if (damage.empty()) {
-            offset += size;
-            continue;
-        }
-        if (found == -2) found = find_key_block(keys, input, offset + 1, &resume, key.bytes);
-        if (found < 0) return read_failure("block", offset);
-        skipped += fmt::format("{:s} at offset {:d}; skipped bytes {:d}-{:d}\n", damage, offset, offset, resume - 1);
-        if (found == 0) break;
-        offset = resume + kBlockHead + RSA_BLOCK_SIZE;  // that key block is read already
-        have_key = true;
-    }
-    if (skipped.empty()) return 0;
-    skipped.pop_back();
-    ks::_get_kserrno().set(ks::E_INVAL, skipped);
-    return -1;
+    return log_decoder(*reader, out_fd, in_fd).decode();
 }
 
 }  // extern "C"

@@ -36,7 +36,8 @@ int main(int argc, char** argv) {
     int written = 0;
     for (int round = 0; round < rounds; ++round) {
         if ((!parent || round > 0) && ::read(turn_in, &token, 1) != 1) return 1;
-        for (int i = 0; i < (parent ? 1 : 2); ++i) log_record((parent ? "parent " : "child ") + std::to_string(written++));
+        for (int i = 0; i < (parent ? 1 : 2); ++i)
+            log_record((parent ? "parent " : "child ") + std::to_string(written++));
         if (::write(turn_out, &token, 1) != 1) return 1;
     }
     kslog_uninit();
