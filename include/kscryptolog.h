@@ -36,7 +36,10 @@ KS_EXPORT int crypto_log_layout_is_valid_header(const unsigned char header[CRYPT
 /* A reader for `private_key_path`, or null; crypto_log_reader_free releases it. */
 KS_EXPORT crypto_log_reader* crypto_log_reader_new(const char* private_key_path);
 KS_EXPORT void crypto_log_reader_free(crypto_log_reader* reader);
-/* Writes the plain records of `in_fd` to `out_fd`; 0 at the end of the file, -1 on error. */
+/* Writes the plain records of `in_fd` to `out_fd`; 0 at the end of the file, -1 on error.
+ * A damaged stretch (a torn or corrupt block, records under a key that does not open) is
+ * skipped up to the next key block that opens and reading goes on; the result is then -1,
+ * after everything readable was written, and the error message has one line per stretch. */
 KS_EXPORT int crypto_log_reader_decrypt(crypto_log_reader* reader, int out_fd, int in_fd);
 
 KS_EXTERN_C_END

@@ -9,16 +9,20 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
+#include <time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <random>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "crypto_support.h"
+#include "kslog_support.h"
 
 namespace {
 
@@ -189,15 +193,17 @@ TEST_F(CryptoLogTest, ForeignFilesAreNotAppendedTo) {
     }
 }
 
-TEST_F(CryptoLogTest, ReaderStopsAtDamageAfterPrintingWhatItCould) {
+// Damage costs the stretch from the damaged block up to the next key block that opens,
+// no more: here A's records "first" and "second", then B's key block and "third".
+TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
     const std::string two = "first\nsecond, a record longer than one block\n", all = two + "third\n";
-    for (const char* record : {"first\n", "second, a record longer than one block\n", "third\n"})
-        ASSERT_EQ(append(record), 0);
+    ks::CryptoLogWriter other(test_key("pub.pem").c_str());
+    ASSERT_EQ(append("first\n"), 0);
+    ASSERT_EQ(append("second, a record longer than one block\n"), 0);
+    ASSERT_EQ(append("third\n", 0, other.get()), 0);
     const std::string good = kstest::read_file(log);
-    std::vector<size_t> boundaries = {32};  // the start of each block, and the end
-    for (const auto& block : blocks_of(good)) boundaries.push_back(boundaries.back() + 5 + block.second.size());
-    ASSERT_EQ(boundaries.size(), 5u);
-    const size_t third_record = boundaries[3];
+    ASSERT_EQ(layout(good), "1:256 2:16 2:48 1:256 2:16 ");
+    const size_t first = 32 + 261, key_b = first + 21 + 53, third = key_b + 261, end = good.size();
     // A record under the right key whose padding byte is 0: only the cipher can say.
     std::vector<std::string> aes_keys;
     ASSERT_EQ(openssl_read(log, &aes_keys), all);
@@ -205,31 +211,45 @@ TEST_F(CryptoLogTest, ReaderStopsAtDamageAfterPrintingWhatItCould) {
     const std::string encrypt = kstest::openssl_aes(aes_keys[0], std::string(32, '0'), "-nopad");
     ASSERT_EQ(kstest::run("head -c 16 /dev/zero | " + encrypt, &bad_padding), 0);
     ASSERT_EQ(bad_padding.size(), 16u);
+    const std::string stray_key = std::string("\x01\0\x01\0\0", 5) + std::string(256, '\x55');
+    const auto skipped = [](size_t from, size_t to) {
+        return " at offset " + std::to_string(from) + "; skipped bytes " + std::to_string(from) + "-" +
+               std::to_string(to);
+    };
 
-    // Each damage, the text read before it and a part of the error message ("" for success).
+    // Each damage, the text read and the whole error message (a part of it for bad headers).
     const struct {
         const char* name;
         std::function<std::string(std::string)> damage;
-        std::string plain;
-        const char* message;
+        std::string plain, message;
         const char* key = "priv.pem";
     } cases[] = {
         {"intact", [](std::string f) { return f; }, all, ""},
         {"empty", [](std::string) { return std::string(); }, "", "shorter than its header"},
         {"foreign magic", [](std::string f) { return f.replace(0, 4, "KSCX"); }, "", "not an encrypted log file"},
         {"newer version", [](std::string f) { return f.replace(4, 1, "\x02"); }, "", "unsupported format version 2"},
-        {"cut in the last payload", [](std::string f) { return f.substr(0, f.size() - 3); }, two, "truncated"},
-        {"other private key", [](std::string f) { return f; }, "", "does not match", "other.pem"},
-        {"damaged key block", [](std::string f) { return f.replace(37, 256, 256, '\x55'); }, "", "does not match"},
-        {"huge length", [=](std::string f) { return f.replace(third_record + 1, 4, "\xff\xff\xff\xff"); }, two,
-         "corrupt block"},
-        {"length not whole blocks", [=](std::string f) { return f.replace(third_record + 1, 4, "\x11\0\0\0", 4); }, two,
-         "corrupt block"},
-        {"record before any key", [](std::string f) { return f.erase(32, 5 + 256); }, "", "without a key"},
-        {"bad padding", [=](std::string f) { return f.replace(third_record + 5, 16, bad_padding); }, two,
-         "cannot decrypt"},
-        {"unknown block type skipped",
-         [=](std::string f) { return f.insert(third_record, "\x07\x03\0\0\0xyz", 8); }, all, ""},
+        {"cut in the last payload", [](std::string f) { return f.substr(0, f.size() - 3); }, two,
+         "truncated block" + skipped(third, end - 4)},
+        {"other private key", [](std::string f) { return f; }, "",
+         "the private key does not match the key block" + skipped(32, end - 1), "other.pem"},
+        {"damaged key block", [](std::string f) { return f.replace(37, 256, 256, '\x55'); }, "third\n",
+         "the private key does not match the key block" + skipped(32, key_b - 1)},
+        {"huge length", [=](std::string f) { return f.replace(first + 1, 4, "\xff\xff\xff\xff"); }, "third\n",
+         "corrupt block of type 2 and length 4294967295" + skipped(first, key_b - 1)},
+        {"length not whole blocks", [=](std::string f) { return f.replace(first + 1, 4, "\x11\0\0\0", 4); },
+         "third\n", "corrupt block of type 2 and length 17" + skipped(first, key_b - 1)},
+        {"record before any key", [](std::string f) { return f.erase(32, 261); }, "third\n",
+         "record without a key block" + skipped(32, key_b - 262)},
+        {"bad padding", [=](std::string f) { return f.replace(first + 5, 16, bad_padding); }, "third\n",
+         "cannot decrypt the record" + skipped(first, key_b - 1)},
+        {"unknown block type", [=](std::string f) { return f.insert(first, "\x07\x03\0\0\0xyz", 8); }, "third\n",
+         "corrupt block of type 7 and length 3" + skipped(first, key_b + 7)},
+        {"key head that does not open, inside the damage",
+         [=](std::string f) { return f.insert(key_b - 53, stray_key).replace(first + 1, 1, "\x13"); }, "third\n",
+         "corrupt block of type 2 and length 19" + skipped(first, key_b + 260)},
+        {"two damaged stretches", [](std::string f) { return f.replace(37, 256, 256, '\x55').substr(0, f.size() - 3); },
+         "", "the private key does not match the key block" + skipped(32, key_b - 1) + "\ntruncated block" +
+                 skipped(third, end - 4)},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -237,20 +257,107 @@ TEST_F(CryptoLogTest, ReaderStopsAtDamageAfterPrintingWhatItCould) {
         int rc = -9;
         std::string message;
         EXPECT_EQ(read_back(dir / "damaged", c.key, &rc, &message), c.plain);
-        EXPECT_EQ(rc, *c.message ? -1 : 0);
-        EXPECT_NE(message.find(c.message), std::string::npos) << message;
+        EXPECT_EQ(rc, c.message.empty() ? 0 : -1);
+        if (c.message.find("skipped") != std::string::npos)
+            EXPECT_EQ(message, c.message);
+        else
+            EXPECT_NE(message.find(c.message), std::string::npos) << message;
     }
+}
 
-    // Cut at every length: only block boundaries read cleanly, and whatever is printed is a
-    // prefix of the text.
-    for (size_t length = 0; length <= good.size(); ++length) {
-        ASSERT_TRUE(kstest::write_file(dir / "cut", good.substr(0, length)));
+// A writer killed in the middle of a block leaves it torn, and the next process appends its
+// key block and records right behind the torn bytes. Cut at every byte of a key block and of
+// a record: what came before the torn block and everything after the next key block is read,
+// and exactly the torn bytes are reported.
+TEST_F(CryptoLogTest, ReaderResumesAfterABlockTornAtAnyByte) {
+    ks::CryptoLogWriter torn(test_key("pub.pem").c_str()), next(test_key("pub.pem").c_str());
+    ASSERT_EQ(append("before\n"), 0);
+    ASSERT_EQ(append("never read\n", 0, torn.get()), 0);
+    const std::string after = "after 1, longer than one block\nafter 2\n";
+    ASSERT_EQ(append(after.substr(0, 31), 0, next.get()), 0);
+    ASSERT_EQ(append(after.substr(31), 0, next.get()), 0);
+    const std::string file = kstest::read_file(log);
+    ASSERT_EQ(layout(file), "1:256 2:16 1:256 2:16 1:256 2:32 2:16 ");
+    const size_t key_block = 32 + 261 + 21, record = key_block + 261, appended = record + 21;
+    for (size_t cut = key_block + 1; cut < appended; ++cut) {
+        if (cut == record) continue;  // the key block whole, the record not begun: nothing torn
+        ASSERT_TRUE(kstest::write_file(dir / "torn", file.substr(0, cut) + file.substr(appended)));
         int rc = -9;
-        const std::string plain = read_back(dir / "cut", "priv.pem", &rc);
-        const bool boundary = std::find(boundaries.begin(), boundaries.end(), length) != boundaries.end();
-        EXPECT_EQ(rc, boundary ? 0 : -1) << length;
-        EXPECT_EQ(all.compare(0, plain.size(), plain), 0) << length;
+        std::string message;
+        EXPECT_EQ(read_back(dir / "torn", "priv.pem", &rc, &message), "before\n" + after) << cut;
+        EXPECT_EQ(rc, -1);
+        const std::string range = std::to_string(cut < record ? key_block : record) + "-" + std::to_string(cut - 1);
+        EXPECT_THAT(message, ::testing::EndsWith("; skipped bytes " + range)) << cut;
+        EXPECT_EQ(message.find('\n'), std::string::npos) << message;
     }
+}
+
+// Writers of one shared file, logging through the log core, are SIGKILLed at random points of
+// their execution (between the header and their block, in the middle of a block...) while
+// others finish normally: every record of those others is read back, whole and in order, past
+// whatever the dead left behind.
+TEST(CryptoLogKill, WritersKilledAtAnyMomentCostOnlyTheirOwnRecords) {
+    constexpr int kSurvivors = 2, kVictims = 6, kRecords = 60, kKills = 200;
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    kstest::InstallRoot root;
+    const auto message = [](int survivor, int i) {
+        return "survivor " + std::to_string(survivor) + " record " + std::to_string(i) + std::string(i * 7 % 40, '.');
+    };
+    // A forked writer: survivor `id` writes kRecords records; a victim (id < 0) writes without
+    // pause until a timer of its own kills it, so it dies at a random point of what it executes
+    // however slowly the machine runs it.
+    const auto writer = [&](const std::string& identity, int id) {
+        const unsigned writer_seed = random();
+        const pid_t pid = ::fork();
+        if (pid != 0) return pid;
+        std::minstd_rand r(writer_seed);
+        if (kslog_init(identity.c_str(), root.path().c_str(), nullptr) != 0) ::_exit(1);
+        struct sigevent death = {};
+        death.sigev_notify = SIGEV_SIGNAL;
+        death.sigev_signo = SIGKILL;
+        struct itimerspec when = {};
+        when.it_value.tv_nsec = 1 + r() % 400000;
+        timer_t timer;
+        if (id < 0) ::usleep(r() % 10000);  // victims die all through the survivors' writing
+        if (id < 0 && (::timer_create(CLOCK_MONOTONIC, &death, &timer) != 0 ||
+                       ::timer_settime(timer, 0, &when, nullptr) != 0))
+            ::_exit(1);
+        for (int i = 0; i < (id < 0 ? 100000 : kRecords); ++i) {
+            kslogtest::log(0, 0, id < 0 ? "victim " + std::string(r() % 300, 'v') : message(id, i));
+            if (id >= 0) ::usleep(r() % 200);
+        }
+        ::_exit(0);
+    };
+    int kills = 0;
+    for (int run = 0; kills < kKills && run < 200; ++run) {
+        SCOPED_TRACE("run " + std::to_string(run));
+        const std::string identity = "/usr/bin/shared" + std::to_string(run);
+        const std::string file = root / ("var/log/shared" + std::to_string(run) + ".");
+        std::vector<pid_t> children;
+        for (int w = 0; w < kSurvivors + kVictims; ++w) children.push_back(writer(identity, w < kSurvivors ? w : -1));
+        for (size_t w = 0; w < children.size(); ++w) {
+            int status = 0;
+            ASSERT_EQ(::waitpid(children[w], &status, 0), children[w]);
+            if (w < kSurvivors)
+                EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+            else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+                ++kills;
+        }
+        ASSERT_LT(::access((file + "1").c_str(), F_OK), 0) << "the file rotated: records went out";
+        const std::vector<std::string> records =
+            kslogtest::test_records(kslogtest::decrypt(file + "0", root.private_key()));
+        for (int s = 0; s < kSurvivors; ++s) {
+            std::vector<std::string> got, expected;
+            for (const std::string& r : records)
+                if (r.find("survivor " + std::to_string(s) + " ") != std::string::npos)
+                    got.push_back(r.substr(KSLOG_HEADER_SIZE));
+            for (int i = 0; i < kRecords; ++i) expected.push_back("[test.cpp:1][test()]: " + message(s, i) + "\n");
+            EXPECT_EQ(got, expected) << "survivor " << s;
+        }
+    }
+    EXPECT_GE(kills, kKills);
 }
 
 TEST_F(CryptoLogTest, RefusesBadKeysAndArguments) {

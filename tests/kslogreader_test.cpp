@@ -10,9 +10,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "kslog_support.h"
 #include "kstest.h"
 
 namespace {
@@ -95,6 +97,52 @@ TEST_F(LogReaderTool, BadFilesAreNamedAndTheRestIsStillRead) {
     EXPECT_EQ(wrong_key.status, 1);
     EXPECT_EQ(wrong_key.out, "");
     EXPECT_NE(wrong_key.err.find(good + ": the private key does not match"), std::string::npos) << wrong_key.err;
+}
+
+// Write faults injected with strace into two processes taking turns on one rotating log file
+// (tests/daemons/kslog_turns.cpp): the records hit are lost, every other record is read back
+// whole and in order, nothing in the files is damaged, and writing goes on after the fault.
+TEST_F(LogReaderTool, WriteFaultsLoseRecordsNeverTheFile) {
+    if (std::getenv("KS_TEST_EMULATED")) GTEST_SKIP() << "strace cannot trace emulated programs";
+    constexpr int kRounds = 16;
+    ASSERT_TRUE(kstest::write_file(root / "etc/logging/kslog_turns.json",
+                                   R"({"action":"update","channels":{"default":)"
+                                   R"([{"file":"turns","level":"info","size":8192,"num":2}]}})"));
+    const std::string base = root / "var/log/kslog_turns.turns.", prefix = "[turns.cpp:1][main()]: ";
+    // System calls are counted per process. The child writes the first record of each turn
+    // behind its key block, in its writev calls 1, 3, 5..., and its second record right behind
+    // it; writev_all tries a failing write three times.
+    for (const char* fault : {"writev:error=ENOSPC:when=5", "writev:error=EIO:when=5..7",
+                              // the header naming the writer, rewritten before its key block
+                              "pwrite64:error=ENOSPC:when=3", "pwrite64:error=EIO:when=3..4",
+                              // the header of a new file, at the start and after rotation
+                              "write:error=ENOSPC:when=1..2", "write:error=EIO:when=1..2"}) {
+        SCOPED_TRACE(fault);
+        for (const char* n : {"0", "1"}) ::unlink((base + n).c_str());
+        // (LeakSanitizer, in sanitizer builds, cannot work under a tracer.)
+        ASSERT_EQ(kstest::run("ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0 strace -f -qq -o " +
+                              quoted(root / "trace") + " -e trace=writev,pwrite64,write -P " +
+                              quoted(base + "0") + " --inject=" + fault + " " +
+                              quoted(std::string(KS_BINARY_DIR) + "/tests/kslog_turns") + " " +
+                              quoted(root.path()) + " " + std::to_string(kRounds)),
+                  0);
+        EXPECT_NE(kstest::read_file(root / "trace").find("INJECTED"), std::string::npos);
+        const bool rotated = ::access((base + "1").c_str(), F_OK) == 0;
+        const Result r = reader(key + " " + (rotated ? quoted(base + "1") + " " : "") + quoted(base + "0"));
+        EXPECT_EQ(r.status, 0) << r.err;
+        int next[2] = {0, 0};  // parent, child: the least number each one's next record may carry
+        for (const std::string& line : kslogtest::lines(r.out)) {
+            if (line.find(prefix) != KSLOG_HEADER_SIZE) continue;
+            const bool child = line.compare(KSLOG_HEADER_SIZE + prefix.size(), 6, "child ") == 0;
+            const std::string name = child ? "child " : "parent ";
+            const int number = std::atoi(line.c_str() + KSLOG_HEADER_SIZE + prefix.size() + name.size());
+            EXPECT_EQ(line.substr(KSLOG_HEADER_SIZE), prefix + name + std::to_string(number) + "\n");
+            EXPECT_GE(number, next[child]) << line;
+            next[child] = number + 1;
+        }
+        EXPECT_EQ(next[0], kRounds);
+        EXPECT_EQ(next[1], 2 * kRounds);
+    }
 }
 
 TEST_F(LogReaderTool, HelpAndUsageErrors) {

@@ -1,9 +1,10 @@
 // kslogreader: turns encrypted log files back into plain text for operators.
 //
 // Files are read in the order given (for one output: the rotated files first, the current
-// one last) and their records written to standard output. A damaged file or a key that
-// does not match is reported on standard error with the file's name after everything
-// readable in it has been printed; the remaining files are still read, and the exit status
+// one last) and their records written to standard output. A damaged stretch of a file (a
+// block torn by a writer that died, say) is skipped up to the next key block and reported
+// on standard error with the file's name and the offsets skipped, after everything readable
+// in the file has been printed; the remaining files are still read, and the exit status
 // tells that something was lost.
 #include <ksutils/cmdline.h>
 #include <ksutils/crypto.h>
@@ -13,6 +14,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -42,9 +44,11 @@ void print_help(FILE* out) {
                  program);
     ks::cl::print_help(out);
     std::fputs("\n"
-               "A file with a bad header, a truncated or corrupt block, or records written for\n"
-               "another key is reported on standard error with its name, after everything\n"
-               "readable in it has been printed; the other files are still read.\n"
+               "A file with a bad header is reported on standard error with its name. A torn or\n"
+               "corrupt block, or records written for another key, are skipped up to the next\n"
+               "key block that the private key opens, where reading resumes; each skipped\n"
+               "stretch is reported with the offsets of its first and last bytes, after\n"
+               "everything readable in the file has been printed. The other files are still read.\n"
                "\n"
                "Exit status: 0 when every file was read completely, 1 when any file could not\n"
                "be read completely, 2 for a usage error or an unusable key.\n",
@@ -76,8 +80,15 @@ bool read_log(ks::CryptoLogReader& reader, ks::string_view argument) {
         fd = owned.get();
     }
     if (reader.decrypt(STDOUT_FILENO, fd)) return true;
-    std::fprintf(stderr, "%s: %s: %s\n", program, name == "-" ? "(standard input)" : name.c_str(),
-                 last_error().c_str());
+    // One line for each skipped stretch.
+    const std::string errors = last_error();
+    for (size_t start = 0;;) {
+        const size_t end = std::min(errors.find('\n', start), errors.size());
+        std::fprintf(stderr, "%s: %s: %.*s\n", program, name == "-" ? "(standard input)" : name.c_str(),
+                     static_cast<int>(end - start), errors.data() + start);
+        if (end == errors.size()) break;
+        start = end + 1;
+    }
     return false;
 }
 

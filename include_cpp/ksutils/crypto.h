@@ -104,7 +104,7 @@ public:
     crypto_log_reader* get() const noexcept { return reader_.get(); }
 
     // Writes the plain records of `in_fd` to `out_fd`; false on a bad file or key (see the
-    // error record), after writing everything readable before the fault.
+    // error record), after writing everything readable (damage is skipped, as in C).
     bool decrypt(int out_fd, int in_fd);
 
 private:
