@@ -80,10 +80,11 @@ bool reopen(shared_file& file, struct stat& st) {
 //    holds while it writes, so it is the end that lseek would give.
 //  - Whose key the file carries: every change to a log file is made under that lock and
 //    moves its size (records are appended, a failed write is cut back to where it began,
-//    a rotation makes another file), and a header is only rewritten together with a
-//    record. So while the size is where our own last record ended, the header is as we
-//    left it and our descriptor's position is still the end; only when it is not is the
-//    position set and the header read again.
+//    a rotation makes another file), and a header rewritten without a record that follows
+//    (its writer was killed, or the record's write failed) never names us. So while the
+//    size is where our own last record ended, the file's last key block is ours and our
+//    descriptor's position is still the end; only when it is not is the position set and
+//    the header read again.
 void write_file_record(shared_file& file, const char* record, size_t length) {
     const bool locked = ks::sys::lock_file(file.lock_fd.get(), true) == 1;
     const pid_t self = ks::sys::current_pid();
@@ -104,6 +105,10 @@ void write_file_record(shared_file& file, const char* record, size_t length) {
         off_t size = st.st_size;
         if (size != file.end) {
             file.header_ours = false;
+            // A header cut short (its writer was killed while starting the file) would make
+            // every writer refuse the file until it rotated, which it never would: start over.
+            if (size > 0 && size < CRYPTO_LOG_HEADER_SIZE && locked && ::ftruncate(file.log_fd.get(), 0) == 0)
+                size = 0;
             ready = ::lseek(file.log_fd.get(), size, SEEK_SET) == size;
             // The header writer restores the position it found; records go after it.
             if (ready && size == 0 && crypto_log_layout_write_header(file.log_fd.get()) == 0)

@@ -1,6 +1,7 @@
 // write_all and writev_all: writers that never leave a partial record in a regular file.
 // A failed or short write is undone by truncating back to the position where it began,
-// so readers of encrypted logs never meet a torn block.
+// so a writer that lives on leaves no torn block; one killed mid-write can, and the reader
+// of encrypted logs resumes after it at the next key block.
 #include <kswrite.h>
 
 #include "kssys.h"
