@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -54,6 +55,8 @@ void drain(int read_end) {
 }
 
 TEST(SysLayer, InterruptedCallsCarryOn) {
+    // Under qemu-user /proc shows the emulator, never the emulated call the test waits for.
+    if (std::getenv("KS_TEST_EMULATED")) GTEST_SKIP() << "no /proc view of emulated system calls";
     struct sigaction interrupt {}, old{};
     interrupt.sa_handler = [](int) { ++g_interruptions; };
     ASSERT_EQ(0, ::sigaction(SIGUSR1, &interrupt, &old));
