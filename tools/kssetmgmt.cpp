@@ -317,12 +317,17 @@ int exportTree(const std::string& key, const std::string* file) {
 int importTree(const std::string& file, const std::string* target) {
     const ks::json_ptr doc = ks::json_load_file(file);
     if (!doc) return fail("import");
-    std::string key, error = "not an export document";
+    std::string key, error;
     Node tree;
-    const bool valid = json_integer_value(json_object_get(doc.get(), kFormatMember)) == 1 &&
-                       (target ? (key = *target, true) : bytesFrom(json_object_get(doc.get(), "key"), kTextMark, key)) &&
-                       ks::storage::Store::isValidKey(key) && nodeFrom(json_object_get(doc.get(), "tree"), key, tree, error);
-    if (!valid) {
+    if (json_integer_value(json_object_get(doc.get(), kFormatMember)) != 1)
+        error = "not an export document";
+    else if (!(target ? (key = *target, true) : bytesFrom(json_object_get(doc.get(), "key"), kTextMark, key)))
+        error = "no \"key\" to import to";
+    else if (!ks::storage::Store::isValidKey(key))
+        error = key + ": not a valid key";
+    else if (nodeFrom(json_object_get(doc.get(), "tree"), key, tree, error))
+        error.clear();
+    if (!error.empty()) {
         std::fprintf(stderr, "kssetmgmt: import %s: %s\n", file.c_str(), error.c_str());
         return kFailed;
     }
