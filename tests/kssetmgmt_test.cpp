@@ -2,10 +2,12 @@
 // temporary install root), and against a scripted stand-in where exact request bytes or a
 // broken reply matter.
 #include "kssetter_fixture.h"
+#include "kssetter/kssetmgmt/protocol.h"
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 
 using namespace kssetter_test;
 using namespace ks::setter;
@@ -419,4 +421,137 @@ TEST_F(SetMgmtServer, PythonBinding) {
                                       "/libksutils.so' '" + root().path() + "' 2>&1",
                              &output))
         << output;
+}
+
+namespace {
+
+// The command-line tool on the test install root; its exit status, `out` its standard output.
+int tool(const std::string& args, std::string* out = nullptr) {
+    return kstest::run("'" + kstest::tool_path("kssetmgmt") + "' -root '" + root().path() + "' " + args, out);
+}
+
+// The subtree at `key` as "relative key -> type and value", walked through the client.
+using Flat = std::map<std::string, std::pair<ValueType, std::string>>;
+void flatten(const std::string& key, const std::string& relative, Flat& out) {
+    NodeInfo info;
+    ASSERT_EQ(0, sm::statKey(key, info)) << key;
+    const ValueType type = info.type;
+    std::string value;
+    if (type != None) {
+        ASSERT_EQ(static_cast<int64_t>(info.size), sm::getKey(key, value)) << key;
+    }
+    out[relative] = {type, value};
+    std::vector<std::string> names;
+    ASSERT_LE(0, sm::enumSubkeys(key, names)) << key;
+    for (const std::string& name : names) flatten(key + "/" + name, relative + "/" + name, out);
+}
+Flat flat(const std::string& key) {
+    Flat out;
+    flatten(key, "", out);
+    return out;
+}
+
+}  // namespace
+
+TEST_F(SetMgmtServer, OversizedRequestRefusedBeforeSending) {
+    const std::string key = "/tmp/big";
+    const uint64_t fits = kMaxBodyLength - key.size() - 6;  // a body of exactly the limit
+    const std::string over(20u << 20, 'x');
+    const auto message = [&](uint64_t value) {
+        return "Request of " + std::to_string(key.size() + 6 + value) + " bytes exceeds the server's limit of " +
+               std::to_string(kMaxBodyLength) + " bytes";
+    };
+    // Refused while holding the lock too: had a byte gone out, the server would have hung
+    // up and taken the lock along.
+    ASSERT_EQ(0, sm::lockKey(key));
+    const auto* bytes = reinterpret_cast<const unsigned char*>(over.data());
+    const std::pair<uint64_t, std::function<int()>> calls[] = {  // value size, request
+        {over.size(), [&] { return sm::setKey(key, over); }},
+        {fits + 1, [&] { return sm::setKey(key, bytes, fits + 1); }},
+    };
+    for (const auto& [size, call] : calls) {
+        EXPECT_TRUE(failed(call(), ks::E_INVAL, message(size).c_str())) << size;
+        EXPECT_EQ(0, sm::setKey(key, "next")) << size;
+    }
+    EXPECT_EQ(0, sm::unlockKey(key));
+    ASSERT_EQ(0, sm::setKey(key, over.substr(0, fits)));
+    NodeInfo info;
+    ASSERT_EQ(0, sm::statKey(key, info));
+    EXPECT_EQ(fits, info.size);
+
+    const std::string file = root() / "var/tmp/over";
+    ASSERT_TRUE(kstest::write_file(file, over));
+    std::string out;
+    EXPECT_EQ(2, tool("set-file " + key + " '" + file + "' 2>&1", &out));
+    EXPECT_EQ("kssetmgmt: set " + key + ": " + message(over.size()) + " (E_INVAL)\n", out);
+    std::remove(file.c_str());
+}
+
+TEST_F(SetMgmtServer, ExportImportRoundTrip) {
+    const std::string odd[] = {"sp ace", "\xff\x80", "\xc3\xbc", "\"q\\{}[]", "\x01\x7f~", "a.b"};
+    const std::string values[] = {"text", "\xc3\xa9t\xc3\xa9", "\xff\xfe not utf-8", "a\0b"s, "\n\"\\"};
+    const unsigned char bin[] = {0, 0, 1, 0xff, 0};
+    std::string deep = "/exp/src";
+    for (int i = 0; i < 8; ++i) deep += "/d" + std::to_string(i);
+    ASSERT_EQ(0, sm::setKey(deep, "bottom"));
+    ASSERT_EQ(0, sm::setKey("/exp/src", bin, sizeof bin));
+    ASSERT_EQ(0, sm::setKey("/exp/src/empty", ""));
+    for (size_t i = 0; i < std::size(odd); ++i) {
+        ASSERT_EQ(0, sm::setKey("/exp/src/" + odd[i], values[i % std::size(values)])) << i;
+        ASSERT_EQ(0, sm::setKey("/exp/src/" + odd[i] + "/" + odd[i], bin, i)) << i;  // i == 0: no value
+    }
+    const Flat original = flat("/exp/src");
+    ASSERT_EQ(2u + 8 + 2 * std::size(odd), original.size());  // root, "empty", deep, odd
+
+    const std::string file = root() / "var/tmp/export.json", bad = root() / "var/tmp/bad.json";
+    ASSERT_EQ(0, tool("export /exp/src '" + file + "'"));
+    ASSERT_EQ(0, sm::setKey("/exp/dst/stale/x", "gone after the import"));
+    ASSERT_EQ(0, tool("import '" + file + "' /exp/dst"));
+    EXPECT_EQ(original, flat("/exp/dst"));
+    ASSERT_EQ(0, sm::deleteKey("/exp/src"));
+    ASSERT_EQ(0, tool("import '" + file + "'"));  // back where it came from
+    EXPECT_EQ(original, flat("/exp/src"));
+
+    // A faulty document is refused whole: nothing of it is written.
+    const std::string bodies[] = {
+        "not json",
+        R"({"kssetmgmt-export": 2, "key": "/exp/dst", "tree": {"value": "new"}})",
+        R"({"kssetmgmt-export": 1, "tree": {"value": "new"}})",
+        R"({"kssetmgmt-export": 1, "key": "/exp/dst", "tree": {"value": "new", "children": [{"name": "a/b"}]}})",
+        R"({"kssetmgmt-export": 1, "key": "/exp/dst", "tree": {"value": "new", "children": [{"name": "a=b"}]}})",
+        R"({"kssetmgmt-export": 1, "key": "/exp/dst", "tree": {"children": [{"name": "a"}, {"name": "a"}]}})",
+        R"({"kssetmgmt-export": 1, "key": "/exp/dst", "tree": {"children": [{"name": "a", "value": {"binary": "@@"}}]}})",
+        R"({"kssetmgmt-export": 1, "key": "/exp/dst", "tree": {"children": [{"name": {"base64": ""}}]}})",
+    };
+    for (const std::string& body : bodies) {
+        ASSERT_TRUE(kstest::write_file(bad, body));
+        EXPECT_EQ(2, tool("import '" + bad + "' 2>/dev/null")) << body;
+        EXPECT_EQ(original, flat("/exp/dst")) << body;
+    }
+}
+
+TEST_F(SetMgmtServer, ImportSeenWholeByLockHolders) {
+    const int keys = 100;
+    const auto fill = [&](const std::string& value) {
+        for (int i = 0; i < keys; ++i) ASSERT_EQ(0, sm::setKey("/atomic/k" + std::to_string(i), value));
+    };
+    fill("new");
+    const std::string file = root() / "var/tmp/atomic.json";
+    ASSERT_EQ(0, tool("export /atomic '" + file + "'"));
+    fill("old");
+    std::atomic<bool> done{false};
+    std::thread importer([&] {
+        EXPECT_EQ(0, tool("import '" + file + "'"));
+        done = true;
+    });
+    for (bool last = false; !last;) {
+        last = done;
+        ASSERT_EQ(0, sm::lockKey("/atomic"));
+        std::set<std::string> snapshot;
+        for (int i = 0; i < keys; ++i) snapshot.insert(sm::getKeyValue("/atomic/k" + std::to_string(i), "missing"));
+        ASSERT_EQ(0, sm::unlockKey("/atomic"));
+        EXPECT_EQ(1u, snapshot.size()) << "a lock holder saw half an import";
+    }
+    importer.join();
+    EXPECT_EQ("new", sm::getKeyValue("/atomic/k0", ""));
 }

@@ -10,10 +10,28 @@
 // the log core cannot start, yet a settings tool must work there all the same: the client
 // then runs without its log channel, and every failure is reported here, on standard error,
 // from the error record.
+//
+// "export" and "import" carry a subtree as a JSON document, for backups and for moving
+// settings between boxes. Names and values are byte strings, so every text is either a
+// JSON string (when its bytes are UTF-8 without NUL) or marked and in Base64:
+//
+//   {"kssetmgmt-export": 1, "key": TEXT, "tree": NODE}
+//   NODE  = {"value": VALUE, "children": [NODE with "name": TEXT, ...]}
+//   TEXT  = "text" | {"base64": "..."}
+//   VALUE = TEXT (a text value) | {"binary": "..."} (a binary value)
+//
+// A node without "value" is a key without value; "children" is left out when there are
+// none. Base64 uses the standard alphabet without "=" padding. "key" is where the subtree
+// came from: import writes it back there unless told another key. Import checks the whole
+// document before it writes anything, then makes the subtree equal to it (keys the document
+// lacks are deleted) while holding the subtree's lock, so that a client that takes the same
+// lock sees the subtree before or after the import, never half of it.
 #include <kssetter/kssetmgmt.h>
 
 #include <ksutils/cmdline.h>
+#include <ksutils/crypto.h>
 #include <ksutils/error.h>
+#include <ksutils/jsonutl.h>
 #include <ksutils/kslog.h>
 #include <ksutils/path.h>
 
@@ -50,7 +68,19 @@ constexpr const char* kCommands =
     "  lock-set KEY VALUE      lock KEY, store VALUE, unlock (waits for other holders)\n"
     "  watch [-plain] KEY [N]  print the changed keys (KEY or below) as changes arrive;\n"
     "                          stop after N changes. -plain prints KEY once per wake-up\n"
+    "  export KEY [FILE]       write the subtree at KEY as JSON to FILE (or standard output)\n"
+    "  import FILE [KEY]       make the subtree at KEY (default: the one exported) what FILE\n"
+    "                          holds, keys FILE lacks deleted, with KEY locked meanwhile\n"
     "A value that begins with \"-\" goes after \"--\".\n";
+
+// The export document, for the help.
+constexpr const char* kFormat =
+    "Export document:\n"
+    "  {\"kssetmgmt-export\": 1, \"key\": TEXT, \"tree\": NODE}\n"
+    "  NODE  = {\"value\": VALUE, \"children\": [NODE with \"name\": TEXT, ...]}\n"
+    "  TEXT  = \"text\" (UTF-8 without NUL) | {\"base64\": \"...\"} (any other bytes)\n"
+    "  VALUE = TEXT (a text value) | {\"binary\": \"...\"} (a binary value, Base64)\n"
+    "  No \"value\": a key without value. Base64 without \"=\" padding.\n";
 
 void usage(FILE* out) {
     std::fputs("usage: kssetmgmt [-root DIR] COMMAND ARGS\n", out);
@@ -138,6 +168,177 @@ int watch(const std::string& key, bool plain, long limit) {
     return status;
 }
 
+// ---- export and import ----
+
+constexpr const char* kFormatMember = "kssetmgmt-export";
+constexpr const char* kTextMark = "base64";
+constexpr const char* kBinaryMark = "binary";
+
+struct Node {
+    std::string name;
+    ks::storage::ValueType type = ks::storage::None;
+    std::string value;
+    std::vector<Node> children;
+};
+
+std::string childKey(const std::string& parent, const std::string& name) {
+    return (parent == "/" ? parent : parent + "/") + name;
+}
+
+// The subtree at `key`; on failure `where` is the key that failed.
+bool readTree(const std::string& key, Node& node, std::string& where) {
+    where = key;
+    NodeInfo info;
+    if (sm::statKey(key, info) < 0) return false;
+    node.type = info.type;
+    if (info.type != ks::storage::None && sm::getKey(key, node.value) < 0) return false;
+    std::vector<std::string> names;
+    if (sm::enumSubkeys(key, names) < 0) return false;
+    node.children.resize(names.size());
+    for (size_t i = 0; i < names.size(); ++i) {
+        node.children[i].name = names[i];
+        if (!readTree(childKey(key, names[i]), node.children[i], where)) return false;
+    }
+    return true;
+}
+
+json_t* marked(const char* mark, const std::string& bytes) {
+    std::string encoded;
+    ks::base64_encode(bytes, encoded);
+    return json_pack("{s:s%}", mark, encoded.data(), encoded.size());
+}
+
+json_t* textJson(const std::string& bytes) {
+    // json_stringn refuses what is not UTF-8; a NUL would need a lenient parser to come back.
+    json_t* text = bytes.find('\0') == std::string::npos ? json_stringn(bytes.data(), bytes.size()) : nullptr;
+    return text ? text : marked(kTextMark, bytes);
+}
+
+json_t* nodeJson(const Node& node, bool named) {
+    json_t* object = json_object();
+    if (named) json_object_set_new(object, "name", textJson(node.name));
+    if (node.type == ks::storage::Binary) json_object_set_new(object, "value", marked(kBinaryMark, node.value));
+    if (node.type == ks::storage::String) json_object_set_new(object, "value", textJson(node.value));
+    if (!node.children.empty()) {
+        json_t* children = json_array();
+        for (const Node& child : node.children) json_array_append_new(children, nodeJson(child, true));
+        json_object_set_new(object, "children", children);
+    }
+    return object;
+}
+
+// The bytes of a TEXT (`mark` "base64") or of a binary VALUE (`mark` "binary").
+bool bytesFrom(const json_t* json, const char* mark, std::string& out) {
+    if (json_is_string(json) && std::strcmp(mark, kTextMark) == 0) {
+        out.assign(json_string_value(json), json_string_length(json));
+        return true;
+    }
+    const json_t* encoded = json_object_get(json, mark);
+    if (!json_is_string(encoded) || json_object_size(json) != 1) return false;
+    // The decoder takes any character; what does not encode back the same is not Base64.
+    const std::string text(json_string_value(encoded), json_string_length(encoded));
+    std::string again;
+    return ks::base64_decode(text, out) && ks::base64_encode(out, again) && again == text;
+}
+
+// The node `json` for `key`, checked whole; false with `error` set.
+bool nodeFrom(const json_t* json, const std::string& key, Node& node, std::string& error) {
+    error = key + ": ";
+    if (!json_is_object(json)) return error += "not an object", false;
+    const json_t* value = json_object_get(json, "value");
+    node.type = !value ? ks::storage::None : json_object_get(value, kBinaryMark) ? ks::storage::Binary : ks::storage::String;
+    if (value && !bytesFrom(value, node.type == ks::storage::Binary ? kBinaryMark : kTextMark, node.value))
+        return error += "bad value", false;
+    const json_t* children = json_object_get(json, "children");
+    if (children && !json_is_array(children)) return error += "\"children\" is not an array", false;
+    std::set<std::string> seen;
+    size_t i;
+    const json_t* child;
+    json_array_foreach(children, i, child) {
+        Node n;
+        if (!bytesFrom(json_object_get(child, "name"), kTextMark, n.name) || n.name.empty() ||
+            n.name.find('/') != std::string::npos || !ks::storage::Store::isValidKey(childKey(key, n.name)))
+            return error += "child " + std::to_string(i) + " has a bad name", false;
+        if (!seen.insert(n.name).second) return error += "child " + std::to_string(i) + " repeats a name", false;
+        if (!nodeFrom(child, childKey(key, n.name), n, error)) return false;
+        node.children.push_back(std::move(n));
+    }
+    return true;
+}
+
+// Makes the subtree at `key` equal to `node`; on failure `where` is the key that failed.
+bool writeTree(const std::string& key, const Node& node, std::string& where) {
+    where = key;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(node.value.data());
+    // The root always exists and takes no value of its own.
+    if (key != "/" || node.type != ks::storage::None) {
+        const int set = node.type == ks::storage::Binary ? sm::setKey(key, bytes, node.value.size())
+                                                         : sm::setKey(key, node.value);
+        if (set < 0) return false;
+    }
+    std::vector<std::string> present;
+    if (sm::enumSubkeys(key, present) < 0) return false;
+    std::set<std::string> wanted;
+    for (const Node& child : node.children) wanted.insert(child.name);
+    for (const std::string& name : present) {
+        where = childKey(key, name);
+        if (!wanted.count(name) && sm::deleteKey(where) < 0) return false;
+    }
+    for (const Node& child : node.children)
+        if (!writeTree(childKey(key, child.name), child, where)) return false;
+    return true;
+}
+
+int exportTree(const std::string& key, const std::string* file) {
+    // Locked for a copy consistent with lock holders' changes; with the server down (no
+    // lock to take) the offline copy is read as it is.
+    const bool locked = sm::lockKey(key) == 0;
+    if (!locked && ks::_get_kserrno().code != ks::E_SYSTEM) return fail("lock " + key);
+    Node tree;
+    std::string where;
+    const bool read = readTree(key, tree, where);
+    if (!read) fail("export " + where);
+    if (locked && sm::unlockKey(key) < 0) return fail("unlock " + key);
+    if (!read) return kFailed;
+
+    const ks::json_ptr doc(json_pack("{s:i,s:o,s:o}", kFormatMember, 1, "key", textJson(key), "tree",
+                                     nodeJson(tree, false)));
+    const size_t flags = JSON_INDENT(1) | JSON_PRESERVE_ORDER;
+    const int dumped = file ? json_dump_file(doc.get(), file->c_str(), flags) : json_dumpf(doc.get(), stdout, flags);
+    if (!file) std::fputc('\n', stdout);
+    if (!doc || dumped != 0 || (!file && std::fflush(stdout) != 0)) {
+        std::fprintf(stderr, "kssetmgmt: cannot write %s: %s\n", file ? file->c_str() : "the document",
+                     std::strerror(errno));
+        return kFailed;
+    }
+    return 0;
+}
+
+int importTree(const std::string& file, const std::string* target) {
+    const ks::json_ptr doc = ks::json_load_file(file);
+    if (!doc) return fail("import");
+    std::string key, error;
+    Node tree;
+    if (json_integer_value(json_object_get(doc.get(), kFormatMember)) != 1)
+        error = "not an export document";
+    else if (!(target ? (key = *target, true) : bytesFrom(json_object_get(doc.get(), "key"), kTextMark, key)))
+        error = "no \"key\" to import to";
+    else if (!ks::storage::Store::isValidKey(key))
+        error = key + ": not a valid key";
+    else if (nodeFrom(json_object_get(doc.get(), "tree"), key, tree, error))
+        error.clear();
+    if (!error.empty()) {
+        std::fprintf(stderr, "kssetmgmt: import %s: %s\n", file.c_str(), error.c_str());
+        return kFailed;
+    }
+    if (sm::lockKey(key) < 0) return fail("lock " + key);
+    std::string where;
+    const bool written = writeTree(key, tree, where);
+    if (!written) fail("import " + where);
+    if (sm::unlockKey(key) < 0) return fail("unlock " + key);
+    return written ? 0 : kFailed;
+}
+
 int dispatch(const std::vector<ks::string_view>& words, bool plain) {
     const std::vector<std::string> args(words.begin(), words.end());
     const std::string& cmd = args[0];
@@ -150,6 +351,8 @@ int dispatch(const std::vector<ks::string_view>& words, bool plain) {
     if (cmd == "stat" && n == 2) return stat(args[1]);
     if (cmd == "enum" && n == 2) return enumerate(args[1]);
     if (cmd == "lock-set" && n == 3) return lockSet(args[1], args[2]);
+    if (cmd == "export" && (n == 2 || n == 3)) return exportTree(args[1], n == 3 ? &args[2] : nullptr);
+    if (cmd == "import" && (n == 2 || n == 3)) return importTree(args[1], n == 3 ? &args[2] : nullptr);
     if (cmd == "watch" && (n == 2 || n == 3)) {
         long limit = 0;
         if (n == 3) {
@@ -181,6 +384,7 @@ int main(int argc, char** argv) {
         ks::cl::print_help(stdout);
         std::fputs("\n", stdout);
         std::fputs(kCommands, stdout);
+        std::fputs(kFormat, stdout);
         return 0;
     }
     if (words->empty()) {

@@ -121,6 +121,14 @@ bool Connection::resizeBuffer(unsigned long length) {
 }
 
 int64_t Connection::setCmdIntro(setter::CmdType cmd, unsigned long bodyLength) {
+    // The server hangs up on a larger announced body without reading it, which would reach
+    // the caller as a broken pipe on a lost connection. Refused here instead, before a byte
+    // goes out, so that the connection serves the next request.
+    if (bodyLength > setter::kMaxBodyLength) {
+        _get_kserrno().set(E_INVAL, "Request of {:d} bytes exceeds the server's limit of {:d} bytes",
+                           static_cast<uint64_t>(bodyLength), setter::kMaxBodyLength);
+        return -1;
+    }
     const uint64_t total = setter::kHeaderSize + bodyLength;
     if (total > capacity && !resizeBuffer(total)) return -1;
     setter::encodeHeader(buffer.get(), cmd, bodyLength);

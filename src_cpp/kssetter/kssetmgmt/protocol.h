@@ -44,7 +44,8 @@ constexpr int64_t kResultSystemError = -1000;
 constexpr int kMaxReportedErrno = 4095;
 
 // Largest body the server accepts. A longer announced body is taken for garbage: the
-// server closes that connection without reading the body.
+// server closes that connection without reading the body. The client refuses to frame one
+// (E_INVAL), so a too large value costs neither the connection nor a held lock.
 constexpr uint64_t kMaxBodyLength = 16u << 20;
 
 // Output the server queues for one connection (notifications a subscriber does not read,
