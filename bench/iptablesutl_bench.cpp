@@ -100,8 +100,8 @@ int main() {
     char root[] = "/tmp/fwbench.XXXXXX";
     if (!::mkdtemp(root)) return 1;
     const std::string dir = root;
-    sh("mkdir -p " + dir + "/bin && for p in iptables ip6tables; do for s in '' -save -restore; do ln -s \"$(command -v "
-       "$p$s)\" " + dir + "/bin/$p$s; done; done");
+    sh("mkdir -p " + dir + "/bin && for p in iptables ip6tables; do for s in '' -save -restore; do "
+       "ln -s \"$(command -v $p$s)\" " + dir + "/bin/$p$s; done; done");
     kspath_set_install_path(dir.c_str());
 
     std::vector<double> bare, batch;

@@ -62,10 +62,15 @@ protected:
         ASSERT_TRUE(log_.started());
         for (const std::string prog : {"iptables", "ip6tables"}) {
             for (const std::string& name : {prog, prog + "-save", prog + "-restore"})
-                ASSERT_EQ(0, kstest::run("ln -s \"$(command -v " + name + ")\" '" + (log_.root() / "bin/") + name + "'"));
+                ASSERT_EQ(0, link_program(name));
             ASSERT_EQ(0, kstest::run(prog + " -N FWTEST && " + prog + " -N WHITELIST"));
         }
         ASSERT_TRUE(macaddr::parse_str("0A:1b:2C:3d:4E:5f", mac_));
+    }
+
+    // The machine's program under the same name in the install root's "bin".
+    int link_program(const std::string& name) {
+        return kstest::run("ln -s \"$(command -v " + name + ")\" '" + (log_.root() / "bin/") + name + "'");
     }
 
     kstest::NetNamespace ns_;
@@ -184,9 +189,10 @@ TEST_F(FirewallTest, ChainNamesThatReachTheShellAreRefusedBeforeAnythingRuns) {
 
 TEST_F(FirewallTest, BatchesEndWithExactlyTheRulesAskedForWhenAppliedTwice) {
     macaddr m[4];
-    for (int i = 0; i < 4; ++i) ASSERT_TRUE(macaddr::parse_str(ks::string_view("02:00:00:00:00:0" + std::to_string(i)), m[i]));
-    const auto drop = [](int i) { return "-m mac --mac-source 02:00:00:00:00:0" + std::to_string(i) + " -j DROP"; };
-    const auto allow = [](int i) { return "-m mac --mac-source 02:00:00:00:00:0" + std::to_string(i) + " -j WHITELIST"; };
+    const auto mac = [](int i) { return "02:00:00:00:00:0" + std::to_string(i); };
+    for (int i = 0; i < 4; ++i) ASSERT_TRUE(macaddr::parse_str(ks::string_view(mac(i)), m[i]));
+    const auto drop = [&](int i) { return "-m mac --mac-source " + mac(i) + " -j DROP"; };
+    const auto allow = [&](int i) { return "-m mac --mac-source " + mac(i) + " -j WHITELIST"; };
     const struct {
         const char* what;
         std::function<void(ks::firewall_batch&)> fill;
@@ -237,7 +243,7 @@ TEST_F(FirewallTest, BatchesEndWithExactlyTheRulesAskedForWhenAppliedTwice) {
     EXPECT_FALSE(batch.apply());
     EXPECT_EQ(ks::E_NOENT, ks::_get_kserrno().code);
     EXPECT_EQ(before, rules("FWTEST"));
-    ASSERT_EQ(0, kstest::run("ln -s \"$(command -v ip6tables-restore)\" '" + (log_.root() / "bin/ip6tables-restore") + "'"));
+    ASSERT_EQ(0, link_program("ip6tables-restore"));
     EXPECT_TRUE(batch.apply()) << ks::_get_kserrno().message_view();
     EXPECT_EQ(expected({}, {}), rules("FWTEST"));
 }

@@ -316,15 +316,19 @@ void firewall_batch::unblock(const sockutl::macaddr& mac, const ip_set& ips, con
 }
 
 bool firewall_batch::apply() const {
-    const auto text_of = [](const device& d) -> const change_text& { return *kBatchTexts[static_cast<int>(d.what)]; };
+    const auto text_of = [](const device& d) -> const change_text& {
+        return *kBatchTexts[static_cast<int>(d.what)];
+    };
     for (const auto& d : devices_) {
         if (text_of(d).with_ips)
             KSLOG_DEBUG(kChannel, fmt::runtime(text_of(d).intent), d.mac.to_string(false), to_text(d.ips), d.chain);
         else
             KSLOG_DEBUG(kChannel, fmt::runtime(text_of(d).intent), d.mac.to_string(false), d.chain);
     }
+    if (devices_.empty()) return true;
+    // Every chain and program is checked before the first program runs.
     family_rules v4, v6;
-    bool ok = resolve_family(kBoxIptables, v4.program) && resolve_family(kBoxIp6tables, v6.program);
+    bool ok = true;
     for (auto d = devices_.begin(); ok && d != devices_.end(); ++d) {
         const change_text& text = text_of(*d);
         if (!(ok = check_chain(d->chain))) break;
@@ -332,6 +336,7 @@ bool firewall_batch::apply() const {
         v6.want(mac_rule(d->chain, d->mac, text.target), text.add);
         for (const auto& ip : d->ips) (ip.is_v4() ? v4 : v6).want(ip_rule(d->chain, ip), text.add);
     }
+    ok = ok && resolve_family(kBoxIptables, v4.program) && resolve_family(kBoxIp6tables, v6.program);
     ok = ok && v4.apply() && v6.apply();
     if (!ok)
         for (const auto& d : devices_)
