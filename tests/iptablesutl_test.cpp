@@ -1,6 +1,7 @@
 // Firewall rules applied by the real iptables/ip6tables inside a network namespace of the
 // test's own, read back with "-S": idempotence, address families, MAC case, log texts, and
-// chain names that try to reach the shell.
+// chain names that try to reach the shell; the same for batches applied through the restore
+// programs.
 #include <ksutils/error.h>
 #include <ksutils/iptablesutl.h>
 
@@ -59,10 +60,17 @@ protected:
     void SetUp() override {
         if (!ns_.entered()) GTEST_SKIP() << "network namespaces are refused here (unshare: " << strerror(errno) << ")";
         ASSERT_TRUE(log_.started());
-        for (const char* prog : {"iptables", "ip6tables"})
-            ASSERT_EQ(0, kstest::run("ln -s \"$(command -v " + std::string(prog) + ")\" '" + (log_.root() / "bin/") +
-                                     prog + "' && " + prog + " -N FWTEST && " + prog + " -N WHITELIST"));
+        for (const std::string prog : {"iptables", "ip6tables"}) {
+            for (const std::string& name : {prog, prog + "-save", prog + "-restore"})
+                ASSERT_EQ(0, link_program(name));
+            ASSERT_EQ(0, kstest::run(prog + " -N FWTEST && " + prog + " -N WHITELIST"));
+        }
         ASSERT_TRUE(macaddr::parse_str("0A:1b:2C:3d:4E:5f", mac_));
+    }
+
+    // The machine's program under the same name in the install root's "bin".
+    int link_program(const std::string& name) {
+        return kstest::run("ln -s \"$(command -v " + name + ")\" '" + (log_.root() / "bin/") + name + "'");
     }
 
     kstest::NetNamespace ns_;
@@ -127,8 +135,16 @@ TEST_F(FirewallTest, LogsWhatItDoesAndWhyItFailed) {
         EXPECT_FALSE(ks::block_device(mac_, {}, "NOSUCHCHAIN"));
         EXPECT_FALSE(ks::update_blocked_ip({}, ips({"10.0.0.1"}), "NOSUCHCHAIN"));
         EXPECT_EQ(ks::E_SYSTEM, ks::_get_kserrno().code);
+        ks::firewall_batch batch;
+        batch.unwhitelist(mac_, "NOSUCHCHAIN");
+        EXPECT_TRUE(batch.apply());
+        batch.block(mac_, ips({"fd00::7"}), "NOSUCHCHAIN");
+        EXPECT_FALSE(batch.apply());
+        EXPECT_EQ(ks::E_SYSTEM, ks::_get_kserrno().code);
     });
     for (const char* record : {
+             "Adding block rule for mac 0a:1b:2c:3d:4e:5f, ips [fd00::7] in chain NOSUCHCHAIN",
+             "Failed to unwhitelist device with mac=\"0a:1b:2c:3d:4e:5f\": *iptables-restore failed with status 1: *",
              "Adding whitelist rule for mac 0a:1b:2c:3d:4e:5f in chain FWTEST",
              "Adding block rule for mac 0a:1b:2c:3d:4e:5f, ips [192.168.1.5] in chain FWTEST",
              "Removing block rule for mac 0a:1b:2c:3d:4e:5f, ips [] from chain FWTEST",
@@ -152,6 +168,12 @@ TEST_F(FirewallTest, ChainNamesThatReachTheShellAreRefusedBeforeAnythingRuns) {
                  [&] { return ks::block_device(mac_, ips({"192.168.1.5"}), chain); },
                  [&] { return ks::unblock_device(mac_, ips({"192.168.1.5"}), chain); },
                  [&] { return ks::update_blocked_ip({}, ips({"fd00::1"}), chain); },
+                 [&] {
+                     ks::firewall_batch batch;
+                     batch.block(mac_, ips({"192.168.1.5"}), "FWTEST");
+                     batch.unwhitelist(mac_, chain);
+                     return batch.apply();
+                 },
              }) {
             ks::_get_kserrno().set(ks::E_OK);
             EXPECT_FALSE(op()) << chain;
@@ -163,6 +185,67 @@ TEST_F(FirewallTest, ChainNamesThatReachTheShellAreRefusedBeforeAnythingRuns) {
     // The longest name allowed passes the check and reaches iptables, which has no such chain.
     EXPECT_FALSE(ks::whitelist_mac(mac_, std::string(28, 'A')));
     EXPECT_EQ(ks::E_SYSTEM, ks::_get_kserrno().code);
+}
+
+TEST_F(FirewallTest, BatchesEndWithExactlyTheRulesAskedForWhenAppliedTwice) {
+    macaddr m[4];
+    const auto mac = [](int i) { return "02:00:00:00:00:0" + std::to_string(i); };
+    for (int i = 0; i < 4; ++i) ASSERT_TRUE(macaddr::parse_str(ks::string_view(mac(i)), m[i]));
+    const auto drop = [&](int i) { return "-m mac --mac-source " + mac(i) + " -j DROP"; };
+    const auto allow = [&](int i) { return "-m mac --mac-source " + mac(i) + " -j WHITELIST"; };
+    const struct {
+        const char* what;
+        std::function<void(ks::firewall_batch&)> fill;
+        std::string expected;
+    } steps[] = {
+        {"block v4+v6, v4 only, v6 only; whitelist",
+         [&](ks::firewall_batch& b) {
+             b.block(m[0], ips({"192.168.1.5", "fd00::5"}), "FWTEST");
+             b.block(m[1], ips({"10.0.0.1"}), "FWTEST");
+             b.block(m[2], ips({"fd00::2", "fd00::3"}), "FWTEST");
+             b.whitelist(m[3], "FWTEST");
+         },
+         expected({drop(0), drop(1), drop(2), allow(3), "-d 192.168.1.5/32 -j DROP", "-d 10.0.0.1/32 -j DROP"},
+                  {drop(0), drop(1), drop(2), allow(3), "-d fd00::5/128 -j DROP", "-d fd00::2/128 -j DROP",
+                   "-d fd00::3/128 -j DROP"})},
+        {"unblock some, block others, swap whitelist, undo within the batch",
+         [&](ks::firewall_batch& b) {
+             b.unblock(m[0], ips({"192.168.1.5", "fd00::5"}), "FWTEST");
+             b.unblock(m[2], ips({"fd00::3"}), "FWTEST");
+             b.block(m[1], ips({"10.0.0.1", "fd00::1"}), "FWTEST");
+             b.unwhitelist(m[3], "FWTEST");
+             b.whitelist(m[0], "FWTEST");
+             b.block(m[3], {}, "FWTEST");
+             b.unblock(m[3], {}, "FWTEST");
+         },
+         expected({drop(1), allow(0), "-d 10.0.0.1/32 -j DROP"},
+                  {drop(1), allow(0), "-d fd00::1/128 -j DROP", "-d fd00::2/128 -j DROP"})},
+        {"v6 address only", [&](ks::firewall_batch& b) { b.unblock(m[2], ips({"fd00::2"}), "FWTEST"); },
+         expected({drop(1), allow(0), "-d 10.0.0.1/32 -j DROP"}, {drop(1), allow(0), "-d fd00::1/128 -j DROP"})},
+    };
+    for (const auto& step : steps) {
+        ks::firewall_batch batch;
+        step.fill(batch);
+        for (int round = 1; round <= 2; ++round) {
+            EXPECT_TRUE(batch.apply()) << step.what << ", round " << round << ": " << ks::_get_kserrno().message_view();
+            EXPECT_EQ(step.expected, rules("FWTEST")) << step.what << ", round " << round;
+        }
+    }
+    // Rules the per-device calls made are found and removed by a batch, and a missing restore
+    // program is found before either family changes.
+    ASSERT_TRUE(ks::block_device(mac_, ips({"192.168.1.9", "fd00::9"}), "FWTEST"));
+    ks::firewall_batch batch;
+    batch.unblock(mac_, ips({"192.168.1.9", "fd00::9"}), "FWTEST");
+    batch.unblock(m[1], ips({"10.0.0.1", "fd00::1"}), "FWTEST");
+    batch.unwhitelist(m[0], "FWTEST");
+    ASSERT_EQ(0, ::unlink((log_.root() / "bin/ip6tables-restore").c_str()));
+    const std::string before = rules("FWTEST");
+    EXPECT_FALSE(batch.apply());
+    EXPECT_EQ(ks::E_NOENT, ks::_get_kserrno().code);
+    EXPECT_EQ(before, rules("FWTEST"));
+    ASSERT_EQ(0, link_program("ip6tables-restore"));
+    EXPECT_TRUE(batch.apply()) << ks::_get_kserrno().message_view();
+    EXPECT_EQ(expected({}, {}), rules("FWTEST"));
 }
 
 }  // namespace

@@ -8,6 +8,10 @@
 // Only the chain name and the program paths come from outside as text, and both reach the
 // shell: a chain that is not a plain iptables chain name (letters, digits, '_', '-', at most
 // 28 characters, not starting with '-') is refused with E_INVAL before anything runs.
+//
+// For many devices at once (a schedule switching a whole household) `firewall_batch` collects
+// the same changes and applies them with one iptables-restore and one ip6tables-restore run,
+// fed on standard input without a shell, after reading the filter table once per family.
 #pragma once
 #include <ksexport.h>
 #include <ksutils/connectutl.h>
@@ -16,6 +20,7 @@
 #include <functional>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 namespace ks {
 
@@ -38,5 +43,36 @@ KS_EXPORT bool unblock_device(const sockutl::macaddr& mac, const ip_set& ips, co
 // Removes every rule of old_ips, then inserts every rule of new_ips; addresses in both
 // sets are removed and inserted again.
 KS_EXPORT bool update_blocked_ip(const ip_set& old_ips, const ip_set& new_ips, const std::string& chain);
+
+// The four per-device changes, collected and applied together. apply() reads the rules
+// present (iptables-save / ip6tables-save), then inserts only the missing ones and deletes
+// only the present ones in one restore run per family (a family with nothing to change runs
+// no restore); the programs are the "-save" and "-restore" siblings of kBoxIptables and
+// kBoxIp6tables. When the same rule is asked for several times, the last request wins.
+// apply() logs what the per-device functions log for each device, leaves the batch as it
+// was (apply it again, or clear() it), and returns false with the thread's error record set:
+// E_INVAL for a refused chain (nothing runs), E_NOENT for a missing program, else the
+// failing program's status and output. A failed restore changes nothing of its family.
+class KS_EXPORT firewall_batch {
+public:
+    void whitelist(const sockutl::macaddr& mac, const std::string& chain);
+    void unwhitelist(const sockutl::macaddr& mac, const std::string& chain);
+    void block(const sockutl::macaddr& mac, const ip_set& ips, const std::string& chain);
+    void unblock(const sockutl::macaddr& mac, const ip_set& ips, const std::string& chain);
+
+    bool apply() const;
+    bool empty() const noexcept { return devices_.empty(); }
+    void clear() noexcept { devices_.clear(); }
+
+private:
+    enum class change : unsigned char { whitelist, unwhitelist, block, unblock };
+    struct device {
+        change what;
+        sockutl::macaddr mac;
+        ip_set ips;
+        std::string chain;
+    };
+    std::vector<device> devices_;
+};
 
 }  // namespace ks
