@@ -391,14 +391,21 @@ public:
 
     // Merges the files read so far and prints the last `last` records chosen (all with -1).
     void print(long last) {
-        for (Plain& p : files_) split_records(p.text, &p.records);
+        // Processes sharing a file stamp a record before they wait for the file's lock, so a
+        // file's records are nearly, not quite, in time order: each file is put in order first.
+        auto earlier = [](const Record& x, const Record& y) {
+            return x.time != y.time ? x.time < y.time : x.pid < y.pid;
+        };
+        for (Plain& p : files_) {
+            split_records(p.text, &p.records);
+            if (!std::is_sorted(p.records.begin(), p.records.end(), earlier))
+                std::stable_sort(p.records.begin(), p.records.end(), earlier);
+        }
         using Cursor = std::pair<size_t, size_t>;  // file, record
-        auto later = [this](const Cursor& a, const Cursor& b) {
+        auto later = [this, &earlier](const Cursor& a, const Cursor& b) {
             const Record& x = files_[a.first].records[a.second];
             const Record& y = files_[b.first].records[b.second];
-            if (x.time != y.time) return x.time > y.time;
-            if (x.pid != y.pid) return x.pid > y.pid;
-            return a.first > b.first;
+            return earlier(y, x) || (!earlier(x, y) && a.first > b.first);
         };
         std::priority_queue<Cursor, std::vector<Cursor>, decltype(later)> heads(later);
         for (size_t f = 0; f < files_.size(); ++f)
@@ -478,6 +485,16 @@ int main(int argc, char** argv) {
     }
 
     std::vector<char*> args(argv, argv + argc);
+    // A relative time ("--since -2h") looks like an option to the parser: it is joined to its
+    // option ("--since=-2h").
+    std::vector<std::string> joined;
+    joined.reserve(args.size());
+    for (size_t i = 1; i + 1 < args.size(); ++i)
+        if ((std::strcmp(args[i], "--since") == 0 || std::strcmp(args[i], "--until") == 0) && args[i + 1][0] == '-') {
+            joined.push_back(std::string(args[i]) + "=" + args[i + 1]);
+            args[i] = &joined.back()[0];
+            args.erase(args.begin() + static_cast<long>(i) + 1);
+        }
     for (char*& arg : args)
         if (std::strcmp(arg, "-") == 0) arg = const_cast<char*>(kStandardInput);
     // "--key" and "--help" are the same options: the parser drops one dash.
@@ -508,7 +525,7 @@ int main(int argc, char** argv) {
     ks::cl::list<ks::string_view> arguments{"LOGFILE", ks::cl::Positional, ks::cl::Sink,
                                             ks::cl::help("log files, oldest first, or directories; \"-\" is standard "
                                                          "input")};
-    if (!ks::cl::parse(argc, args.data())) return usage_error(last_error());
+    if (!ks::cl::parse(static_cast<int>(args.size()), args.data())) return usage_error(last_error());
     if (help) {
         print_help(stdout);
         return kExitOk;
