@@ -10,6 +10,8 @@
 // A damaged stretch of a file (a block torn by a writer that died, say) is skipped up to the
 // next key block and reported on standard error with the file's name and the offsets skipped;
 // the remaining files are still read, and the exit status tells that something was lost.
+#include <kscrypto.h>
+#include <kscryptolog.h>
 #include <kslog.h>
 #include <ksutils/cmdline.h>
 #include <ksutils/crypto.h>
@@ -26,6 +28,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -36,6 +39,7 @@
 #include <memory>
 #include <queue>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -271,10 +275,33 @@ std::vector<std::string> list_directory(const std::string& directory) {
     return paths;
 }
 
-// A decrypted file: its plain text and records.
+// Decrypted text, in a memory file mapped whole (no copy of what may be hundreds of MiB).
+class Mapping {
+public:
+    Mapping() = default;
+    Mapping(void* data, size_t size) : data_(data), size_(size) {}
+    Mapping(Mapping&& other) noexcept : data_(other.data_), size_(other.size_) { other.data_ = nullptr; }
+    Mapping& operator=(Mapping&& other) noexcept {
+        std::swap(data_, other.data_);
+        std::swap(size_, other.size_);
+        return *this;
+    }
+    ~Mapping() {
+        if (data_) ::munmap(data_, size_);
+    }
+    ks::string_view text() const { return data_ ? ks::string_view(static_cast<const char*>(data_), size_) : ""; }
+
+private:
+    void* data_ = nullptr;
+    size_t size_ = 0;
+};
+
+// A decrypted file: its plain text (what is new of it, when following) and records.
 struct Plain {
     std::string name;  // as reported
-    std::string text;
+    Mapping memory;    // what the library decrypted, or
+    std::string owned;  // what decrypt_fast did
+    ks::string_view text;
     std::vector<Record> records;
 };
 
@@ -288,29 +315,84 @@ void report(const std::string& name, const std::string& errors) {
     }
 }
 
-// Decrypts `fd` into `plain->text`; false with `errors` set when anything was lost.
-bool decrypt(ks::CryptoLogReader& reader, int fd, std::string* text, std::string* errors) {
-    ks::unique_fd memory(::memfd_create("kslogreader", MFD_CLOEXEC));
-    if (!memory) {
+// Decrypts `fd` into `memory`; false with `errors` set when anything was lost.
+bool decrypt(ks::CryptoLogReader& reader, int fd, Mapping* memory, std::string* errors) {
+    ks::unique_fd plain(::memfd_create("kslogreader", MFD_CLOEXEC));
+    if (!plain) {
         *errors = std::strerror(errno);
         return false;
     }
-    const bool whole = reader.decrypt(memory.get(), fd);
+    const bool whole = reader.decrypt(plain.get(), fd);
     if (!whole) *errors = last_error();
     struct stat st;
-    text->clear();
-    if (::fstat(memory.get(), &st) == 0 && st.st_size > 0) {
-        text->resize(static_cast<size_t>(st.st_size));
-        size_t done = 0;
-        while (done < text->size()) {
-            const ssize_t n = ::pread(memory.get(), &(*text)[done], text->size() - done, static_cast<off_t>(done));
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
-            done += static_cast<size_t>(n);
-        }
-        text->resize(done);
+    if (::fstat(plain.get(), &st) == 0 && st.st_size > 0) {
+        void* data = ::mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, plain.get(), 0);
+        if (data != MAP_FAILED) *memory = Mapping(data, static_cast<size_t>(st.st_size));
     }
     return whole;
+}
+
+// The common case without the library's general reader, which writes each record to a
+// descriptor and keys a cipher for each: a file that is nothing but well-formed blocks is
+// read whole and each record decrypted into `plain` under a key unwrapped once. False, with
+// `plain` undefined, for anything else (a bad header, damage of any kind, a key that does not
+// open): the library then reads the file, skipping and reporting what it must.
+bool decrypt_fast(int fd, const char* private_key, std::string* plain) {
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < CRYPTO_LOG_HEADER_SIZE) return false;
+    std::string bytes(static_cast<size_t>(st.st_size), '\0');
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t n = ::pread(fd, &bytes[done], bytes.size() - done, static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+    if (crypto_log_layout_is_valid_header(data) != 0) return false;
+    using Context = std::unique_ptr<mbedtls_aes_context, void (*)(mbedtls_aes_context*)>;
+    std::map<std::string, Context> keys;  // by wrapped key: writers repeat theirs
+    mbedtls_aes_context* key = nullptr;
+    constexpr size_t kHead = 5, kWrapped = 256, kMaxRecord = 4112;
+    auto length_at = [&](size_t at) {
+        return static_cast<size_t>(data[at + 1]) | static_cast<size_t>(data[at + 2]) << 8 |
+               static_cast<size_t>(data[at + 3]) << 16 | static_cast<size_t>(data[at + 4]) << 24;
+    };
+    plain->clear();
+    plain->reserve(bytes.size());
+    for (size_t at = CRYPTO_LOG_HEADER_SIZE; at < bytes.size();) {
+        if (bytes.size() - at < kHead) return false;
+        const size_t length = length_at(at);
+        const unsigned char* payload = data + at + kHead;
+        if (bytes.size() - at - kHead < length) return false;
+        if (data[at] == 1) {
+            if (length != kWrapped) return false;
+            const std::string wrapped(reinterpret_cast<const char*>(payload), length);
+            auto found = keys.find(wrapped);
+            if (found == keys.end()) {
+                unsigned char unwrapped[kWrapped];
+                size_t size = 0;
+                if (rsa_decrypt(payload, unwrapped, &size, private_key) != 0 || size != 32) return false;
+                Context context(aes_context_new(unwrapped, 1), aes_context_free);
+                if (!context) return false;
+                found = keys.emplace(wrapped, std::move(context)).first;
+            }
+            key = found->second.get();
+        } else if (data[at] == 2) {
+            if (!key || length == 0 || length % 16 != 0 || length > kMaxRecord) return false;
+            unsigned char iv[16] = {};
+            const size_t end = plain->size();
+            size_t size = 0;
+            plain->resize(end + length);
+            if (aes_decrypt_no_alloc(payload, length, key, iv, reinterpret_cast<unsigned char*>(&(*plain)[end]),
+                                     length, &size) != 0)
+                return false;
+            plain->resize(end + size);
+        } else {
+            return false;
+        }
+        at += kHead + length;
+    }
+    return true;
 }
 
 // Identity of a file as it moves through rotations, and how much of it was printed.
@@ -333,62 +415,116 @@ std::string read_head(int fd) {
 
 class Journal {
 public:
-    Journal(ks::CryptoLogReader& reader, const Filter& filter, bool json, const std::string& pattern)
-        : reader_(reader), filter_(filter), json_(json), pattern_(pattern) {}
+    Journal(ks::CryptoLogReader& reader, const std::string& private_key, const Filter& filter, bool json,
+            const std::string& pattern)
+        : reader_(reader), private_key_(private_key), filter_(filter), json_(json), pattern_(pattern) {}
 
     bool wanted(const std::string& path) const {
         return pattern_.empty() || ::fnmatch(pattern_.c_str(), output_name(path).c_str(), 0) == 0;
     }
 
-    // Reads one file (or standard input) whole; false after reporting it when anything was lost.
-    // With `followed`, remembers how much of it was read; with `quiet`, only that.
-    bool read(const std::string& path, bool followed, bool quiet = false) {
+    // Reads files (or standard input, "-") whole, several at a time, and takes them in the
+    // order given; false after reporting it when anything was lost. With `followed`, remembers
+    // how much of each was read and reads again only files that changed; with `quiet`, only
+    // remembers.
+    bool read(const std::vector<std::string>& paths, bool followed, bool quiet = false) {
+        std::vector<Loaded> loaded(paths.size());
+        std::atomic<size_t> next{0};
+        auto work = [&] {
+            for (size_t i; (i = next++) < paths.size();) load(paths[i], followed && paths[i] != "-", &loaded[i]);
+        };
+        {
+            std::vector<std::thread> workers;
+            const size_t cores = std::max(1u, std::thread::hardware_concurrency());
+            for (size_t t = 1; t < std::min<size_t>({paths.size(), cores, 4}); ++t) workers.emplace_back(work);
+            work();
+            for (std::thread& w : workers) w.join();
+        }
+        bool whole = true;
+        for (Loaded& l : loaded) whole = take(std::move(l), quiet) && whole;
+        return whole;
+    }
+
+private:
+    // A file opened and decrypted, on any thread: nothing reported, nothing remembered yet.
+    struct Loaded {
+        std::string name;  // as reported
+        int error = 0;     // errno of a failed open
+        bool followed = false;
+        struct stat st = {};
+        std::string head;
+        bool unchanged = false;
+        Mapping memory;
+        std::string owned;
+        bool whole = false;
+        std::string errors;
+    };
+
+    // Only reads `seen_` (other threads are loading too).
+    void load(const std::string& path, bool followed, Loaded* l) {
         const bool standard_input = path == "-";
-        const std::string name = standard_input ? "(standard input)" : path;
+        l->name = standard_input ? "(standard input)" : path;
         ks::unique_fd owned;
         if (!standard_input) {
             owned.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
             if (!owned) {
-                if (!quiet) std::fprintf(stderr, "%s: %s: %s\n", program, name.c_str(), std::strerror(errno));
-                return false;
+                l->error = errno;
+                return;
             }
         }
         const int fd = standard_input ? STDIN_FILENO : owned.get();
+        if (followed && ::fstat(fd, &l->st) == 0) {
+            l->head = read_head(fd);
+            const auto known = seen_.find({l->st.st_dev, l->st.st_ino});
+            l->unchanged = known != seen_.end() && known->second.size == l->st.st_size &&
+                           l->head.substr(0, known->second.head.size()) == known->second.head;
+            l->followed = true;
+            if (l->unchanged) return;
+        }
+        l->whole = (!standard_input && decrypt_fast(fd, private_key_.c_str(), &l->owned)) ||
+                   decrypt(reader_, fd, &l->memory, &l->errors);
+    }
+
+    bool take(Loaded&& l, bool quiet) {
+        if (l.error) {
+            if (!quiet) std::fprintf(stderr, "%s: %s: %s\n", program, l.name.c_str(), std::strerror(l.error));
+            return false;
+        }
+        if (l.unchanged) return true;
         Seen* seen = nullptr;
-        struct stat st;
-        if (followed && ::fstat(fd, &st) == 0) {
-            std::string head = read_head(fd);
-            seen = &seen_[{st.st_dev, st.st_ino}];
-            if (seen->size >= 0 && (st.st_size < seen->size || head.substr(0, seen->head.size()) != seen->head))
+        if (l.followed) {
+            seen = &seen_[{l.st.st_dev, l.st.st_ino}];
+            if (seen->size >= 0 && (l.st.st_size < seen->size || l.head.substr(0, seen->head.size()) != seen->head))
                 *seen = Seen();  // the inode of a deleted file, given to a new one
-            else if (seen->size == st.st_size)
-                return true;
-            seen->size = st.st_size;
-            seen->head = std::move(head);
+            seen->size = l.st.st_size;
+            seen->head = std::move(l.head);
         }
         Plain plain;
-        plain.name = name;
-        std::string errors;
-        const bool whole = decrypt(reader_, fd, &plain.text, &errors);
-        if (!whole && !quiet) {
+        plain.name = std::move(l.name);
+        plain.memory = std::move(l.memory);
+        plain.owned = std::move(l.owned);
+        plain.text = plain.owned.empty() ? plain.memory.text() : ks::string_view(plain.owned);
+        const std::string& errors = l.errors;
+        if (!l.whole && !quiet) {
             // A writer may be half-way through a block: damage found while following is
             // reported only when the next look finds it again, and the file is read again then.
-            if (!seen || (seen->error == errors && seen->retry)) report(name, errors);
+            if (!seen || (seen->error == errors && seen->retry)) report(plain.name, errors);
             if (seen && (seen->retry = seen->error != errors)) seen->size = -1;
         }
         if (seen) {
-            if (whole) seen->retry = false;
-            seen->error = whole ? "" : errors;
+            if (l.whole) seen->retry = false;
+            seen->error = l.whole ? "" : errors;
             if (seen->printed > plain.text.size()) seen->printed = 0;
             const size_t from = seen->printed;
             seen->printed = plain.text.size();
-            if (quiet) return whole;
-            plain.text.erase(0, from);
+            if (quiet) return l.whole;
+            plain.text.remove_prefix(from);
         }
         files_.push_back(std::move(plain));
-        return whole;
+        return l.whole;
     }
 
+public:
     // Merges the files read so far and prints the last `last` records chosen (all with -1).
     void print(long last) {
         // Processes sharing a file stamp a record before they wait for the file's lock, so a
@@ -445,6 +581,7 @@ private:
     }
 
     ks::CryptoLogReader& reader_;
+    const std::string private_key_;
     const Filter& filter_;
     bool json_;
     std::string pattern_;
@@ -457,7 +594,8 @@ void request_stop(int) { stop_requested = 1; }
 
 // What -f watches: every log file of the directories given, and every file of the outputs
 // of the files given, so that records written just before a rotation are not missed.
-std::vector<std::string> watched(const std::vector<std::string>& directories, const std::vector<std::string>& files) {
+std::vector<std::string> watched(const Journal& journal, const std::vector<std::string>& directories,
+                                 const std::vector<std::string>& files) {
     std::vector<std::string> paths;
     for (const std::string& d : directories)
         for (std::string& p : list_directory(d)) paths.push_back(std::move(p));
@@ -473,6 +611,8 @@ std::vector<std::string> watched(const std::vector<std::string>& directories, co
         for (std::string& p : list_directory(slash == std::string::npos ? "." : f.substr(0, slash)))
             if (output_name(p) == output) paths.push_back(std::move(p));
     }
+    paths.erase(std::remove_if(paths.begin(), paths.end(), [&](const std::string& p) { return !journal.wanted(p); }),
+                paths.end());
     return paths;
 }
 
@@ -561,22 +701,21 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
     std::setvbuf(stdout, nullptr, _IOFBF, 1 << 16);
-    Journal journal(reader, filter, *format == "json", std::string(*output));
-    std::vector<std::string> directories, files;
-    int status = kExitOk;
+    Journal journal(reader, key, filter, *format == "json", std::string(*output));
+    std::vector<std::string> directories, files, paths;
     for (ks::string_view argument : names) {
         const std::string name = argument.data() == kStandardInput ? "-" : std::string(argument);
         struct stat st;
         if (name != "-" && ::stat(name.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
             directories.push_back(name);
-            for (const std::string& path : list_directory(name))
-                if (journal.wanted(path) && !journal.read(path, bool(follow))) status = kExitBadFile;
+            for (std::string& path : list_directory(name))
+                if (journal.wanted(path)) paths.push_back(std::move(path));
         } else {
             files.push_back(name);
-            if ((name == "-" || journal.wanted(name)) && !journal.read(name, bool(follow) && name != "-"))
-                status = kExitBadFile;
+            if (name == "-" || journal.wanted(name)) paths.push_back(name);
         }
     }
+    int status = journal.read(paths, bool(follow)) ? kExitOk : kExitBadFile;
     journal.print(*last);
     if (!follow) return status;
 
@@ -585,13 +724,11 @@ int main(int argc, char** argv) {
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
     // What was there before, in files not named, is not news.
-    for (const std::string& path : watched(directories, files))
-        if (journal.wanted(path)) journal.read(path, true, true);
+    journal.read(watched(journal, directories, files), true, true);
     while (!stop_requested) {
         const struct timespec pause = {0, 200 * 1000 * 1000};
         ::nanosleep(&pause, nullptr);
-        for (const std::string& path : watched(directories, files))
-            if (journal.wanted(path) && !journal.read(path, true)) status = kExitBadFile;
+        if (!journal.read(watched(journal, directories, files), true)) status = kExitBadFile;
         journal.print(-1);
     }
     return status;
