@@ -39,6 +39,7 @@
 #include <memory>
 #include <queue>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -436,7 +437,11 @@ public:
         {
             std::vector<std::thread> workers;
             const size_t cores = std::max(1u, std::thread::hardware_concurrency());
-            for (size_t t = 1; t < std::min<size_t>({paths.size(), cores, 4}); ++t) workers.emplace_back(work);
+            for (size_t t = 1; t < std::min<size_t>({paths.size(), cores, 4}); ++t) try {
+                    workers.emplace_back(work);
+                } catch (const std::system_error&) {
+                    break;  // fewer helpers, the same work
+                }
             work();
             for (std::thread& w : workers) w.join();
         }
