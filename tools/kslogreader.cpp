@@ -212,7 +212,7 @@ struct Filter {
 
 // "YYYY-MM-DD HH:MM:SS" as is, or "-N" with a unit (s, min, h, d) before now; empty when bad.
 std::string parse_time(ks::string_view text) {
-    Record probe;
+    Record probe;  // an absolute time is checked as the start of a record header
     if (text.size() == 19 &&
         parse_header(std::string(text) + ".000      1 error [", &probe))
         return std::string(text);
@@ -225,7 +225,7 @@ std::string parse_time(ks::string_view text) {
     long scale = 0;
     if (i == 1) return "";
     if (unit == "s" || unit == "sec") scale = 1;
-    else if (unit == "min" || unit == "m") scale = 60;
+    else if (unit == "min") scale = 60;  // not "m": a month to some
     else if (unit == "h") scale = 3600;
     else if (unit == "d") scale = 86400;
     else return "";
