@@ -427,19 +427,21 @@ int Instance::daemonize() {
         return result;
     }
 
-    // The first child: a new session, then the daemon proper in a grandchild.
+    // The first child: a new session, then the daemon proper in a grandchild. It has
+    // nothing to log unless it fails, so it starts its logger (a key file read and a random
+    // generator seeded, a good part of the way to the run callback) only then.
     detached_child_ = true;
-    do_kslog_setup();
     report_read.reset();
-    if (::setsid() < 0) {
-        _get_kserrno().set(E_SYSTEM, "setsid failed: {:s}", std::strerror(errno));
+    auto fail_first_child = [this](const char* call) {
+        const int saved = errno;
+        do_kslog_setup();
+        errno = saved;
+        _get_kserrno().set(E_SYSTEM, "{:s} failed: {:s}", call, std::strerror(saved));
         fail_detached();
-    }
+    };
+    if (::setsid() < 0) fail_first_child("setsid");
     const pid_t grandchild = ks::fork();
-    if (grandchild < 0) {
-        _get_kserrno().set(E_SYSTEM, "fork failed: {:s}", std::strerror(errno));
-        fail_detached();
-    }
+    if (grandchild < 0) fail_first_child("fork");
     if (grandchild > 0) {
         if (logging_) ks::log::stop();
         ::_exit(0);
