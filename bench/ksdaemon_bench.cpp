@@ -3,7 +3,7 @@
 //     closing and logger restarts), against spawning and reaping /bin/true;
 //   - "-stop" to the daemon's exit (signal, settings thread, stop notifications, joins),
 //     against SIGTERM to a plain child that dies of it; and how long the "-stop" command
-//     itself takes (it checks the PID file lock once a second);
+//     itself takes, against the daemon's exit (it returns once the PID file lock is free);
 //   - the resident memory of the idle example daemon, against an idle /bin/sleep.
 // This program is also the daemon it measures: with KSBENCH_ROLE=daemon it runs as one,
 // writing CLOCK_MONOTONIC stamps (system-wide, so comparable across processes) to a file.
@@ -130,6 +130,14 @@ double median_ms(std::vector<long long> ns) {
     return ns.empty() ? 0.0 : ns[ns.size() / 2] / 1e6;
 }
 
+std::string spread_ms(const std::vector<long long>& ns) {
+    if (ns.empty()) return "-";
+    const auto [lo, hi] = std::minmax_element(ns.begin(), ns.end());
+    char text[48];
+    std::snprintf(text, sizeof text, "%.1f-%.1f", *lo / 1e6, *hi / 1e6);
+    return text;
+}
+
 long rss_kib(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(in, line);)
@@ -178,14 +186,16 @@ void measure_start_stop() {
         reap(sleeper);
         base_term.push_back(now_ns() - b1);
     }
-    std::printf("%-44s %10s %10s %8s\n", "measurement (median of 10)", "ms", "base ms", "ratio");
-    auto row = [](const char* what, double v, double base) {
-        std::printf("%-44s %10.3f %10.3f %8.1f\n", what, v, base, base > 0 ? v / base : 0.0);
+    std::printf("%-44s %10s %13s %10s %8s\n", "measurement (median of 10)", "ms", "min-max ms", "base ms", "ratio");
+    auto row = [](const char* what, const std::vector<long long>& v, const std::vector<long long>& base) {
+        const double m = median_ms(v), b = median_ms(base);
+        std::printf("%-44s %10.3f %13s %10.3f %8.1f\n", what, m, spread_ms(v).c_str(), b, b > 0 ? m / b : 0.0);
     };
-    row("-start to run callback  (base: spawn true)", median_ms(to_run), median_ms(base_spawn));
-    row("-start launcher exit    (base: spawn true)", median_ms(launcher), median_ms(base_spawn));
-    row("-stop to daemon exit    (base: TERM child)", median_ms(to_exit), median_ms(base_term));
-    row("-stop command           (base: TERM child)", median_ms(stop_command), median_ms(base_term));
+    row("-start to run callback  (base: spawn true)", to_run, base_spawn);
+    row("-start launcher exit    (base: spawn true)", launcher, base_spawn);
+    row("-stop to daemon exit    (base: TERM child)", to_exit, base_term);
+    row("-stop command           (base: TERM child)", stop_command, base_term);
+    row("-stop command  (base: -stop to daemon exit)", stop_command, to_exit);
 }
 
 void measure_idle_memory() {
@@ -206,7 +216,7 @@ void measure_idle_memory() {
     const pid_t daemon = pidfile_pid("example_daemon");
     const long rss = daemon > 0 ? rss_kib(daemon) : -1;
     const long base = rss_kib(sleeper);
-    std::printf("%-44s %10ld %10ld %8.1f\n", "idle example_daemon RSS, KiB (base: sleep)", rss, base,
+    std::printf("%-44s %10ld %13s %10ld %8.1f\n", "idle example_daemon RSS, KiB (base: sleep)", rss, "", base,
                 base > 0 ? static_cast<double>(rss) / base : 0.0);
     if (daemon > 0) {
         ::kill(daemon, SIGTERM);

@@ -24,12 +24,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <thread>
 
 namespace ks {
 namespace daemon {
@@ -37,6 +40,7 @@ namespace daemon {
 namespace {
 
 constexpr int kStopWaitRounds = 20;
+constexpr std::chrono::milliseconds kMaxLockPoll{10};
 constexpr uint64_t kMaxReportMessage = 2048;
 
 std::mutex g_instance_mutex;
@@ -118,6 +122,28 @@ void close_unprotected(const std::map<int, int>& keep, long limit) {
         lo = fd + 1;
     }
     if (limit > 0 && lo < static_cast<unsigned long>(limit)) close_span(lo, static_cast<unsigned>(limit - 1));
+}
+
+// True once `pid` no longer holds the lock: it is free, or a newer instance took it. A
+// lock that cannot be read counts as still held.
+bool lock_released(ks::ProcessLock& lock, pid_t pid) {
+    pid_t holder = 0;
+    const int held = lock.holder_pid(holder);
+    return held == 0 || (held == 1 && holder != pid);
+}
+
+// Waits until `pid` lets the lock go (true) or `deadline` passes (false). The lock gives no
+// notice of its release, so it is looked at after 1 ms, then at intervals doubling up to
+// kMaxLockPoll: a daemon that exits at once is seen within a few ms, one that takes its
+// time costs a hundred cheap fcntl calls a second.
+bool wait_released(ks::ProcessLock& lock, pid_t pid, std::chrono::steady_clock::time_point deadline) {
+    for (std::chrono::steady_clock::duration pause = std::chrono::milliseconds(1);;
+         pause = std::min<std::chrono::steady_clock::duration>(pause * 2, kMaxLockPoll)) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= deadline) return false;
+        std::this_thread::sleep_for(std::min(pause, deadline - now));
+        if (lock_released(lock, pid)) return true;
+    }
 }
 
 }  // namespace
@@ -401,19 +427,21 @@ int Instance::daemonize() {
         return result;
     }
 
-    // The first child: a new session, then the daemon proper in a grandchild.
+    // The first child: a new session, then the daemon proper in a grandchild. It has
+    // nothing to log unless it fails, so it starts its logger (a key file read and a random
+    // generator seeded, a good part of the way to the run callback) only then.
     detached_child_ = true;
-    do_kslog_setup();
     report_read.reset();
-    if (::setsid() < 0) {
-        _get_kserrno().set(E_SYSTEM, "setsid failed: {:s}", std::strerror(errno));
+    auto fail_first_child = [this](const char* call) {
+        const int saved = errno;
+        do_kslog_setup();
+        errno = saved;
+        _get_kserrno().set(E_SYSTEM, "{:s} failed: {:s}", call, std::strerror(saved));
         fail_detached();
-    }
+    };
+    if (::setsid() < 0) fail_first_child("setsid");
     const pid_t grandchild = ks::fork();
-    if (grandchild < 0) {
-        _get_kserrno().set(E_SYSTEM, "fork failed: {:s}", std::strerror(errno));
-        fail_detached();
-    }
+    if (grandchild < 0) fail_first_child("fork");
     if (grandchild > 0) {
         if (logging_) ks::log::stop();
         ::_exit(0);
@@ -500,21 +528,18 @@ int Instance::do_stop() {
     std::printf("Sending stop signal to %d ...", static_cast<int>(pid));
     std::fflush(stdout);
 
-    const char* result = "failed";
-    for (int round = 0; round < kStopWaitRounds; ++round) {
-        pid_t holder = 0;
-        const int still = pidfile_.holder_pid(holder);
-        if (still == 0 || (still == 1 && holder != pid)) {
-            result = "done";
-            break;
-        }
+    // One dot for every second started, as the operator has always seen them, but the
+    // answer comes as soon as the lock is let go.
+    const auto start = std::chrono::steady_clock::now();
+    bool gone = lock_released(pidfile_, pid);
+    for (int round = 0; !gone && round < kStopWaitRounds; ++round) {
         std::fputc('.', stdout);
         std::fflush(stdout);
-        ::sleep(1);
+        gone = wait_released(pidfile_, pid, start + std::chrono::seconds(round + 1));
     }
-    std::printf(" %s\n", result);
+    std::printf(" %s\n", gone ? "done" : "failed");
     std::fflush(stdout);
-    return std::strcmp(result, "done") == 0 ? 0 : 1;
+    return gone ? 0 : 1;
 }
 
 }  // namespace daemon
