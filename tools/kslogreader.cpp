@@ -99,7 +99,13 @@ std::string last_error() { return std::string(ks::_get_kserrno().message_view())
 
 // ---- Records -------------------------------------------------------------------------------
 
-const char* const kLevels[] = {"error", "warn", "info", "debug", "trace"};
+// The level a word names, as the log core stamps it ("warn") or as people write it
+// ("warning"); -1 for none. The words are the log core's own.
+int level_of(ks::string_view word) {
+    for (int l = KSLOG_LEVEL_ERROR; l <= KSLOG_LEVEL_TRACE; ++l)
+        if (word == kslog_lvl_to_logstr(l) || word == kslog_lvl_to_userstr(l)) return l;
+    return -1;
+}
 
 // One record: its text as written (with the final newline) and the fields of its header.
 // A record without a header (text that the log core did not stamp) has an empty time.
@@ -131,14 +137,12 @@ bool parse_header(ks::string_view line, Record* r) {
     for (; i < 30; ++i) pid = pid * 10 + (line[i] - '0');
     ks::string_view level = line.substr(31, 5);
     while (!level.empty() && level.front() == ' ') level.remove_prefix(1);
-    for (int l = 0; l < 5; ++l)
-        if (level == kLevels[l]) {
-            r->time = line.substr(0, 23);
-            r->pid = pid;
-            r->level = l;
-            return true;
-        }
-    return false;
+    const int l = level_of(level);
+    if (l < 0) return false;
+    r->time = line.substr(0, 23);
+    r->pid = pid;
+    r->level = l;
+    return true;
 }
 
 // Cuts decrypted text into records: a line with a stamped header starts one, any other line
@@ -238,10 +242,7 @@ std::string parse_time(ks::string_view text) {
 
 int parse_level(ks::string_view text) {
     if (text.size() == 1 && text[0] >= '0' && text[0] <= '4') return text[0] - '0';
-    if (text == "warning") return 1;
-    for (int l = 0; l < 5; ++l)
-        if (text == kLevels[l]) return l;
-    return -1;
+    return level_of(text);
 }
 
 // ---- Files ---------------------------------------------------------------------------------
@@ -575,7 +576,7 @@ private:
         json_t* object = json_object();
         json_object_set_new(object, "time", json_stringn(r.time.data(), r.time.size()));
         json_object_set_new(object, "pid", json_integer(r.pid));
-        json_object_set_new(object, "level", json_string(r.level >= 0 ? kLevels[r.level] : ""));
+        json_object_set_new(object, "level", json_string(r.level >= 0 ? kslog_lvl_to_logstr(r.level) : ""));
         json_object_set_new(object, "file", json_stringn(s.file.data(), s.file.size()));
         json_object_set_new(object, "line", json_integer(s.line));
         json_object_set_new(object, "function", json_stringn(s.function.data(), s.function.size()));
