@@ -8,5 +8,5 @@ out=${1:-build/docs}
 mkdir -p "$out"
 version=$(sed -n 's/^project(ksutils VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 { cat docs/Doxyfile; echo "OUTPUT_DIRECTORY = $out"; echo "PROJECT_NUMBER = $version"; } |
-  doxygen - 
+  doxygen -
 echo "API reference: $out/html/index.html"
