@@ -1,10 +1,13 @@
-// The logging facade: typed levels, bool results and the log statement.
-//
-//   KSLOG_INFO(channel, "connected to {:s} after {:d} ms", peer, elapsed);
-//
-// expands to a can_log() check first, so a suppressed record costs one read-locked
-// comparison and no formatting; an allowed one is formatted with {fmt} after the header
-// template and "[file:line][function()]: ", and handed to the core with signals blocked.
+/// @file
+/// The logging facade: typed levels, bool results and the log statement.
+///
+/// @code
+///   KSLOG_INFO(channel, "connected to {:s} after {:d} ms", peer, elapsed);
+/// @endcode
+///
+/// expands to a can_log() check first, so a suppressed record costs one read-locked
+/// comparison and no formatting; an allowed one is formatted with {fmt} after the header
+/// template and "[file:line][function()]: ", and handed to the core with signals blocked.
 #pragma once
 
 #include <ksexport.h>
@@ -20,7 +23,7 @@ namespace log {
 
 enum class level : unsigned { error = 0, warning = 1, info = 2, debug = 3, trace = 4 };
 
-// Levels outside warning..trace reach the core as error.
+/// Levels outside warning..trace reach the core as error.
 constexpr int to_core(level l) noexcept {
     const unsigned v = static_cast<unsigned>(l);
     return v >= 1 && v <= 4 ? static_cast<int>(v) : 0;
@@ -55,16 +58,16 @@ KS_EXPORT level get_channel_max_level(unsigned long channel);
 KS_EXPORT uint64_t get_max_log_size();
 KS_EXPORT uint64_t get_max_num_logs();
 
-// The current configuration as an "update" document; the caller owns it.
+/// The current configuration as an "update" document; the caller owns it.
 KS_EXPORT json_t* get_log_config();
 KS_EXPORT bool execute_log_config(const json_t* config);
-// `path` must be NUL-terminated.
+/// `path` must be NUL-terminated.
 KS_EXPORT bool execute_log_config(ks::string_view path);
 KS_EXPORT bool is_valid_log_config(const json_t* config);
 KS_EXPORT bool is_valid_log_config(ks::string_view path);
 
-// Hands a formatted record (header template first) to the core with all signals blocked;
-// the core stamps the header into the string's own buffer.
+/// Hands a formatted record (header template first) to the core with all signals blocked;
+/// the core stamps the header into the string's own buffer.
 KS_EXPORT void print(unsigned long channel, level l, std::string&& record);
 KS_EXPORT void backtrace(const char* function);
 
@@ -89,7 +92,7 @@ inline void log(unsigned long channel, level l, const char* file, int line, cons
 }  // namespace detail
 }  // namespace log
 
-// Logs the serialised value ("prefix: value" when a prefix is given).
+/// Logs the serialised value ("prefix: value" when a prefix is given).
 KS_EXPORT void log_json(unsigned long channel, log::level l, const char* prefix, const json_t* value);
 
 }  // namespace ks

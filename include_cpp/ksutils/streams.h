@@ -1,9 +1,10 @@
-// File and memory streams.
-//
-// basic_memstream is the growable text buffer behind the error record and ks::path: it
-// rewinds instead of reallocating, so a thread that keeps building short texts stops
-// allocating after the first few. basic_fstream is a standard iostream over a descriptor
-// with whole-file advisory locks, and basic_memorymap_base maps part of such a file.
+/// @file
+/// File and memory streams.
+///
+/// basic_memstream is the growable text buffer behind the error record and ks::path: it
+/// rewinds instead of reallocating, so a thread that keeps building short texts stops
+/// allocating after the first few. basic_fstream is a standard iostream over a descriptor
+/// with whole-file advisory locks, and basic_memorymap_base maps part of such a file.
 #pragma once
 
 #include <ksexport.h>
@@ -21,15 +22,15 @@
 
 namespace ks {
 
-// Output buffer over a byte vector. The put area always ends one byte before the
-// vector's end, so the written text can be NUL-terminated in place at any time.
+/// Output buffer over a byte vector. The put area always ends one byte before the
+/// vector's end, so the written text can be NUL-terminated in place at any time.
 class KS_EXPORT basic_membuf : public std::basic_streambuf<char> {
 public:
     explicit basic_membuf(size_t step = 128);
     basic_membuf(const basic_membuf& other);
     basic_membuf& operator=(const basic_membuf& other);
 
-    // Empties the buffer; the storage is kept.
+    /// Empties the buffer; the storage is kept.
     void reset() noexcept { setp(pbase(), epptr()); }
     size_t size() const noexcept { return static_cast<size_t>(pptr() - pbase()); }
     size_t capacity() const noexcept { return storage_.size() - 1; }
@@ -59,7 +60,7 @@ public:
     basic_memstream(const basic_memstream& other);
     basic_memstream& operator=(const basic_memstream& other);
 
-    // Rewinds the put position and clears the stream state; storage is kept.
+    /// Rewinds the put position and clears the stream state; storage is kept.
     void reset() noexcept {
         buf_.reset();
         clear();
@@ -74,8 +75,8 @@ public:
     std::string str() const { return std::string(buf_.view()); }
     basic_membuf* membuf() noexcept { return &buf_; }
 
-    // Appends the whole file (after emptying the stream when `reset`). A read error part-way
-    // is taken as end of file. Fails with E_SYSTEM when the file cannot be opened.
+    /// Appends the whole file (after emptying the stream when `reset`). A read error part-way
+    /// is taken as end of file. Fails with E_SYSTEM when the file cannot be opened.
     bool read_file(ks::string_view path, bool reset);
 
 private:
@@ -91,16 +92,16 @@ KS_EXPORT std::ios_base::openmode translate_mode(int flags) noexcept;
 KS_EXPORT int open_flags(std::ios_base::openmode mode) noexcept;
 }  // namespace detail
 
-// Whole-file advisory locks (fcntl record locks) on the descriptor that fd() returns.
+/// Whole-file advisory locks (fcntl record locks) on the descriptor that fd() returns.
 class KS_EXPORT basic_fstream_base {
 public:
     virtual ~basic_fstream_base() = default;
     virtual int fd() const noexcept = 0;
 
-    int lock() noexcept;       // 1 taken, 0 held by another process, -1 error
-    int wait_lock() noexcept;  // 1 taken, -1 error
-    int unlock() noexcept;     // 0, or the failing errno
-    int is_locked() noexcept;  // 1 another process holds it, 0 not, -1 error
+    int lock() noexcept;       ///< 1 taken, 0 held by another process, -1 error
+    int wait_lock() noexcept;  ///< 1 taken, -1 error
+    int unlock() noexcept;     ///< 0, or the failing errno
+    int is_locked() noexcept;  ///< 1 another process holds it, 0 not, -1 error
     int is_locked(int& pid) noexcept;
 };
 
@@ -111,16 +112,16 @@ template <>
 class KS_EXPORT basic_fstream<char> : public basic_fstream_base, public std::iostream {
 public:
     basic_fstream();
-    // Opens `path` with the open mode; files are created with mode `perms` (less the umask).
+    /// Opens `path` with the open mode; files are created with mode `perms` (less the umask).
     basic_fstream(ks::string_view path, std::ios_base::openmode mode, mode_t perms = 0644);
     basic_fstream(ks::string_view path, const char* mode, mode_t perms = 0644);
-    // Takes ownership of an open descriptor.
+    /// Takes ownership of an open descriptor.
     basic_fstream(int fd, std::ios_base::openmode mode);
     ~basic_fstream() override;
     basic_fstream(const basic_fstream&) = delete;
     basic_fstream& operator=(const basic_fstream&) = delete;
 
-    // Fails with E_SYSTEM (and sets failbit) when open(2) fails.
+    /// Fails with E_SYSTEM (and sets failbit) when open(2) fails.
     bool open(ks::string_view path, std::ios_base::openmode mode, mode_t perms = 0644);
     bool is_open() const noexcept { return buf_ != nullptr; }
     void close();
@@ -136,17 +137,17 @@ private:
 
 using fstream = basic_fstream<char>;
 
-// Maps part of an open file, always privately: writes to the mapping never reach the file.
+/// Maps part of an open file, always privately: writes to the mapping never reach the file.
 class KS_EXPORT basic_memorymap_base {
 public:
-    static void* const failed;  // MAP_FAILED
+    static void* const failed;  ///< MAP_FAILED
 
     static int do_map(bool read_only, basic_fstream<char>& file, long offset, size_t length, void*& addr,
                       size_t& size) noexcept;
     static void do_unmap(void*& addr, size_t& size) noexcept;
 };
 
-// Owner of one mapping made by basic_memorymap_base.
+/// Owner of one mapping made by basic_memorymap_base.
 class KS_EXPORT memorymap : private basic_memorymap_base {
 public:
     memorymap() = default;

@@ -1,12 +1,13 @@
-// One long-lived child program supervised by a daemon: started with its standard output on
-// a local stream socket, read as NUL-terminated messages, stopped by a request byte with a
-// SIGKILL fallback after about three seconds, and restarted by its owner.
-//
-// The daemon watches fd() in its event loop and calls recv() when it is readable. The child
-// runs with the environment the daemon had at start-up (the daemon instance's saved copy),
-// so variables the daemon removed from its own environment are given back to the child.
-// failure_count() rises with every failed start and every premature end; the owner decides
-// how often to restart.
+/// @file
+/// One long-lived child program supervised by a daemon: started with its standard output on
+/// a local stream socket, read as NUL-terminated messages, stopped by a request byte with a
+/// SIGKILL fallback after about three seconds, and restarted by its owner.
+///
+/// The daemon watches fd() in its event loop and calls recv() when it is readable. The child
+/// runs with the environment the daemon had at start-up (the daemon instance's saved copy),
+/// so variables the daemon removed from its own environment are given back to the child.
+/// failure_count() rises with every failed start and every premature end; the owner decides
+/// how often to restart.
 #pragma once
 #include <ksexport.h>
 #include <ksutils/unique_fd.h>
@@ -24,9 +25,9 @@ public:
     enum class Type : int32_t { AVAHI = 0, LEASES = 1, UPNP = 2, GENERIC = 3 };
     static constexpr size_t kBufferSize = 65536;
 
-    // `command` is the program and its arguments separated by single blanks.
+    /// `command` is the program and its arguments separated by single blanks.
     Subprocess(Type type, std::string command);
-    // Stops a running child (gracefully, with the SIGKILL fallback).
+    /// Stops a running child (gracefully, with the SIGKILL fallback).
     ~Subprocess();
     Subprocess(const Subprocess&) = delete;
     Subprocess& operator=(const Subprocess&) = delete;
@@ -34,9 +35,9 @@ public:
     bool start();
     bool restart();
     bool fork_exec();
-    // Collects the child's exit; false while it runs (without wait) or on failure.
+    /// Collects the child's exit; false while it runs (without wait) or on failure.
     bool reap(bool wait);
-    // The complete messages received so far; an incomplete one waits for its NUL.
+    /// The complete messages received so far; an incomplete one waits for its NUL.
     std::vector<std::string> recv();
     void stop(bool graceful);
     void reset();
@@ -45,7 +46,7 @@ public:
     int32_t pid() const noexcept { return pid_; }
     uint32_t failure_count() const noexcept { return failures_; }
     const std::string& command() const noexcept { return command_; }
-    // The daemon's end of the child's standard output; -1 without a child.
+    /// The daemon's end of the child's standard output; -1 without a child.
     int fd() const noexcept { return daemon_end_.get(); }
     int child_fd() const noexcept { return child_end_.get(); }
 
@@ -61,9 +62,9 @@ private:
     bool discarding_ = false;  // inside a message too large for the buffer
 };
 
-// "AVAHI", "LEASES", "UPNP", else "GENERIC".
+/// "AVAHI", "LEASES", "UPNP", else "GENERIC".
 KS_EXPORT const char* type_name(Subprocess::Type type) noexcept;
-// "(type=NAME, pid=N)", as the object appears in log records.
+/// "(type=NAME, pid=N)", as the object appears in log records.
 KS_EXPORT std::ostream& operator<<(std::ostream& os, const Subprocess& p);
 
 }  // namespace ks

@@ -1,12 +1,13 @@
-// Non-blocking transmission to many sockets: a caller hands a buffer for a socket to add()
-// and returns at once; one sending thread waits with epoll until the socket is writable and
-// sends as much as it takes, resuming partial sends at the exact byte, until the socket's
-// queue is empty, then stops watching it.
-//
-// Every buffer's release callback runs exactly once, on whichever path the buffer ends:
-// sent completely, its queue removed, the manager stopped, or refused by add(). A socket
-// whose peer went away (a send fails for good, or epoll reports an error or hang-up) has its
-// queue dropped and its buffers released, so the thread never spins on a dead socket.
+/// @file
+/// Non-blocking transmission to many sockets: a caller hands a buffer for a socket to add()
+/// and returns at once; one sending thread waits with epoll until the socket is writable and
+/// sends as much as it takes, resuming partial sends at the exact byte, until the socket's
+/// queue is empty, then stops watching it.
+///
+/// Every buffer's release callback runs exactly once, on whichever path the buffer ends:
+/// sent completely, its queue removed, the manager stopped, or refused by add(). A socket
+/// whose peer went away (a send fails for good, or epoll reports an error or hang-up) has its
+/// queue dropped and its buffers released, so the thread never spins on a dead socket.
 #pragma once
 #include <ksexport.h>
 #include <ksutils/unique_fd.h>
@@ -23,8 +24,8 @@ namespace ks {
 
 class KS_EXPORT TxBuffer {
 public:
-    // Called once when the buffer ends, with the flag, the value and the data pointer the
-    // creator gave, so the owner of the bytes can free them.
+    /// Called once when the buffer ends, with the flag, the value and the data pointer the
+    /// creator gave, so the owner of the bytes can free them.
     using Release = std::function<void(bool flag, uint64_t value, const void* data)>;
 
     TxBuffer() noexcept = default;
@@ -37,8 +38,8 @@ public:
     TxBuffer(const TxBuffer&) = delete;
     TxBuffer& operator=(const TxBuffer&) = delete;
 
-    // One send of what is left; true when the buffer is now completely sent. A failure
-    // sets E_FAULT in the error record (errno tells why) and returns false.
+    /// One send of what is left; true when the buffer is now completely sent. A failure
+    /// sets E_FAULT in the error record (errno tells why) and returns false.
     bool send(int fd);
     size_t size() const noexcept { return size_; }
     size_t sent() const noexcept { return sent_; }
@@ -58,7 +59,7 @@ class KS_EXPORT TxQueueManager {
 public:
     struct TxQueue {
         void push(TxBuffer buffer);
-        // False when the queue is empty; otherwise one send from the front buffer.
+        /// False when the queue is empty; otherwise one send from the front buffer.
         bool send(int fd);
 
         std::mutex mutex;
@@ -70,16 +71,16 @@ public:
     TxQueueManager(const TxQueueManager&) = delete;
     TxQueueManager& operator=(const TxQueueManager&) = delete;
 
-    // Starts the sending thread; false when already running or on failure.
+    /// Starts the sending thread; false when already running or on failure.
     bool init();
-    // Stops the thread and releases every pending buffer.
+    /// Stops the thread and releases every pending buffer.
     void uninit();
-    // Queues the buffer for `fd`; false (the buffer released) when not running or `fd`
-    // cannot be watched.
+    /// Queues the buffer for `fd`; false (the buffer released) when not running or `fd`
+    /// cannot be watched.
     bool add(int fd, TxBuffer buffer);
-    // Stops watching `fd` and releases its pending buffers.
+    /// Stops watching `fd` and releases its pending buffers.
     void remove(int fd);
-    // The sending thread's body.
+    /// The sending thread's body.
     bool run_task();
     bool running() const noexcept { return running_; }
 
