@@ -27,17 +27,18 @@ namespace ks::async {
 
 class RequestRuntime;
 
+/// One request to another service, with its response handler and retry state.
 struct KS_EXPORT Request {
-    std::string uri;
-    std::string payload;
+    std::string uri;  ///< where the request goes; must not be empty
+    std::string payload;  ///< what is sent
     /// True completes the request; false sends it again after the next back-off wait.
     std::function<bool(const void* response)> handler;
-    RequestRuntime* runtime = nullptr;
-    int tag = -1;
+    RequestRuntime* runtime = nullptr;  ///< the runtime that runs it, set by run()
+    int tag = -1;  ///< its group, set by run()
     /// Back-off exponent: 0 sends once without retries, n waits 2^n seconds next.
     int attempt = 0;
-    int id = -1;
-    int tfd = -1;
+    int id = -1;  ///< unique within the runtime, set by run()
+    int tfd = -1;  ///< the timer of its next (re)send, -1 while none
 
     /// The next wait (and the exponent moves on): 0 without retries, else 2^attempt seconds,
     /// capped at 1024 s.
@@ -46,32 +47,43 @@ struct KS_EXPORT Request {
     std::string to_string() const;
 };
 
+/// Sends groups of requests through a transport and retries them on one Executor.
 class KS_EXPORT RequestRuntime {
 public:
+    /// How the transport hands a response back: finish(context, response).
     using finish_fn = void (*)(void* context, const void* response);
     /// True when the request was handed over; the transport later calls finish(context, r)
     /// once for each response. `context` is the Request being sent.
     using request_fn = std::function<bool(const std::string& uri, const std::string& payload, finish_fn finish,
                                           void* context)>;
 
+    /// A runtime whose timers live on `executor`, which must outlive it.
     explicit RequestRuntime(Executor& executor);
     /// Cancels every outstanding request.
     ~RequestRuntime();
     RequestRuntime(const RequestRuntime&) = delete;
     RequestRuntime& operator=(const RequestRuntime&) = delete;
 
+    /// Sets the transport.
     void set_request_fn(request_fn fn);
     /// Starts a group; its tag, or -1 (an empty uri, no transport, or a timer that could not
     /// start: nothing of the group is left running).
     int run(std::list<Request>&& requests, std::function<bool()>&& on_complete);
+    /// Starts a group of one request.
     int run(Request&& request, std::function<bool()>&& on_complete);
+    /// Completes the request as its handler would, and its group when it was the last; false
+    /// (logged) when the request or its group is unknown.
     bool try_complete(const Request& request);
     /// Cancels a group without calling its completion callback.
     void cancel(int tag);
+    /// Cancels every request and group, without calling completion callbacks.
     void cancel();
+    /// Cancels one request; its group goes on without it.
     void cancel_request(int id);
 
+    /// The number of requests not yet completed or cancelled.
     size_t outstanding() const noexcept { return requests_.size(); }
+    /// The number of groups running.
     size_t groups() const noexcept { return group_count_; }
 
 private:

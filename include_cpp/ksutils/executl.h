@@ -18,12 +18,13 @@
 
 namespace ks {
 
+/// Options of exec_command(), and what it reports back.
 struct exec_command_ctx {
     /// Descriptors the child receives as 0, 1 and 2; -1 means "/dev/null" unless the number
     /// itself is in keep_fds.
     int stdin_fd = -1;
-    int stdout_fd = -1;
-    int stderr_fd = -1;
+    int stdout_fd = -1;  ///< the child's standard output
+    int stderr_fd = -1;  ///< the child's standard error
     /// Descriptor numbers the child keeps open (close-on-exec is cleared on them); every
     /// other descriptor from 3 up is closed in the child.
     std::set<int> keep_fds;
@@ -38,14 +39,15 @@ struct exec_command_ctx {
     bool detach = false;
 
     /// Filled by exec_command, which takes the options as const.
-    mutable int pid = -1;
-    mutable int result = 0;
-    mutable bool has_result = false;
+    mutable int pid = -1;  ///< the child's pid (detached: the intermediate child, already collected)
+    mutable int result = 0;  ///< the waited child's status
+    mutable bool has_result = false;  ///< true when `result` holds a status
 };
 
 /// 0 on success, -1 on failure (a waited command that ends with a non-zero status is a failure:
 /// E_SYSTEM "child's return code = N", the status in ctx.result). The command is searched in PATH.
 KS_EXPORT int exec_command(const char** argv, const exec_command_ctx& ctx);
+/// exec_command() with the default options: waited for, standard descriptors on "/dev/null".
 KS_EXPORT int exec_command(const char** argv);
 
 /// The words of a null-terminated vector joined by single blanks ("" for a null vector).

@@ -27,22 +27,34 @@
 
 namespace ks {
 
+/// An owned JSON document (or value).
 using json_ptr = std::unique_ptr<json_t, PtrDeleter>;
 
 /// A document from a file or a text (any JSON value at the root); null with E_INVAL and
 /// "SOURCE: TEXT at line L, column C" (E_NOENT for a file that cannot be opened).
 KS_EXPORT json_ptr json_load_file(const std::string& file);
+/// The document in `text`.
 KS_EXPORT json_ptr json_load_string(ks::string_view text);
 
+/// @name Members
 /// Members of `object` (which may be null or not an object: the member is then absent).
-KS_EXPORT std::string json_get_string(const json_t* object, const char* key, const std::string& fallback);
-KS_EXPORT int64_t json_get_int(const json_t* object, const char* key, int64_t fallback);
-KS_EXPORT bool json_get_bool(const json_t* object, const char* key, bool fallback);
-/// Borrowed references, valid while `object` lives.
-KS_EXPORT const json_t* json_get_object(const json_t* object, const char* key, const json_t* fallback = nullptr);
-KS_EXPORT const json_t* json_get_array(const json_t* object, const char* key, const json_t* fallback = nullptr);
+/// @{
 
+/// The string member `key`, or `fallback`.
+KS_EXPORT std::string json_get_string(const json_t* object, const char* key, const std::string& fallback);
+/// The integer member `key`, or `fallback`.
+KS_EXPORT int64_t json_get_int(const json_t* object, const char* key, int64_t fallback);
+/// The boolean member `key`, or `fallback`.
+KS_EXPORT bool json_get_bool(const json_t* object, const char* key, bool fallback);
+/// The object member `key`, or `fallback`. Borrowed references, valid while `object` lives.
+KS_EXPORT const json_t* json_get_object(const json_t* object, const char* key, const json_t* fallback = nullptr);
+/// The array member `key`, or `fallback` (borrowed, as for json_get_object()).
+KS_EXPORT const json_t* json_get_array(const json_t* object, const char* key, const json_t* fallback = nullptr);
+/// @}
+
+/// A JSON array of the strings.
 KS_EXPORT json_ptr to_json_array(const std::vector<std::string>& values);
+/// A JSON array of the integers.
 KS_EXPORT json_ptr to_json_array(const std::vector<int64_t>& values);
 
 /// The "status" member of a response, an integer or a text holding one ("200"); false with

@@ -20,6 +20,7 @@
 
 namespace ks {
 
+/// How init_exception_handler() reports a crash.
 enum class ExceptionHandlerMethod : int {
     none = 0,         ///< no handler: the signals keep their default actions
     report_file = 1,  ///< write the report into the crash directory

@@ -18,6 +18,7 @@
 
 namespace ks {
 
+/// Translates between category names and bit sets, after init() loaded the category file.
 class KS_EXPORT ParentalCategoryTranslator {
 public:
     /// False when the log channel cannot be opened or the file cannot be loaded as an array
@@ -27,11 +28,12 @@ public:
     std::vector<unsigned int> encode(const std::set<std::string>& names) const;
     /// The names of the set bits of the first wordCount words; unknown indexes are logged.
     std::set<std::string> decode(std::vector<unsigned int> words) const;
+    /// Forgets the categories and closes the log channel.
     void uninit();
 
-    std::unordered_map<std::string, uint64_t> nameToIndex;
-    std::unordered_map<uint64_t, std::string> indexToName;
-    uint64_t wordCount = 0;
+    std::unordered_map<std::string, uint64_t> nameToIndex;  ///< lower-cased name to bit index
+    std::unordered_map<uint64_t, std::string> indexToName;  ///< bit index to lower-cased name
+    uint64_t wordCount = 0;  ///< words in an encoded set: the highest "number" loaded
 
 private:
     long channel_ = -1;

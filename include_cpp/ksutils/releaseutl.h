@@ -15,22 +15,30 @@
 
 namespace ks {
 
+/// @name Information files
 /// Resolved when read, under the install root set at that time (bootstrap: the system "/etc").
+/// @{
 KS_EXPORT extern const install_path kReleaseInfoFile;    ///< root/kestrum-release
 KS_EXPORT extern const install_path kSetupInfoFile;      ///< root/share/data/setup_version
 KS_EXPORT extern const install_path kPatchInfoFile;      ///< root/patches/latest/patch.info
 KS_EXPORT extern const install_path kBootstrapInfoFile;  ///< /etc/kestrum-release-bootstrap
+/// @}
 
+/// Key and value of each line of an information file.
 using info_map = std::unordered_map<std::string, std::string>;
 
-/// False when the file cannot be opened.
+/// Adds the lines of the release information file to `info`; false when it cannot be opened.
 KS_EXPORT bool load_release_info(info_map& info);
+/// Adds the lines of the bootstrap information file to `info`; false when it cannot be opened.
 KS_EXPORT bool load_bootstrap_info(info_map& info);
+/// Adds the lines of the setup information file to `info`; false when it cannot be opened.
 KS_EXPORT bool load_setup_info(info_map& info);
 
-/// The "version" values; fallbacks "2.0.0.0", "2.0.0.0" and "0".
+/// The release's "version" value (fallback "2.0.0.0").
 KS_EXPORT std::string get_release_version();
+/// The bootstrap image's "version" value (fallback "2.0.0.0").
 KS_EXPORT std::string get_bootstrap_version();
+/// The latest patch's "version" value (fallback "0").
 KS_EXPORT std::string get_patch_version();
 
 /// -1, 0 or 1, comparing "."-separated components as numbers; when every common component

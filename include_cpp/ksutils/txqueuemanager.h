@@ -22,6 +22,7 @@
 
 namespace ks {
 
+/// Bytes queued for one socket, with the callback that releases them once they are done with.
 class KS_EXPORT TxBuffer {
 public:
     /// Called once when the buffer ends, with the flag, the value and the data pointer the
@@ -29,11 +30,15 @@ public:
     using Release = std::function<void(bool flag, uint64_t value, const void* data)>;
 
     TxBuffer() noexcept = default;
+    /// Refers to `size` bytes at `data` (not copied: they must live until `release` is called
+    /// with `flag`, `value` and `data`).
     TxBuffer(const void* data, size_t size, Release release = nullptr, uint64_t value = 0, bool flag = false)
         : data_(static_cast<const uint8_t*>(data)), size_(size), release_(std::move(release)), value_(value),
           flag_(flag) {}
     ~TxBuffer();
+    /// Takes the bytes and the release duty of `other`.
     TxBuffer(TxBuffer&& other) noexcept;
+    /// Releases the held bytes, then takes the bytes and the release duty of `other`.
     TxBuffer& operator=(TxBuffer&& other) noexcept;
     TxBuffer(const TxBuffer&) = delete;
     TxBuffer& operator=(const TxBuffer&) = delete;
@@ -41,7 +46,9 @@ public:
     /// One send of what is left; true when the buffer is now completely sent. A failure
     /// sets E_FAULT in the error record (errno tells why) and returns false.
     bool send(int fd);
+    /// The number of bytes.
     size_t size() const noexcept { return size_; }
+    /// How many of them are sent.
     size_t sent() const noexcept { return sent_; }
 
 private:
@@ -55,15 +62,18 @@ private:
     bool flag_ = false;
 };
 
+/// Queues buffers for many sockets and sends them from one thread (see the file description).
 class KS_EXPORT TxQueueManager {
 public:
+    /// The buffers waiting for one socket, oldest first.
     struct TxQueue {
+        /// Appends a buffer.
         void push(TxBuffer buffer);
         /// False when the queue is empty; otherwise one send from the front buffer.
         bool send(int fd);
 
-        std::mutex mutex;
-        std::deque<TxBuffer> buffers;
+        std::mutex mutex;  ///< guards `buffers`
+        std::deque<TxBuffer> buffers;  ///< the waiting buffers
     };
 
     TxQueueManager() = default;
@@ -82,6 +92,7 @@ public:
     void remove(int fd);
     /// The sending thread's body.
     bool run_task();
+    /// True while the sending thread runs.
     bool running() const noexcept { return running_; }
 
 private:
