@@ -48,8 +48,10 @@ KS_EXPORT std::shared_ptr<Instance> instance(int argc, char** argv);
 /// The existing daemon object; null before the first instance(argc, argv).
 KS_EXPORT std::shared_ptr<Instance> instance();
 
+/// The daemon object of the process (see the file description); made by instance(argc, argv).
 class KS_EXPORT Instance {
 public:
+    /// The actions of the command line: -start, -stop, -version, -execute-log-config, -help.
     enum class StartupAction : int { start = 0, stop = 1, version = 2, execute_log_config = 3, help = 4 };
 
     Instance(const Instance&) = delete;
@@ -79,6 +81,7 @@ public:
     /// changes. Returns the callback's id (ids only grow). The callbacks run under the lock
     /// that add/remove take, so a callback must not add or remove callbacks itself.
     int add_default_settings_callback(const std::function<bool()>& callback);
+    /// Removes the default-settings callback `id`.
     void remove_default_settings_callback(int id);
     /// A default-settings callback that runs `loader` and logs when it fails.
     static std::function<bool()> get_load_settings_function(const std::function<bool()>& loader);
@@ -98,28 +101,47 @@ public:
     bool check_command_line(bool report);
     /// (Re)starts logging with the daemon's name as identity, then applies -log-config.
     bool do_kslog_setup();
+    /// The start action: installs the stop signal handlers and daemonizes.
     int do_run();
+    /// Detaches (unless -no-detach), takes the PID file and runs the daemon.
     int daemonize();
+    /// Opens "<name>.pid" in the install root's "var/run"; false with the error record set.
     bool open_pidfile();
+    /// The stop action: sends SIGTERM to the running instance and waits until it lets go of its
+    /// PID file.
     int do_stop();
+    /// The execute-log-config action: checks the -log-config file and hands its path to the
+    /// running instance through the settings key log_config_key().
     int do_execute_log_config();
 
     // ---- Settings thread -----------------------------------------------------------------
 
+    /// The settings thread's body.
     void daemon_settings_thread();
+    /// Executes the log configuration file named by log_config_key().
     bool handle_log_config_change(const ks::path& key, void* context);
+    /// Runs the default-settings callbacks.
     bool handle_default_settings_change(const ks::path& key, void* context);
 
     // ---- State ---------------------------------------------------------------------------
 
+    /// The daemon's name: the base name of argv[0].
     const std::string& name() const { return name_; }
+    /// The action chosen on the command line.
     StartupAction action() const { return *action_; }
+    /// True with -no-detach.
     bool no_detach() const { return static_cast<bool>(no_detach_); }
     /// The process environment as it was at start-up, "LD_LIBRARY_PATH" included.
     const ks::Environ& environment() const { return environ_; }
+    /// The settings key locked while a run-time log configuration is handed over:
+    /// "/tmp/daemon/<name>/logging".
     const ks::path& log_key() const { return log_key_; }
+    /// The settings key that names a run-time log configuration file:
+    /// "/tmp/daemon/<name>/logging/config".
     const ks::path& log_config_key() const { return log_config_key_; }
+    /// The PID file's descriptor, -1 while it is not open.
     int pidfile_fd() const { return pidfile_.fd(); }
+    /// The descriptors kept open through detaching.
     std::map<int, int> protected_fds() const;
 
 private:

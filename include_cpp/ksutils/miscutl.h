@@ -48,8 +48,8 @@ struct KS_EXPORT PtrDeleter {
     void operator()(void* block) const noexcept;
 };
 
-template <class T>
 /// A unique pointer to a C object, released by PtrDeleter.
+template <class T>
 using unique_c_ptr = std::unique_ptr<T, PtrDeleter>;
 
 }  // namespace ks

@@ -12,8 +12,8 @@ namespace ks {
 
 using std::char_traits;
 
-template <class CharT, class Traits = char_traits<CharT>>
 /// The standard string view with split() and str().
+template <class CharT, class Traits = char_traits<CharT>>
 class basic_string_view : public std::basic_string_view<CharT, Traits> {
     using base = std::basic_string_view<CharT, Traits>;
 
@@ -26,8 +26,8 @@ public:
     constexpr basic_string_view() noexcept = default;
     /// Converts a standard view.
     constexpr basic_string_view(base view) noexcept : base(view) {}
-    template <class Alloc>
     /// Views the characters of `s`.
+    template <class Alloc>
     basic_string_view(const std::basic_string<CharT, Traits, Alloc>& s) noexcept : base(s) {}
 
     /// The standard substr(), returning this view type.
