@@ -1,4 +1,5 @@
-// A copy of a process environment that can be edited and handed to execve as envp.
+/// @file
+/// A copy of a process environment that can be edited and handed to execve as envp.
 #pragma once
 
 #include <ksexport.h>
@@ -10,21 +11,26 @@
 
 namespace ks {
 
+/// An editable copy of an environment, usable as envp.
 class KS_EXPORT Environ {
 public:
-    // A copy of the current process environment.
+    /// A copy of the current process environment.
     Environ();
-    // A copy of the given NULL-terminated block.
+    /// A copy of the given NULL-terminated block.
     explicit Environ(char* const* envp);
 
+    /// The value of `name`, or nothing when it is not set.
     std::optional<std::string> get(ks::string_view name) const;
-    // Adds or replaces NAME; false (E_INVAL) when the name is empty or contains '='.
+    /// Adds or replaces NAME; false (E_INVAL) when the name is empty or contains '='.
     bool set(ks::string_view name, ks::string_view value);
+    /// Removes `name` if it is set.
     void unset(ks::string_view name);
 
-    // NULL-terminated "NAME=value" array, valid until the next change of this object.
+    /// NULL-terminated "NAME=value" array, valid until the next change of this object.
     char* const* envp() const noexcept { return pointers_.data(); }
+    /// The number of variables.
     size_t size() const noexcept { return entries_.size(); }
+    /// The "NAME=value" entries.
     const std::vector<std::string>& entries() const noexcept { return entries_; }
 
 private:
