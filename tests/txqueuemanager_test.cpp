@@ -217,6 +217,7 @@ TEST(TxQueueManager, RemoveDuringSendsReleasesOnceAndSendsNothingAfter) {
         EXPECT_EQ("x", other.read_slowly(1));
         char extra;
         EXPECT_EQ(-1, ::recv(other.peer, &extra, 1, MSG_DONTWAIT)) << "round " << round << ": sent after remove()";
+        m.remove(c.ours);
     }
     m.uninit();
     EXPECT_EQ(queued, released.count);
