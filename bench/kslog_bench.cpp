@@ -8,9 +8,9 @@
 //    reader-lock pair.
 // Files live in $TMPDIR (page cache), so the disk itself is not measured; the baselines'
 // files sit next to the library's, with names of the same length, so that every path
-// lookup costs the same. Five runs; in each, every figure is the best of several rounds,
-// and the rounds of all measurements are taken in turns, so a burst of load on a shared
-// machine does not fall on one side of a ratio only. Medians and spreads of the runs.
+// lookup costs the same. Five runs; in each, the file writers take turns in short slices
+// and a ratio is the median of the slices' ratios, so a burst of load on a shared machine
+// does not fall on one side of a ratio only. Medians and spreads of the runs.
 #include <kslog.h>
 
 #include <fcntl.h>
@@ -33,6 +33,8 @@ using Clock = std::chrono::steady_clock;
 constexpr int kRuns = 5;
 constexpr int kRounds = 3;
 constexpr int kRecords = 20000;
+constexpr int kSlices = 400;
+constexpr int kSliceRecords = kRecords / kSlices;
 constexpr int kSuppressed = 5000000;
 constexpr uint64_t kRotateAt = 262144;
 
@@ -51,89 +53,110 @@ std::string sample_record() {
            "[kssetmgmt.cpp:412][handle_request()]: key /network/interfaces/config changed by client 7\n";
 }
 
-template <class Body>
-double rate(int count, Body body) {
-    const auto start = Clock::now();
-    for (int i = 0; i < count; ++i) body();
-    return count / seconds_since(start);
-}
-
 // The system calls the core makes per record, with nothing else: the same lock file
 // protocol, the same open/seek/close per record, one write of an encrypted block's size,
 // and the same rotation by renaming.
 // With `writer_calls`, also the three calls the encrypted writer makes per record on its
 // own (reading the file header, asking the position, asking the process id), which shows
 // how much of the gap is the core's.
-double floor_rate(const std::string& dir, size_t block_size, bool writer_calls) {
-    const std::string base = dir + (writer_calls ? "/kslog_bench.flrw." : "/kslog_bench.flor.");
-    const std::string current = base + "0";
-    const std::string previous = base + "1";
-    int lock_fd = ::open((base + "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    std::string block(block_size, 'b');
-    const double result = rate(kRecords, [&] {
+class FloorWriter {
+public:
+    FloorWriter(const std::string& dir, size_t block_size, bool writer_calls)
+        : base_(dir + (writer_calls ? "/kslog_bench.flrw." : "/kslog_bench.flor.")), current_(base_ + "0"),
+          previous_(base_ + "1"), block_(block_size, 'b'), writer_calls_(writer_calls),
+          lock_fd_(::open((base_ + "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {}
+    ~FloorWriter() { ::close(lock_fd_); }
+    void operator()() {
         struct flock lk = {};
         lk.l_type = F_WRLCK;
-        ::fcntl(lock_fd, F_SETLKW, &lk);
-        int fd = ::open(current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        ::fcntl(lock_fd_, F_SETLKW, &lk);
+        int fd = ::open(current_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         const off_t size = ::lseek(fd, 0, SEEK_END);
         if (static_cast<uint64_t>(size) >= kRotateAt) {
-            ::unlink(previous.c_str());
-            ::rename(current.c_str(), previous.c_str());
+            ::unlink(previous_.c_str());
+            ::rename(current_.c_str(), previous_.c_str());
             ::close(fd);
-            fd = ::open(current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+            fd = ::open(current_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         }
-        if (writer_calls) {
+        if (writer_calls_) {
             unsigned char header[32];
             if (::pread(fd, header, sizeof header, 0) < 0) std::perror("pread");
             ::lseek(fd, 0, SEEK_CUR);
             ::getpid();
         }
-        if (::write(fd, block.data(), block.size()) < 0) std::perror("write");
+        if (::write(fd, block_.data(), block_.size()) < 0) std::perror("write");
         ::close(fd);
         lk.l_type = F_UNLCK;
-        ::fcntl(lock_fd, F_SETLK, &lk);
-    });
-    ::close(lock_fd);
-    return result;
-}
+        ::fcntl(lock_fd_, F_SETLK, &lk);
+    }
+
+private:
+    const std::string base_, current_, previous_, block_;
+    const bool writer_calls_;
+    const int lock_fd_;
+};
 
 // The least a kept-open writer can do per record: lock, ask whether the path still names
 // the open file, write, unlock; and rotate by renaming, as the library does.
-double kept_open_rate(const std::string& dir, size_t block_size) {
-    const std::string base = dir + "/kslog_bench.kept.";
-    const std::string current = base + "0";
-    const std::string previous = base + "1";
-    int lock_fd = ::open((base + "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    int fd = ::open(current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    std::string block(block_size, 'b');
-    const double result = rate(kRecords, [&] {
+class KeptOpenWriter {
+public:
+    KeptOpenWriter(const std::string& dir, size_t block_size)
+        : base_(dir + "/kslog_bench.kept."), current_(base_ + "0"), previous_(base_ + "1"), block_(block_size, 'b'),
+          lock_fd_(::open((base_ + "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)),
+          fd_(::open(current_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {}
+    ~KeptOpenWriter() {
+        ::close(fd_);
+        ::close(lock_fd_);
+    }
+    void operator()() {
         struct flock lk = {};
         lk.l_type = F_WRLCK;
-        ::fcntl(lock_fd, F_SETLKW, &lk);
+        ::fcntl(lock_fd_, F_SETLKW, &lk);
         struct stat st;
-        if (::stat(current.c_str(), &st) != 0) std::perror("stat");
+        if (::stat(current_.c_str(), &st) != 0) std::perror("stat");
         if (static_cast<uint64_t>(st.st_size) >= kRotateAt) {
-            ::unlink(previous.c_str());
-            ::rename(current.c_str(), previous.c_str());
-            ::close(fd);
-            fd = ::open(current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+            ::unlink(previous_.c_str());
+            ::rename(current_.c_str(), previous_.c_str());
+            ::close(fd_);
+            fd_ = ::open(current_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         }
-        if (::write(fd, block.data(), block.size()) < 0) std::perror("write");
+        if (::write(fd_, block_.data(), block_.size()) < 0) std::perror("write");
         lk.l_type = F_UNLCK;
-        ::fcntl(lock_fd, F_SETLK, &lk);
-    });
-    ::close(fd);
-    ::close(lock_fd);
-    return result;
+        ::fcntl(lock_fd_, F_SETLK, &lk);
+    }
+
+private:
+    const std::string base_, current_, previous_, block_;
+    const int lock_fd_;
+    int fd_;
+};
+
+// The library, one record at a time, from a caller's buffer as a log statement fills it.
+class LibraryWriter {
+public:
+    explicit LibraryWriter(int channel) : channel_(channel), text_(sample_record()) {}
+    void operator()() {
+        std::memcpy(buffer_, text_.data(), text_.size());
+        kslog_log_full(channel_, KSLOG_LEVEL_INFO, buffer_, text_.size());
+    }
+
+private:
+    const int channel_;
+    const std::string text_;
+    char buffer_[4096];
+};
+
+// Seconds that `count` calls of `body` take.
+template <class Body>
+double time_of(int count, Body& body) {
+    const auto start = Clock::now();
+    for (int i = 0; i < count; ++i) body();
+    return seconds_since(start);
 }
 
-double library_rate(int channel, int level) {
-    const std::string text = sample_record();
-    char buffer[4096];
-    return rate(kRecords, [&] {
-        std::memcpy(buffer, text.data(), text.size());
-        kslog_log_full(channel, level, buffer, text.size());
-    });
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
 }
 
 template <class Body>
@@ -184,17 +207,32 @@ int main() {
     volatile int sink = 0;
     std::vector<double> files, to_floor, to_writer, to_kept, to_console, suppressed_ns, lock_ns;
     for (int run = 0; run < kRuns; ++run) {
-        double floor = 0, floor_writer = 0, kept_open = 0, file = 0, console = 0, lock_pair = 1e9, suppressed = 1e9;
+        // The writers take turns in short slices, and each ratio is the median of the
+        // slices' ratios: load that comes and goes hits both sides of a ratio alike.
+        FloorWriter floor_writer_open(dir, block, false), floor_writer_calls(dir, block, true);
+        KeptOpenWriter kept_writer(dir, block);
+        LibraryWriter library(file_channel);
+        std::vector<double> lib_times, vs_floor, vs_writer, vs_kept;
+        for (int slice = 0; slice < kSlices; ++slice) {
+            const double t_floor = time_of(kSliceRecords, floor_writer_open);
+            const double t_lib = time_of(kSliceRecords, library);
+            const double t_kept = time_of(kSliceRecords, kept_writer);
+            const double t_writer = time_of(kSliceRecords, floor_writer_calls);
+            lib_times.push_back(t_lib);
+            vs_floor.push_back(t_floor / t_lib);
+            vs_writer.push_back(t_writer / t_lib);
+            vs_kept.push_back(t_kept / t_lib);
+        }
+        const double file = kSliceRecords / median(lib_times);
+        const double floor = file / median(vs_floor), floor_writer = file / median(vs_writer),
+                     kept_open = file / median(vs_kept);
+        double console = 0, lock_pair = 1e9, suppressed = 1e9;
         for (int round = 0; round < kRounds; ++round) {
-            floor = std::max(floor, floor_rate(dir, block, false));
-            floor_writer = std::max(floor_writer, floor_rate(dir, block, true));
-            kept_open = std::max(kept_open, kept_open_rate(dir, block));
-            file = std::max(file, library_rate(file_channel, KSLOG_LEVEL_INFO));
-
             const int saved_stdout = ::dup(STDOUT_FILENO);
             const int null_fd = ::open("/dev/null", O_WRONLY);
             ::dup2(null_fd, STDOUT_FILENO);
-            console = std::max(console, library_rate(console_channel, KSLOG_LEVEL_INFO));
+            LibraryWriter to_console(console_channel);
+            console = std::max(console, kRecords / time_of(kRecords, to_console));
             ::dup2(saved_stdout, STDOUT_FILENO);
             ::close(null_fd);
             ::close(saved_stdout);
