@@ -165,12 +165,16 @@ bool TxQueueManager::add(int fd, TxBuffer buffer) {
         std::unique_ptr<TxQueue> refused;  // released after the map mutex
         TxBuffer last;
         map_lock.lock();
-        if (created) {
+        // An event the sending thread took before an earlier remove() of this number may
+        // still lead it to the queue: wait for that send, then take back what is left.
+        sent_.wait(map_lock, [this, fd] { return sending_fd_ != fd; });
+        found = queues_.find(fd);
+        if (found != queues_.end() && created) {
             refused = std::move(found->second);
             queues_.erase(found);
-        } else {
-            last = std::move(queue.buffers.back());
-            queue.buffers.pop_back();
+        } else if (found != queues_.end() && !found->second->buffers.empty()) {
+            last = std::move(found->second->buffers.back());
+            found->second->buffers.pop_back();
         }
         map_lock.unlock();
         return false;
