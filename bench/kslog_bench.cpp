@@ -255,7 +255,7 @@ int main() {
         to_console.push_back(file / console);
         suppressed_ns.push_back(suppressed);
         lock_ns.push_back(lock_pair);
-        std::printf("run %d: %7.0f records/s, library/kept-open %.2fx, library/floor %.2fx, suppressed %.1f ns\n",
+        std::printf("run %d: %7.0f records/s, library/kept-open %.3fx, library/floor %.3fx, suppressed %.1f ns\n",
                     run + 1, file, file / kept_open, file / floor, suppressed);
     }
 
