@@ -6,9 +6,11 @@
 //    pointed at /dev/null;
 //  - a suppressed record (can_log false) in nanoseconds, against one uncontended
 //    reader-lock pair.
-// Files live in $TMPDIR (page cache), so the disk itself is not measured. Each figure is
-// the best of several rounds, and the rounds of all measurements are taken in turns, so
-// a burst of load on a shared machine does not fall on one side of a ratio only.
+// Files live in $TMPDIR (page cache), so the disk itself is not measured; the baselines'
+// files sit next to the library's, with names of the same length, so that every path
+// lookup costs the same. Five runs; in each, the file writers take turns in short slices
+// and a ratio is the median of the slices' ratios, so a burst of load on a shared machine
+// does not fall on one side of a ratio only. Medians and spreads of the runs.
 #include <kslog.h>
 
 #include <fcntl.h>
@@ -22,13 +24,17 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kRounds = 7;
+constexpr int kRuns = 5;
+constexpr int kRounds = 3;
 constexpr int kRecords = 20000;
+constexpr int kSlices = 400;
+constexpr int kSliceRecords = kRecords / kSlices;
 constexpr int kSuppressed = 5000000;
 constexpr uint64_t kRotateAt = 262144;
 
@@ -47,83 +53,110 @@ std::string sample_record() {
            "[kssetmgmt.cpp:412][handle_request()]: key /network/interfaces/config changed by client 7\n";
 }
 
-template <class Body>
-double rate(int count, Body body) {
-    const auto start = Clock::now();
-    for (int i = 0; i < count; ++i) body();
-    return count / seconds_since(start);
-}
-
 // The system calls the core makes per record, with nothing else: the same lock file
 // protocol, the same open/seek/close per record, one write of an encrypted block's size,
 // and the same rotation by renaming.
 // With `writer_calls`, also the three calls the encrypted writer makes per record on its
 // own (reading the file header, asking the position, asking the process id), which shows
 // how much of the gap is the core's.
-double floor_rate(const std::string& dir, size_t block_size, bool writer_calls) {
-    const std::string base = dir + (writer_calls ? "/floorw." : "/floor.");
-    const std::string current = base + "0";
-    const std::string previous = base + "1";
-    int lock_fd = ::open((base + "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    std::string block(block_size, 'b');
-    const double result = rate(kRecords, [&] {
+class FloorWriter {
+public:
+    FloorWriter(const std::string& dir, size_t block_size, bool writer_calls)
+        : base_(dir + (writer_calls ? "/kslog_bench.flrw." : "/kslog_bench.flor.")), current_(base_ + "0"),
+          previous_(base_ + "1"), block_(block_size, 'b'), writer_calls_(writer_calls),
+          lock_fd_(::open((base_ + "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {}
+    ~FloorWriter() { ::close(lock_fd_); }
+    void operator()() {
         struct flock lk = {};
         lk.l_type = F_WRLCK;
-        ::fcntl(lock_fd, F_SETLKW, &lk);
-        int fd = ::open(current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        ::fcntl(lock_fd_, F_SETLKW, &lk);
+        int fd = ::open(current_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         const off_t size = ::lseek(fd, 0, SEEK_END);
         if (static_cast<uint64_t>(size) >= kRotateAt) {
-            ::unlink(previous.c_str());
-            ::rename(current.c_str(), previous.c_str());
+            ::unlink(previous_.c_str());
+            ::rename(current_.c_str(), previous_.c_str());
             ::close(fd);
-            fd = ::open(current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+            fd = ::open(current_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         }
-        if (writer_calls) {
+        if (writer_calls_) {
             unsigned char header[32];
             if (::pread(fd, header, sizeof header, 0) < 0) std::perror("pread");
             ::lseek(fd, 0, SEEK_CUR);
             ::getpid();
         }
-        if (::write(fd, block.data(), block.size()) < 0) std::perror("write");
+        if (::write(fd, block_.data(), block_.size()) < 0) std::perror("write");
         ::close(fd);
         lk.l_type = F_UNLCK;
-        ::fcntl(lock_fd, F_SETLK, &lk);
-    });
-    ::close(lock_fd);
-    return result;
-}
+        ::fcntl(lock_fd_, F_SETLK, &lk);
+    }
+
+private:
+    const std::string base_, current_, previous_, block_;
+    const bool writer_calls_;
+    const int lock_fd_;
+};
 
 // The least a kept-open writer can do per record: lock, ask whether the path still names
-// the open file, write, unlock.
-double kept_open_rate(const std::string& dir, size_t block_size) {
-    const std::string base = dir + "/kept.";
-    const std::string current = base + "0";
-    int lock_fd = ::open((base + "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    int fd = ::open(current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    std::string block(block_size, 'b');
-    const double result = rate(kRecords, [&] {
+// the open file, write, unlock; and rotate by renaming, as the library does.
+class KeptOpenWriter {
+public:
+    KeptOpenWriter(const std::string& dir, size_t block_size)
+        : base_(dir + "/kslog_bench.kept."), current_(base_ + "0"), previous_(base_ + "1"), block_(block_size, 'b'),
+          lock_fd_(::open((base_ + "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)),
+          fd_(::open(current_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)) {}
+    ~KeptOpenWriter() {
+        ::close(fd_);
+        ::close(lock_fd_);
+    }
+    void operator()() {
         struct flock lk = {};
         lk.l_type = F_WRLCK;
-        ::fcntl(lock_fd, F_SETLKW, &lk);
+        ::fcntl(lock_fd_, F_SETLKW, &lk);
         struct stat st;
-        if (::stat(current.c_str(), &st) != 0) std::perror("stat");
-        if (static_cast<uint64_t>(st.st_size) >= kRotateAt && ::ftruncate(fd, 0) == 0) ::lseek(fd, 0, SEEK_SET);
-        if (::write(fd, block.data(), block.size()) < 0) std::perror("write");
+        if (::stat(current_.c_str(), &st) != 0) std::perror("stat");
+        if (static_cast<uint64_t>(st.st_size) >= kRotateAt) {
+            ::unlink(previous_.c_str());
+            ::rename(current_.c_str(), previous_.c_str());
+            ::close(fd_);
+            fd_ = ::open(current_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        }
+        if (::write(fd_, block_.data(), block_.size()) < 0) std::perror("write");
         lk.l_type = F_UNLCK;
-        ::fcntl(lock_fd, F_SETLK, &lk);
-    });
-    ::close(fd);
-    ::close(lock_fd);
-    return result;
+        ::fcntl(lock_fd_, F_SETLK, &lk);
+    }
+
+private:
+    const std::string base_, current_, previous_, block_;
+    const int lock_fd_;
+    int fd_;
+};
+
+// The library, one record at a time, from a caller's buffer as a log statement fills it.
+class LibraryWriter {
+public:
+    explicit LibraryWriter(int channel) : channel_(channel), text_(sample_record()) {}
+    void operator()() {
+        std::memcpy(buffer_, text_.data(), text_.size());
+        kslog_log_full(channel_, KSLOG_LEVEL_INFO, buffer_, text_.size());
+    }
+
+private:
+    const int channel_;
+    const std::string text_;
+    char buffer_[4096];
+};
+
+// Seconds that `count` calls of `body` take.
+template <class Body>
+double time_of(int count, Body& body) {
+    const auto start = Clock::now();
+    for (int i = 0; i < count; ++i) body();
+    return seconds_since(start);
 }
 
-double library_rate(int channel, int level) {
-    const std::string text = sample_record();
-    char buffer[4096];
-    return rate(kRecords, [&] {
-        std::memcpy(buffer, text.data(), text.size());
-        kslog_log_full(channel, level, buffer, text.size());
-    });
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
 }
 
 template <class Body>
@@ -131,6 +164,11 @@ double nanoseconds_per(long count, const Body& body) {
     const auto start = Clock::now();
     body(count);
     return seconds_since(start) * 1e9 / static_cast<double>(count);
+}
+
+void print_spread(const char* what, std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    std::printf("  %-38s %10.2f  [%.2f - %.2f]\n", what, v[v.size() / 2], v.front(), v.back());
 }
 
 bool configure(const std::string& json) {
@@ -164,46 +202,71 @@ int main() {
     // An encrypted block of the sample record: 5 bytes of type and length, then the
     // record padded to the next multiple of 16.
     const size_t block = 5 + (sample_record().size() / 16 + 1) * 16;
-    double floor = 0, floor_writer = 0, kept_open = 0, file = 0, console = 0, lock_pair = 1e9, suppressed = 1e9;
+    const std::string dir = root + "/var/log";
     pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
     volatile int sink = 0;
-    for (int round = 0; round < kRounds; ++round) {
-        floor = std::max(floor, floor_rate(root, block, false));
-        floor_writer = std::max(floor_writer, floor_rate(root, block, true));
-        kept_open = std::max(kept_open, kept_open_rate(root, block));
-        file = std::max(file, library_rate(file_channel, KSLOG_LEVEL_INFO));
+    std::vector<double> files, to_floor, to_writer, to_kept, to_console, suppressed_ns, lock_ns;
+    for (int run = 0; run < kRuns; ++run) {
+        // The writers take turns in short slices, and each ratio is the median of the
+        // slices' ratios: load that comes and goes hits both sides of a ratio alike.
+        FloorWriter floor_writer_open(dir, block, false), floor_writer_calls(dir, block, true);
+        KeptOpenWriter kept_writer(dir, block);
+        LibraryWriter library(file_channel);
+        std::vector<double> lib_times, vs_floor, vs_writer, vs_kept;
+        for (int slice = 0; slice < kSlices; ++slice) {
+            const double t_floor = time_of(kSliceRecords, floor_writer_open);
+            const double t_lib = time_of(kSliceRecords, library);
+            const double t_kept = time_of(kSliceRecords, kept_writer);
+            const double t_writer = time_of(kSliceRecords, floor_writer_calls);
+            lib_times.push_back(t_lib);
+            vs_floor.push_back(t_floor / t_lib);
+            vs_writer.push_back(t_writer / t_lib);
+            vs_kept.push_back(t_kept / t_lib);
+        }
+        const double file = kSliceRecords / median(lib_times);
+        const double floor = file / median(vs_floor), floor_writer = file / median(vs_writer),
+                     kept_open = file / median(vs_kept);
+        double console = 0, lock_pair = 1e9, suppressed = 1e9;
+        for (int round = 0; round < kRounds; ++round) {
+            const int saved_stdout = ::dup(STDOUT_FILENO);
+            const int null_fd = ::open("/dev/null", O_WRONLY);
+            ::dup2(null_fd, STDOUT_FILENO);
+            LibraryWriter to_console(console_channel);
+            console = std::max(console, kRecords / time_of(kRecords, to_console));
+            ::dup2(saved_stdout, STDOUT_FILENO);
+            ::close(null_fd);
+            ::close(saved_stdout);
 
-        const int saved_stdout = ::dup(STDOUT_FILENO);
-        const int null_fd = ::open("/dev/null", O_WRONLY);
-        ::dup2(null_fd, STDOUT_FILENO);
-        console = std::max(console, library_rate(console_channel, KSLOG_LEVEL_INFO));
-        ::dup2(saved_stdout, STDOUT_FILENO);
-        ::close(null_fd);
-        ::close(saved_stdout);
-
-        lock_pair = std::min(lock_pair, nanoseconds_per(kSuppressed, [&lock](long n) {
-            for (long i = 0; i < n; ++i) {
-                pthread_rwlock_rdlock(&lock);
-                asm volatile("" ::: "memory");
-                pthread_rwlock_unlock(&lock);
-            }
-        }));
-        suppressed = std::min(suppressed, nanoseconds_per(kSuppressed, [&sink, quiet_channel](long n) {
-            for (long i = 0; i < n; ++i) sink = sink + kslog_can_log(quiet_channel, KSLOG_LEVEL_DEBUG);
-        }));
+            lock_pair = std::min(lock_pair, nanoseconds_per(kSuppressed, [&lock](long n) {
+                for (long i = 0; i < n; ++i) {
+                    pthread_rwlock_rdlock(&lock);
+                    asm volatile("" ::: "memory");
+                    pthread_rwlock_unlock(&lock);
+                }
+            }));
+            suppressed = std::min(suppressed, nanoseconds_per(kSuppressed, [&sink, quiet_channel](long n) {
+                for (long i = 0; i < n; ++i) sink = sink + kslog_can_log(quiet_channel, KSLOG_LEVEL_DEBUG);
+            }));
+        }
+        files.push_back(file);
+        to_floor.push_back(file / floor);
+        to_writer.push_back(file / floor_writer);
+        to_kept.push_back(file / kept_open);
+        to_console.push_back(file / console);
+        suppressed_ns.push_back(suppressed);
+        lock_ns.push_back(lock_pair);
+        std::printf("run %d: %7.0f records/s, library/kept-open %.3fx, library/floor %.3fx, suppressed %.1f ns\n",
+                    run + 1, file, file / kept_open, file / floor, suppressed);
     }
 
-    std::printf("encrypted file output : %10.0f records/s\n", file);
-    std::printf("  floor (open per record): %8.0f records/s   library/floor     = %5.2f x  (goal >= 1.8)\n", floor,
-                file / floor);
-    std::printf("  floor + writer's calls: %9.0f records/s   library/that      = %5.2f x\n", floor_writer,
-                file / floor_writer);
-    std::printf("  bare kept-open writer: %10.0f records/s   library/kept-open = %5.2f x\n", kept_open,
-                file / kept_open);
-    std::printf("  :stdout to /dev/null : %10.0f records/s   file/console      = %5.2f x\n", console, file / console);
-    std::printf("suppressed record     : %10.1f ns          (goal <= 3 ns)\n", suppressed);
-    std::printf("  reader-lock pair     : %10.1f ns          suppressed/lock   = %5.2f x\n", lock_pair,
-                suppressed / lock_pair);
+    std::printf("%d runs, median [min - max]:\n", kRuns);
+    print_spread("encrypted file output, records/s", files);
+    print_spread("library/floor (open per record)", to_floor);
+    print_spread("library/floor + writer's calls", to_writer);
+    print_spread("library/kept-open (goal >= 0.95)", to_kept);
+    print_spread("file/console (:stdout to /dev/null)", to_console);
+    print_spread("suppressed record, ns (goal <= 3)", suppressed_ns);
+    print_spread("reader-lock pair, ns", lock_ns);
 
     kslog_uninit();
     std::system(("rm -rf '" + root + "'").c_str());

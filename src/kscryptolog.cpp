@@ -473,31 +473,38 @@ ssize_t crypto_log_writer_encrypt_at(crypto_log_writer* writer, int fd, const ch
     }
     if (header_ours) *header_ours = ours;
 
-    unsigned char ciphertext[kMaxCiphertext];
+    // The record is encrypted straight into its place in one buffer that holds the key
+    // block (when it goes too) and the record block, so they reach the file in one write.
+    unsigned char blocks[kBlockHead + RSA_BLOCK_SIZE + kBlockHead + kMaxCiphertext];
+    unsigned char* const key_block = blocks;
+    unsigned char* const record_block = blocks + kBlockHead + RSA_BLOCK_SIZE;
+    unsigned char* const ciphertext = record_block + kBlockHead;
     unsigned char iv[AES_IV_SIZE] = {};  // every record starts from a zero IV
     size_t size = 0;
     if (aes_encrypt_no_alloc(reinterpret_cast<const unsigned char*>(record), length, &writer->aes, iv, ciphertext,
-                             sizeof ciphertext, &size) != 0 ||
+                             kMaxCiphertext, &size) != 0 ||
         size == 0)
         return -1;
+    record_block[0] = kRecordBlock;
+    put_u32(record_block + 1, static_cast<uint32_t>(size));
 
-    int rc;
-    bool with_key = true;
-    if (!ours) {
-        // Another process wrote the last key block. The header names us before our key block
-        // goes in: should we die between the two, or in the middle of the block, the next
-        // writer meets a process id that is not its own and puts its key in front of its
-        // record, so no record ever follows a key other than its own. (The other order, block
-        // first, lets the previous writer append under our key after our death.)
-        if (crypto_log_layout_write_header(fd) != 0) return -1;
-        rc = crypto_log_writer_write_with_key(writer, fd, ciphertext, size);
-    } else if (!writer->key_is_new && position > static_cast<off_t>(CRYPTO_LOG_HEADER_SIZE)) {
-        with_key = false;
-        rc = crypto_log_writer_write_without_key(writer, fd, ciphertext, size);
-    } else {
-        rc = crypto_log_writer_write_with_key(writer, fd, ciphertext, size);
+    // Another process wrote the last key block (!ours), or this file has none of ours yet.
+    const bool with_key = !ours || writer->key_is_new || position <= static_cast<off_t>(CRYPTO_LOG_HEADER_SIZE);
+    // The header names us before our key block goes in: should we die between the two, or
+    // in the middle of the block, the next writer meets a process id that is not its own
+    // and puts its key in front of its record, so no record ever follows a key other than
+    // its own. (The other order, block first, lets the previous writer append under our
+    // key after our death.)
+    if (!ours && crypto_log_layout_write_header(fd) != 0) return -1;
+    if (with_key) {
+        key_block[0] = kKeyBlock;
+        put_u32(key_block + 1, RSA_BLOCK_SIZE);
+        std::memcpy(key_block + kBlockHead, writer->wrapped_key, RSA_BLOCK_SIZE);
     }
-    if (rc != 0) {
+    unsigned char* const start = with_key ? key_block : record_block;
+    const struct iovec all = {start, static_cast<size_t>(ciphertext + size - start)};
+    if (writev_all(fd, &all, 1) < 0) {
+        ks::_get_kserrno().set(ks::E_SYSTEM, "cannot append to the log file");
         // The header may name us while the file's last key block is another's, or a block
         // of ours may be left torn (when even taking it back failed). Either way the next
         // record, ours or another process's, must bring its own key: the header names no

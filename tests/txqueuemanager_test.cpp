@@ -183,3 +183,44 @@ TEST(TxQueueManager, PeerClosingMidStreamReleasesWithoutSigpipeOrLeak) {
 }
 
 }  // namespace
+
+namespace {
+
+// remove() while the sending thread is in the middle of the socket's buffers: each is
+// released once, and once remove() returns nothing more goes to that descriptor number,
+// which the caller may then reuse for another socket.
+TEST(TxQueueManager, RemoveDuringSendsReleasesOnceAndSendsNothingAfter) {
+    Releases released;
+    const std::string bytes = pattern(256 << 10, 'r'), note = "x";
+    ks::TxQueueManager m;
+    ASSERT_TRUE(m.init());
+    int queued = 0;
+    for (int round = 0; round < 40; ++round) {
+        Connection c(false), other(false);
+        const int large = 1 << 20;  // long sends: remove() is likely to land in one
+        ::setsockopt(c.ours, SOL_SOCKET, SO_SNDBUF, &large, sizeof large);
+        std::atomic<bool> stop{false};
+        std::thread reader([&] {
+            char sink[65536];
+            while (!stop && ::recv(c.peer, sink, sizeof sink, 0) > 0) {
+            }
+        });
+        for (int i = 0; i < 16; ++i, ++queued) ASSERT_TRUE(m.add(c.ours, released.buffer(bytes)));
+        std::this_thread::sleep_for(std::chrono::microseconds(20 * round));
+        m.remove(c.ours);
+        ::dup2(other.ours, c.ours);  // the number now names another socket
+        stop = true;
+        ::shutdown(c.peer, SHUT_RDWR);
+        reader.join();
+        ASSERT_TRUE(m.add(c.ours, released.buffer(note)));
+        ++queued;
+        EXPECT_EQ("x", other.read_slowly(1));
+        char extra;
+        EXPECT_EQ(-1, ::recv(other.peer, &extra, 1, MSG_DONTWAIT)) << "round " << round << ": sent after remove()";
+        m.remove(c.ours);
+    }
+    m.uninit();
+    EXPECT_EQ(queued, released.count);
+}
+
+}  // namespace

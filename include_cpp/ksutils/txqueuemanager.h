@@ -12,6 +12,7 @@
 #include <ksexport.h>
 #include <ksutils/unique_fd.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -96,7 +97,10 @@ public:
     bool running() const noexcept { return running_; }
 
 private:
-    void drop(int fd);  // with the map mutex held
+    std::unique_ptr<TxQueue> drop(int fd);  // with the map mutex held
+    bool send_front(int fd, uint32_t events);
+    bool watch(int fd);
+    void leave_epoll(int fd);
 
     std::mutex mutex_;
     bool running_ = false;
@@ -105,6 +109,10 @@ private:
     std::mutex map_mutex_;
     std::unordered_map<int, std::unique_ptr<TxQueue>> queues_;
     std::future<bool> task_;
+    // The socket the sending thread is sending to outside the map mutex (-1: none);
+    // remove() waits on `sent_` until it is another one.
+    int sending_fd_ = -1;
+    std::condition_variable sent_;
 };
 
 }  // namespace ks

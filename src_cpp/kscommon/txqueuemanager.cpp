@@ -1,10 +1,13 @@
 // The sending thread and its per-socket queues.
 //
 // Two locks: the manager mutex (init, uninit, add, remove) and the map mutex (add, remove,
-// and the sending thread for each event); when both are held the manager mutex comes first.
-// Each queue has its own mutex, so add() from any thread and the sending thread can work on
-// one queue at once. Queues are owned with the default deleter: they hold C++ objects that
-// must be destroyed, not only freed.
+// and the sending thread around each send); when both are held the manager mutex comes
+// first. The sending thread holds the map mutex only to find a queue's front buffer and to
+// retire it, never across the send itself or a release callback, so add() from an event
+// loop never waits for a socket. The front buffer stays in its queue while it is being sent
+// (a deque keeps its elements in place when others are appended), and remove() waits for
+// that send to end before destroying the queue. Queues are owned with the default deleter:
+// they hold C++ objects that must be destroyed, not only freed.
 #include <ksutils/error.h>
 #include <ksutils/kslog.h>
 #include <ksutils/txqueuemanager.h>
@@ -136,7 +139,7 @@ bool TxQueueManager::add(int fd, TxBuffer buffer) {
         _get_kserrno().set(E_INVAL, "cannot queue for socket {:d}", fd);
         return false;
     }
-    std::lock_guard<std::mutex> map_lock(map_mutex_);
+    std::unique_lock<std::mutex> map_lock(map_mutex_);
     auto found = queues_.find(fd);
     const bool created = found == queues_.end();
     if (created) {
@@ -147,30 +150,63 @@ bool TxQueueManager::add(int fd, TxBuffer buffer) {
         }
         found = queues_.emplace(fd, std::move(queue)).first;
     }
-    found->second->push(std::move(buffer));
-    epoll_event ev{};
-    ev.events = EPOLLOUT;
-    ev.data.fd = fd;
-    if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &ev) != 0 && errno != EEXIST) {
-        // Not a descriptor epoll can watch: the buffer would never go.
+    TxQueue& queue = *found->second;
+    // Buffers are taken off a queue only under the map mutex and its socket leaves the epoll
+    // set when the last one goes, so only an idle queue needs registering; the sending thread
+    // registers it again itself if it is still taking it out of the set.
+    const bool idle = queue.buffers.empty() && sending_fd_ != fd;
+    queue.push(std::move(buffer));
+    map_lock.unlock();
+    if (!idle) return true;
+    // Outside the map mutex: an unwatched socket gets no events, so the sending thread
+    // cannot reach it, and the manager mutex keeps out every other add() and remove().
+    if (!watch(fd)) {
         _get_kserrno().set(E_INVAL, "cannot watch socket {:d}", fd);
-        if (created) queues_.erase(found);
-        else found->second->buffers.pop_back();
+        std::unique_ptr<TxQueue> refused;  // released after the map mutex
+        TxBuffer last;
+        map_lock.lock();
+        // An event the sending thread took before an earlier remove() of this number may
+        // still lead it to the queue: wait for that send, then take back what is left.
+        sent_.wait(map_lock, [this, fd] { return sending_fd_ != fd; });
+        found = queues_.find(fd);
+        if (found != queues_.end() && created) {
+            refused = std::move(found->second);
+            queues_.erase(found);
+        } else if (found != queues_.end() && !found->second->buffers.empty()) {
+            last = std::move(found->second->buffers.back());
+            found->second->buffers.pop_back();
+        }
+        map_lock.unlock();
         return false;
     }
     return true;
 }
 
-void TxQueueManager::remove(int fd) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (!running_) return;
-    std::lock_guard<std::mutex> map_lock(map_mutex_);
-    drop(fd);
+bool TxQueueManager::watch(int fd) {
+    epoll_event ev{};
+    ev.events = EPOLLOUT;
+    ev.data.fd = fd;
+    return ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &ev) == 0 || errno == EEXIST;
 }
 
-void TxQueueManager::drop(int fd) {
+void TxQueueManager::remove(int fd) {
+    std::unique_ptr<TxQueue> dropped;  // released last, after both locks
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!running_) return;
+    std::unique_lock<std::mutex> map_lock(map_mutex_);
+    // The caller may close `fd` once this returns: no send to it may still be under way.
+    sent_.wait(map_lock, [this, fd] { return sending_fd_ != fd; });
+    dropped = drop(fd);
+}
+
+std::unique_ptr<TxQueueManager::TxQueue> TxQueueManager::drop(int fd) {
     ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
-    queues_.erase(fd);
+    std::unique_ptr<TxQueue> queue;
+    const auto found = queues_.find(fd);
+    if (found == queues_.end()) return queue;
+    queue = std::move(found->second);
+    queues_.erase(found);
+    return queue;
 }
 
 bool TxQueueManager::run_task() {
@@ -188,26 +224,79 @@ bool TxQueueManager::run_task() {
         if (n == 0) continue;
         const int fd = ready.data.fd;
         if (fd == stop_read_.get()) return true;
-        std::lock_guard<std::mutex> map_lock(map_mutex_);
-        const auto found = queues_.find(fd);
-        if (found == queues_.end()) {
-            ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
-            continue;
+        if (!send_front(fd, ready.events)) {
+            // The peer is gone: release what cannot be sent instead of spinning on the socket.
+            KSLOG_WARN(kChannel, "dropping the Tx queue of socket {:d}: the peer is gone", fd);
         }
-        bool broken = ready.events & (EPOLLERR | EPOLLHUP);
-        if (!broken) {
-            _get_kserrno().set(E_OK);
-            if (!found->second->send(fd)) {
-                ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);  // queue empty
-                continue;
-            }
-            broken = _get_kserrno().code == E_FAULT && !is_transient(errno);
-            if (!broken) continue;
-        }
-        // The peer is gone: release what cannot be sent instead of spinning on the socket.
-        KSLOG_WARN(kChannel, "dropping the Tx queue of socket {:d}: the peer is gone", fd);
-        drop(fd);
     }
+}
+
+// One event of `fd`: sends from its front buffer, and on to the next one as long as each
+// goes completely (the socket has room, and an epoll wake-up per buffer would be wasted).
+// False when the peer is gone and the queue was dropped. Finished buffers and dropped
+// queues are destroyed (their release callbacks run) after the map mutex is released.
+bool TxQueueManager::send_front(int fd, uint32_t events) {
+    for (bool more = true; more;) {
+        std::unique_ptr<TxQueue> dropped;
+        TxBuffer* front = nullptr;
+        {
+            std::lock_guard<std::mutex> map_lock(map_mutex_);
+            const auto found = queues_.find(fd);
+            if (found == queues_.end()) {
+                ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+                return true;
+            }
+            if (events & (EPOLLERR | EPOLLHUP)) {
+                dropped = drop(fd);
+                return false;
+            }
+            TxQueue& queue = *found->second;
+            if (queue.buffers.empty()) {
+                ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+                return true;
+            }
+            front = &queue.buffers.front();
+            sending_fd_ = fd;
+        }
+        const size_t before = front->sent();
+        const bool done = front->send(fd);
+        // A send that moved nothing failed; errno tells whether to try again at the next event.
+        const bool broken = !done && front->sent() == before && !is_transient(errno);
+        TxBuffer finished;
+        bool leave = false;  // the queue is empty: the socket leaves the epoll set
+        {
+            std::lock_guard<std::mutex> map_lock(map_mutex_);
+            TxQueue& queue = *queues_.find(fd)->second;  // remove() waited for this send
+            if (broken) {
+                dropped = drop(fd);
+            } else if (done) {
+                std::lock_guard<std::mutex> queue_lock(queue.mutex);
+                finished = std::move(queue.buffers.front());
+                queue.buffers.pop_front();
+                leave = queue.buffers.empty();
+            }
+            more = done && !leave;
+            if (!leave) sending_fd_ = -1;
+        }
+        if (leave) leave_epoll(fd);
+        sent_.notify_all();
+        if (broken) return false;
+    }
+    return true;
+}
+
+// Takes an emptied queue's socket out of the epoll set without holding the map mutex
+// across the system call; an add() meanwhile sees `sending_fd_` and leaves the socket to
+// this thread, so it is registered again here if the queue filled up in between.
+void TxQueueManager::leave_epoll(int fd) {
+    ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+    std::unique_lock<std::mutex> map_lock(map_mutex_);
+    if (!queues_.find(fd)->second->buffers.empty()) {
+        map_lock.unlock();
+        watch(fd);
+        map_lock.lock();
+    }
+    sending_fd_ = -1;
 }
 
 }  // namespace ks
