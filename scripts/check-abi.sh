@@ -30,6 +30,9 @@ dump() {  # output file
 if [ $update = 1 ]; then
   dump "$baseline"
   echo "check-abi: wrote $baseline ($(du -k "$baseline" | cut -f1) KiB); commit it with the change"
+  for old in abi/*.abi; do
+    [ "$old" = "$baseline" ] || echo "the SONAME changed: remove the old baseline with git rm $old"
+  done
   exit 0
 fi
 
