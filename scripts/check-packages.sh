@@ -121,7 +121,7 @@ do_amd64() {
   [ "$(id -u)" = 0 ] || fail "the isolated install needs root (mount namespace and chroot)"
   local debs=()
   for pkg in "${packages[@]}"; do debs+=("$(deb_of "$pkg" amd64)"); done
-  unshare --mount --propagation private "$0" --in-namespace "${debs[@]}" || fail "isolated install"
+  unshare --mount --propagation private "$root/scripts/check-packages.sh" --in-namespace "${debs[@]}" || fail "isolated install"
   # The install happened in the overlay only.
   if dpkg-query -W libksutils1 >/dev/null 2>&1 || [ -e /usr/bin/kssetter ]; then
     fail "the machine's own system now has ksutils installed"
