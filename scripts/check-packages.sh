@@ -96,6 +96,7 @@ check_metadata() {  # arch
   for obj in "$x$lib/libksutils.so.$version" "${tools[@]/#/$x/usr/bin/}"; do
     file -b "$obj" | grep -q "ELF 64-bit LSB .*, $machine," || fail "$obj is not a $arch ELF object"
     file -b "$obj" | grep -q ", stripped" || fail "$obj is not stripped"
+    ! readelf -d "$obj" | grep -Eq '\((RUNPATH|RPATH)\)' || fail "$obj keeps a library search path"
   done
   rm -rf "$x"
 }

@@ -39,6 +39,12 @@ tools=(kssetter kssetmgmt kslogreader)
 # Neither setting changes what is compiled, so an existing tree is not rebuilt.
 cmake -S "$root" -B "$build" "${cmake_args[@]}" \
   -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$triplet" >/dev/null
+# The cross build's test run (scripts/test-aarch64.sh) leaves scripts that start the programs
+# through qemu in their place; those go, so that the programs are linked again and installed
+# (the test run puts its scripts back).
+for t in "${tools[@]}"; do
+  if [ -f "$build/tools/$t" ] && ! head -c 4 "$build/tools/$t" | grep -q ELF; then rm "$build/tools/$t"; fi
+done
 cmake --build "$build" -j "$(nproc)" --target ksutils "${tools[@]}"
 
 version=$(sed -n 's/^project(ksutils VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
@@ -61,14 +67,6 @@ mkdir -p "$deb"
 cp packaging/control packaging/changelog "$deb/"
 DESTDIR="$deb/tmp" cmake --install "$build" --prefix /usr >/dev/null
 staged=$deb/tmp/usr
-
-# The cross build's test run moved its programs to tools/aarch64/ and left scripts that start
-# them through qemu in their place; ship the programs.
-for t in "${tools[@]}"; do
-  if ! head -c 4 "$staged/bin/$t" | grep -q ELF; then
-    install -m 0755 "$build/tools/aarch64/$t" "$staged/bin/$t"
-  fi
-done
 
 # Debian ships stripped objects (the debug information stays in the build tree).
 "$triplet-strip" --strip-unneeded --remove-section=.comment --remove-section=.note \
