@@ -35,18 +35,6 @@ build=$(realpath "$build")
 triplet=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
 tools=(kssetter kssetmgmt kslogreader)
 
-# The packages install under /usr with the multiarch library folder, as Debian's own do.
-# Neither setting changes what is compiled, so an existing tree is not rebuilt.
-cmake -S "$root" -B "$build" "${cmake_args[@]}" \
-  -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$triplet" >/dev/null
-# The cross build's test run (scripts/test-aarch64.sh) leaves scripts that start the programs
-# through qemu in their place; those go, so that the programs are linked again and installed
-# (the test run puts its scripts back).
-for t in "${tools[@]}"; do
-  if [ -f "$build/tools/$t" ] && ! head -c 4 "$build/tools/$t" | grep -q ELF; then rm "$build/tools/$t"; fi
-done
-cmake --build "$build" -j "$(nproc)" --target ksutils "${tools[@]}"
-
 version=$(sed -n 's/^project(ksutils VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 debversion=$(dpkg-parsechangelog -l packaging/changelog -SVersion)
 if [ "${debversion%-*}" != "$version" ]; then
@@ -61,6 +49,25 @@ fi
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+# The API reference: built with every warning an error, or reused from a run of docs.sh.
+if [ -z "$docs" ]; then
+  "$root/scripts/docs.sh" "$work/docs" >/dev/null
+  docs=$work/docs/html
+fi
+[ -f "$docs/index.html" ] || { echo "no API reference in $docs" >&2; exit 1; }
+
+# The packages install under /usr with the multiarch library folder, as Debian's own do.
+# Neither setting changes what is compiled, so an existing tree is not rebuilt.
+cmake -S "$root" -B "$build" "${cmake_args[@]}" \
+  -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$triplet" >/dev/null
+# The cross build's test run (scripts/test-aarch64.sh) leaves scripts that start the programs
+# through qemu in their place; those go, so that the programs are linked again and installed
+# (the test run puts its scripts back).
+for t in "${tools[@]}"; do
+  if [ -f "$build/tools/$t" ] && ! head -c 4 "$build/tools/$t" | grep -q ELF; then rm "$build/tools/$t"; fi
+done
+cmake --build "$build" -j "$(nproc)" --target ksutils "${tools[@]}"
+
 umask 022
 deb=$work/debian   # dpkg-gencontrol and dpkg-shlibdeps expect a debian/ folder
 mkdir -p "$deb"
@@ -93,12 +100,6 @@ for pkg in libksutils1 libksutils-dev ksutils-tools; do
   install -D -m 0644 "packaging/lintian/$pkg" "$deb/$pkg/usr/share/lintian/overrides/$pkg"
 done
 
-# The API reference: built with every warning an error, or reused from a run of docs.sh.
-if [ -z "$docs" ]; then
-  "$root/scripts/docs.sh" "$work/docs" >/dev/null
-  docs=$work/docs/html
-fi
-[ -f "$docs/index.html" ] || { echo "no API reference in $docs" >&2; exit 1; }
 mkdir -p "$deb/libksutils-dev/usr/share/doc/libksutils-dev"
 cp -r "$docs" "$deb/libksutils-dev/usr/share/doc/libksutils-dev/html"
 
