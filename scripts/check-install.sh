@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Installs a built tree into a temporary prefix and builds a tiny consumer against it,
-# once through pkg-config and once through find_package(ksutils), then runs both.
+# Installs a built tree into a temporary prefix, checks the exported symbols, and builds the
+# consumer (scripts/consumer/) against it, once through pkg-config and once through
+# find_package(ksutils), then runs both.
 set -euo pipefail
 build=${1:?usage: check-install.sh BUILD_DIR}
 prefix=$(mktemp -d)
-work=$(mktemp -d)
-trap 'rm -rf "$prefix" "$work"' EXIT
+trap 'rm -rf "$prefix"' EXIT
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 
@@ -22,34 +22,5 @@ stray=$(nm -D --defined-only "$lib" | awk '{print $3}' | c++filt | grep -v -E \
   '^(ks::|(typeinfo|typeinfo name|vtable|VTT|guard variable|TLS init function|TLS wrapper function) for ks::|(non-)?virtual thunk to ks::|(kslog|kschlog|crypto|aes|rsa|kscrypto|kspath|plock)_|get_userhome$|kslib_atfork$|ksfork$|writev?_all$|[A-Za-z]+_py_wrapper$)' || true)
 if [ -n "$stray" ]; then echo "unexpected exports:"; echo "$stray" | head -n 20; exit 1; fi
 
-cat >"$work/consumer.cpp" <<'CPP'
-#include <ksutils/error.h>
-#include <ksutils/path.h>
-#include <kspath.h>
-#include <cstdio>
-int main() {
-    kspath_set_install_path("/srv/ks");
-    ks::path p(ks::common_path::log_config, "x.json");
-    ks::_get_kserrno().set(ks::E_INVAL);
-    std::printf("%s %s\n", p.c_str(), ks::_get_kserrno().name.c_str());
-    return p.view() == "/srv/ks/etc/logging/x.json" ? 0 : 1;
-}
-CPP
-
-export PKG_CONFIG_PATH="$prefix/lib/pkgconfig:$prefix/lib/$(gcc -print-multiarch)/pkgconfig"
-# shellcheck disable=SC2046
-g++ -std=c++17 -Wall -Wextra -Werror "$work/consumer.cpp" -o "$work/consumer-pc" $(pkg-config --cflags --libs ksutils)
-LD_LIBRARY_PATH="$prefix/lib:$prefix/lib/$(gcc -print-multiarch)" "$work/consumer-pc"
-
-cat >"$work/CMakeLists.txt" <<'CMAKE'
-cmake_minimum_required(VERSION 3.20)
-project(consumer CXX)
-set(CMAKE_CXX_STANDARD 17)
-find_package(ksutils REQUIRED)
-add_executable(consumer-cmake consumer.cpp)
-target_link_libraries(consumer-cmake PRIVATE ksutils::ksutils)
-CMAKE
-cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$work/build" >/dev/null
-"$work/build/consumer-cmake"
+"$(dirname "$0")/consumer/check.sh" --prefix "$prefix"
 echo "install check: pkg-config and find_package consumers built and ran"

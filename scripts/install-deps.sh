@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages needed to build, test and benchmark ksutils.
+# Installs the Debian 12 packages needed to build, test, benchmark, document and package ksutils.
 # Idempotent: packages already present are skipped by apt-get.
 # With --aarch64 it also installs the cross toolchain, the arm64 -dev packages of the
 # library's dependencies and qemu-user, for scripts/test-aarch64.sh.
@@ -16,6 +16,9 @@ packages=(
   libuv1-dev redis-server redis-tools
   # fuzzing (scripts/fuzz.sh): clang with libFuzzer and the sanitizer runtimes
   clang libclang-rt-14-dev
+  # API reference, Debian packages and their checks, the ABI guard (scripts/docs.sh,
+  # package.sh, check-packages.sh, check-abi.sh)
+  doxygen help2man dpkg-dev lintian file abigail-tools
 )
 
 SUDO=""

@@ -2,7 +2,10 @@
 # Builds ksutils and runs the whole test suite: in a normal build, under AddressSanitizer +
 # UndefinedBehaviorSanitizer, the threaded modules under ThreadSanitizer, and the whole suite
 # again cross-built for aarch64 under qemu-user; runs every fuzz target for 30 seconds; checks
-# the installed tree with a small consumer built through pkg-config and find_package.
+# the installed tree with a small consumer built through pkg-config and find_package; builds
+# the API reference (any Doxygen warning fails), checks the library's ABI against the committed
+# baseline, builds the Debian packages of both architectures, runs lintian on them, installs
+# the amd64 ones into an isolated root and runs the arm64 library under qemu.
 # Prints how long each stage took.
 # Usage: scripts/test.sh [--no-sanitize] [--no-fuzz] [--no-aarch64]
 set -euo pipefail
@@ -46,6 +49,10 @@ suite() {  # build-dir, extra cmake args...
 stage "dependencies" "$root/scripts/install-deps.sh"
 stage "normal build and tests" suite "$root/build"
 stage "install check" "$root/scripts/check-install.sh" "$root/build"
+stage "API reference (scripts/docs.sh)" "$root/scripts/docs.sh" "$root/build/docs"
+stage "ABI against the baseline" "$root/scripts/check-abi.sh" "$root/build"
+stage "packages amd64" "$root/scripts/package.sh" --arch amd64 --build "$root/build" --docs "$root/build/docs/html"
+stage "packages amd64: isolated install" "$root/scripts/check-packages.sh" --amd64
 
 if [ "$sanitize" = 1 ]; then
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
@@ -61,7 +68,11 @@ fi
 
 if [ "$aarch64" = 1 ]; then
   stage "aarch64 under qemu" "$root/scripts/test-aarch64.sh"
+  stage "packages arm64" "$root/scripts/package.sh" --arch arm64 --build "$root/build-aarch64" \
+    --docs "$root/build/docs/html"
+  stage "packages arm64: contents, consumer" "$root/scripts/check-packages.sh" --arm64
 fi
+stage "lintian" "$root/scripts/check-packages.sh" --lintian
 
 echo "== time by stage =="
 printf '%s\n' "${timings[@]}"
