@@ -60,6 +60,8 @@ public:
     // Blocking: all `length` bytes or -1. Non-blocking: what was there, or -1.
     int64_t recv(unsigned char* out, unsigned long length, bool resetOnError, bool blocking);
     int64_t recv(unsigned long length, bool resetOnError, bool blocking);
+    // Blocking: at least `least` and at most `most` bytes (what has arrived), or -1.
+    int64_t recvAtLeast(unsigned char* out, unsigned long least, unsigned long most, bool resetOnError);
 
     bool inputDataAvailable(int timeoutMs);
 
