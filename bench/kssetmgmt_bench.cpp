@@ -7,6 +7,10 @@
 // data in the same directory tree as our install root: both pay the same file system's fsync.
 // Those rows do a fiftieth of the round trips (at least 2000): an fsync costs milliseconds.
 //
+// The machine's speed swings from one second to the next, so every figure is a ratio within
+// one run (ours, Redis and the floor measured back to back), and each row gives the median
+// and the range of five runs.
+//
 // Usage: kssetmgmt_bench [ROUND_TRIPS]   (default 100000 per measurement)
 // Runs kssetter from the build tree (../tools/kssetter next to this program) on a
 // temporary install root, and redis-server/redis-benchmark from PATH when installed.
@@ -41,7 +45,7 @@ namespace sm = ks::setMgmt;
 using Clock = std::chrono::steady_clock;
 
 std::string g_dir;
-constexpr int kRuns = 3;
+constexpr int kRuns = 5;
 
 int sh(const std::string& command, std::string* out = nullptr) {
     FILE* p = ::popen(command.c_str(), "r");
@@ -164,6 +168,16 @@ std::pair<double, double> redisRates(const std::string& socketPath, int clients,
     return rates;
 }
 
+struct Spread {
+    double median, low, high;
+};
+
+Spread spread(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    if (v.empty()) return {0, 0, 0};
+    return {v[v.size() / 2], v.front(), v.back()};
+}
+
 std::string exeDir() {
     char buf[4096];
     const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
@@ -205,48 +219,67 @@ int main(int argc, char** argv) {
         } else {
             if (!redis.ready()) std::printf("(redis-server not available: no Redis column)\n");
             if (redis.ready() && !durableRedis.ready()) std::printf("(durable redis-server did not start)\n");
-            std::printf("%ld round trips per measurement (%ld for durable rows), best of %d, small values, "
-                        "Unix socket\n\n",
+            std::printf("%ld round trips per measurement (%ld for durable rows), %d runs, small values, Unix "
+                        "socket; rates are medians, ratios median [lowest-highest] of the runs' own ratios\n\n",
                         total, durableTotal, kRuns);
-            std::printf("%-25s %7s %12s %12s %8s %12s %8s\n", "request", "clients", "kssetter/s", "redis/s",
+            std::printf("%-25s %7s %11s %11s %21s %11s %21s\n", "request", "clients", "kssetter/s", "redis/s",
                         "vs redis", "floor/s", "vs floor");
-            for (int clients : {1, 4}) {
-                // Best of kRuns, taken in turns, so that a burst of other load on the machine
-                // does not land on one column only.
-                double floor = 0, set = 0, get = 0, durable = 0, redisDurable = 0;
-                std::pair<double, double> redisRate{0, 0};
-                for (int run = 0; run < kRuns; ++run) {
-                    floor = std::max(floor, pingPongFloor(clients, total));
-                    if (redis.ready()) {
-                        const auto r = redisRates(redisSocket, clients, total);
-                        redisRate = {std::max(redisRate.first, r.first), std::max(redisRate.second, r.second)};
-                    }
-                    set = std::max(set, measure(clients, total, [](int t, long i) {
-                        sm::setKey("/tmp/bench/t" + std::to_string(t), i & 1 ? "value-one" : "value-two");
-                    }));
-                    get = std::max(get, measure(clients, total, [](int t, long) {
-                        std::string v;
-                        sm::getKey("/tmp/bench/t" + std::to_string(t), v);
-                    }));
-                    if (durableRedis.ready())
-                        redisDurable =
-                            std::max(redisDurable, redisRates(durableSocket, clients, durableTotal, "set").first);
-                    durable = std::max(durable, measure(clients, durableTotal, [](int t, long i) {
-                        sm::setKey("/bench/c" + std::to_string(t) + "/k" + std::to_string(std::max(i, 0L) % 64),
-                                   i & 1 ? "value-one" : "value-two");
-                    }));
+            for (int clients : {1, 4, 8}) {
+                // Keys made before the clock starts, so that the loop measures the round trip.
+                std::vector<std::string> tmpKeys, durableKeys;
+                for (int t = 0; t < clients; ++t) {
+                    tmpKeys.push_back("/tmp/bench/t" + std::to_string(t));
+                    for (int k = 0; k < 64; ++k)
+                        durableKeys.push_back("/bench/c" + std::to_string(t) + "/k" + std::to_string(k));
                 }
-                auto row = [&](const char* name, double ours, double theirs) {
-                    if (theirs > 0)
-                        std::printf("%-25s %7d %12.0f %12.0f %7.2fx %12.0f %7.2fx\n", name, clients, ours, theirs,
-                                    ours / theirs, floor, ours / floor);
-                    else
-                        std::printf("%-25s %7d %12.0f %12s %8s %12.0f %7.2fx\n", name, clients, ours, "-", "-", floor,
-                                    ours / floor);
+                struct Column {
+                    std::vector<double> ours, theirs, vsTheirs, vsFloor;
                 };
-                row("SET /tmp key", set, redisRate.first);
-                row("GET", get, redisRate.second);
-                row("SET persistent (durable)", durable, redisDurable);
+                Column set, get, durable;
+                std::vector<double> floors;
+                auto record = [](Column& col, double ours, double theirs, double floor) {
+                    col.ours.push_back(ours);
+                    col.theirs.push_back(theirs);
+                    if (theirs > 0) col.vsTheirs.push_back(ours / theirs);
+                    col.vsFloor.push_back(ours / floor);
+                };
+                for (int run = 0; run < kRuns; ++run) {
+                    const double floor = pingPongFloor(clients, total);
+                    floors.push_back(floor);
+                    std::pair<double, double> redisRate{0, 0};
+                    if (redis.ready()) redisRate = redisRates(redisSocket, clients, total);
+                    record(set, measure(clients, total, [&](int t, long i) {
+                               sm::setKey(tmpKeys[t], i & 1 ? "value-one" : "value-two");
+                           }), redisRate.first, floor);
+                    record(get, measure(clients, total, [&](int t, long) {
+                               std::string v;
+                               sm::getKey(tmpKeys[t], v);
+                           }), redisRate.second, floor);
+                    const double redisDurable =
+                        durableRedis.ready() ? redisRates(durableSocket, clients, durableTotal, "set").first : 0;
+                    record(durable, measure(clients, durableTotal, [&](int t, long i) {
+                               sm::setKey(durableKeys[t * 64 + std::max(i, 0L) % 64],
+                                          i & 1 ? "value-one" : "value-two");
+                           }), redisDurable, floor);
+                }
+                const double floor = spread(floors).median;
+                auto ratio = [](const std::vector<double>& v) {
+                    if (v.empty()) return std::string("-");
+                    const Spread s = spread(v);
+                    char text[64];
+                    std::snprintf(text, sizeof text, "%.2fx [%.2f-%.2f]", s.median, s.low, s.high);
+                    return std::string(text);
+                };
+                auto row = [&](const char* name, const Column& col, bool withFloor) {
+                    const double theirs = spread(col.theirs).median;
+                    std::printf("%-25s %7d %11.0f %11s %21s %11.0f %21s\n", name, clients, spread(col.ours).median,
+                                theirs > 0 ? std::to_string(static_cast<long>(theirs)).c_str() : "-",
+                                ratio(col.vsTheirs).c_str(), floor, withFloor ? ratio(col.vsFloor).c_str() : "");
+                };
+                row("SET /tmp key", set, true);
+                row("GET", get, true);
+                row("SET persistent (durable)", durable, false);
+                std::fflush(stdout);
             }
             sm::uninit();
             ks::log::stop();
