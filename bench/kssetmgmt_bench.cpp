@@ -1,11 +1,17 @@
 // Round trips per second of the settings client against kssetter, next to Redis on a Unix
-// socket (redis-benchmark, measured in the same run) and to the floor of the machine: a
-// bare 12-byte-request / 8-byte-reply ping-pong over a socket pair.
+// socket and to the floor of the machine: a bare 12-byte-request / 8-byte-reply ping-pong
+// over a socket pair. Redis is measured twice: with a client of the same shape as ours (a
+// blocking socket per thread), which compares the servers, and with redis-benchmark, whose
+// one thread drives all connections from an event loop.
 //
 // A persistent SET is answered only once it is on disk, so its row is set against a second
 // Redis that fsyncs its append-only file before every reply ("appendfsync always"), with its
 // data in the same directory tree as our install root: both pay the same file system's fsync.
 // Those rows do a fiftieth of the round trips (at least 2000): an fsync costs milliseconds.
+//
+// The machine's speed swings from one second to the next, so every figure is a ratio within
+// one run, whose measurements are cut in slices taken in turns (floor, Redis, ours), and each
+// row gives the median and the range of five runs.
 //
 // Usage: kssetmgmt_bench [ROUND_TRIPS]   (default 100000 per measurement)
 // Runs kssetter from the build tree (../tools/kssetter next to this program) on a
@@ -29,6 +35,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,7 +48,8 @@ namespace sm = ks::setMgmt;
 using Clock = std::chrono::steady_clock;
 
 std::string g_dir;
-constexpr int kRuns = 3;
+constexpr int kRuns = 5;
+constexpr int kSlices = 4;
 
 int sh(const std::string& command, std::string* out = nullptr) {
     FILE* p = ::popen(command.c_str(), "r");
@@ -164,6 +172,64 @@ std::pair<double, double> redisRates(const std::string& socketPath, int clients,
     return rates;
 }
 
+// A Redis client of the same shape as ours: one blocking socket per thread, one request in
+// flight, so that the Redis column measures the server and not redis-benchmark's event loop.
+class RedisClients {
+public:
+    RedisClients(const std::string& socketPath, int clients) {
+        for (int t = 0; t < clients; ++t) {
+            const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            sockaddr_un a{};
+            a.sun_family = AF_UNIX;
+            std::strncpy(a.sun_path, socketPath.c_str(), sizeof a.sun_path - 1);
+            if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) ok_ = false;
+            fds_.push_back(fd);
+        }
+    }
+    ~RedisClients() {
+        for (int fd : fds_) ::close(fd);
+    }
+    bool ok() const { return ok_; }
+
+    static std::string command(std::initializer_list<std::string> words) {
+        std::string out = "*" + std::to_string(words.size()) + "\r\n";
+        for (const std::string& w : words) out += "$" + std::to_string(w.size()) + "\r\n" + w + "\r\n";
+        return out;
+    }
+    // Sends a whole command and reads its whole reply (a status, an error or a bulk string).
+    void roundTrip(int t, const std::string& request) {
+        const int fd = fds_[t];
+        if (::send(fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size())) return;
+        char reply[256];
+        size_t got = 0;
+        for (;;) {
+            const ssize_t n = ::recv(fd, reply + got, sizeof reply - got, 0);
+            if (n <= 0) return;
+            got += static_cast<size_t>(n);
+            const char* end = static_cast<const char*>(std::memchr(reply, '\n', got));
+            if (!end) continue;
+            const size_t header = static_cast<size_t>(end - reply) + 1;
+            if (reply[0] != '$') return;
+            const long length = std::atol(reply + 1);
+            if (length < 0 || got >= header + static_cast<size_t>(length) + 2) return;
+        }
+    }
+
+private:
+    std::vector<int> fds_;
+    bool ok_ = true;
+};
+
+struct Spread {
+    double median, low, high;
+};
+
+Spread spread(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    if (v.empty()) return {0, 0, 0};
+    return {v[v.size() / 2], v.front(), v.back()};
+}
+
 std::string exeDir() {
     char buf[4096];
     const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
@@ -205,48 +271,113 @@ int main(int argc, char** argv) {
         } else {
             if (!redis.ready()) std::printf("(redis-server not available: no Redis column)\n");
             if (redis.ready() && !durableRedis.ready()) std::printf("(durable redis-server did not start)\n");
-            std::printf("%ld round trips per measurement (%ld for durable rows), best of %d, small values, "
-                        "Unix socket\n\n",
-                        total, durableTotal, kRuns);
-            std::printf("%-25s %7s %12s %12s %8s %12s %8s\n", "request", "clients", "kssetter/s", "redis/s",
-                        "vs redis", "floor/s", "vs floor");
-            for (int clients : {1, 4}) {
-                // Best of kRuns, taken in turns, so that a burst of other load on the machine
-                // does not land on one column only.
-                double floor = 0, set = 0, get = 0, durable = 0, redisDurable = 0;
-                std::pair<double, double> redisRate{0, 0};
-                for (int run = 0; run < kRuns; ++run) {
-                    floor = std::max(floor, pingPongFloor(clients, total));
-                    if (redis.ready()) {
-                        const auto r = redisRates(redisSocket, clients, total);
-                        redisRate = {std::max(redisRate.first, r.first), std::max(redisRate.second, r.second)};
-                    }
-                    set = std::max(set, measure(clients, total, [](int t, long i) {
-                        sm::setKey("/tmp/bench/t" + std::to_string(t), i & 1 ? "value-one" : "value-two");
-                    }));
-                    get = std::max(get, measure(clients, total, [](int t, long) {
-                        std::string v;
-                        sm::getKey("/tmp/bench/t" + std::to_string(t), v);
-                    }));
-                    if (durableRedis.ready())
-                        redisDurable =
-                            std::max(redisDurable, redisRates(durableSocket, clients, durableTotal, "set").first);
-                    durable = std::max(durable, measure(clients, durableTotal, [](int t, long i) {
-                        sm::setKey("/bench/c" + std::to_string(t) + "/k" + std::to_string(std::max(i, 0L) % 64),
-                                   i & 1 ? "value-one" : "value-two");
-                    }));
+            std::printf("%ld round trips per measurement (%ld for durable rows), %d runs, each taken in %d "
+                        "interleaved slices; small values, Unix socket.\n"
+                        "Rates are medians; ratios are the median [lowest-highest] of the runs' own ratios.\n"
+                        "redis: our blocking-thread client shape against redis-server; redis-benchmark: its own "
+                        "event loop over all connections.\n\n",
+                        total, durableTotal, kRuns, kSlices);
+            std::printf("%-24s %7s %10s %10s %21s %21s %10s %21s\n", "request", "clients", "kssetter/s", "redis/s",
+                        "vs redis", "vs redis-benchmark", "floor/s", "vs floor");
+            for (int clients : {1, 4, 8}) {
+                // Keys and requests made before the clock starts, so that the loops measure round trips.
+                std::vector<std::string> tmpKeys, durableKeys, redisGets, redisSets;
+                for (int t = 0; t < clients; ++t) {
+                    tmpKeys.push_back("/tmp/bench/t" + std::to_string(t));
+                    redisGets.push_back(RedisClients::command({"GET", "bench:t" + std::to_string(t)}));
+                    redisSets.push_back(RedisClients::command({"SET", "bench:t" + std::to_string(t), "value-one"}));
+                    for (int k = 0; k < 64; ++k)
+                        durableKeys.push_back("/bench/c" + std::to_string(t) + "/k" + std::to_string(k));
                 }
-                auto row = [&](const char* name, double ours, double theirs) {
-                    if (theirs > 0)
-                        std::printf("%-25s %7d %12.0f %12.0f %7.2fx %12.0f %7.2fx\n", name, clients, ours, theirs,
-                                    ours / theirs, floor, ours / floor);
-                    else
-                        std::printf("%-25s %7d %12.0f %12s %8s %12.0f %7.2fx\n", name, clients, ours, "-", "-", floor,
-                                    ours / floor);
+                // Seconds spent on a number of round trips, summed over the slices of a run.
+                struct Tally {
+                    double trips = 0, seconds = 0;
+                    void add(long n, double rate) {
+                        if (rate <= 0) return;
+                        trips += static_cast<double>(n);
+                        seconds += static_cast<double>(n) / rate;
+                    }
+                    double rate() const { return seconds > 0 ? trips / seconds : 0; }
                 };
-                row("SET /tmp key", set, redisRate.first);
-                row("GET", get, redisRate.second);
-                row("SET persistent (durable)", durable, redisDurable);
+                struct Column {
+                    std::vector<double> ours, theirs, vsTheirs, vsBench, vsFloor;
+                };
+                Column set, get, durable;
+                std::vector<double> floors;
+                auto record = [](Column& col, const Tally& ours, const Tally& theirs, const Tally& bench,
+                                 double floor) {
+                    col.ours.push_back(ours.rate());
+                    col.theirs.push_back(theirs.rate());
+                    if (theirs.rate() > 0) col.vsTheirs.push_back(ours.rate() / theirs.rate());
+                    if (bench.rate() > 0) col.vsBench.push_back(ours.rate() / bench.rate());
+                    col.vsFloor.push_back(ours.rate() / floor);
+                };
+                const long slice = total / kSlices, durableSlice = durableTotal / kSlices;
+                for (int run = 0; run < kRuns; ++run) {
+                    Tally floor, oursSet, oursGet, oursDurable, redisSet, redisGet, redisDurable, benchSet, benchGet,
+                        benchDurable;
+                    for (int part = 0; part < kSlices; ++part) {
+                        floor.add(slice, pingPongFloor(clients, slice));
+                        if (redis.ready()) {
+                            RedisClients rc(redisSocket, clients);
+                            if (rc.ok()) {
+                                redisSet.add(slice, measure(clients, slice, [&](int t, long) {
+                                                 rc.roundTrip(t, redisSets[t]);
+                                             }));
+                                redisGet.add(slice, measure(clients, slice, [&](int t, long) {
+                                                 rc.roundTrip(t, redisGets[t]);
+                                             }));
+                            }
+                            const auto b = redisRates(redisSocket, clients, slice);
+                            benchSet.add(slice, b.first);
+                            benchGet.add(slice, b.second);
+                        }
+                        oursSet.add(slice, measure(clients, slice, [&](int t, long i) {
+                                        sm::setKey(tmpKeys[t], i & 1 ? "value-one" : "value-two");
+                                    }));
+                        oursGet.add(slice, measure(clients, slice, [&](int t, long) {
+                                        std::string v;
+                                        sm::getKey(tmpKeys[t], v);
+                                    }));
+                        if (durableRedis.ready()) {
+                            RedisClients rc(durableSocket, clients);
+                            if (rc.ok())
+                                redisDurable.add(durableSlice, measure(clients, durableSlice, [&](int t, long) {
+                                                     rc.roundTrip(t, redisSets[t]);
+                                                 }));
+                            benchDurable.add(durableSlice,
+                                             redisRates(durableSocket, clients, durableSlice, "set").first);
+                        }
+                        oursDurable.add(durableSlice, measure(clients, durableSlice, [&](int t, long i) {
+                                            sm::setKey(durableKeys[t * 64 + std::max(i, 0L) % 64],
+                                                       i & 1 ? "value-one" : "value-two");
+                                        }));
+                    }
+                    floors.push_back(floor.rate());
+                    record(set, oursSet, redisSet, benchSet, floor.rate());
+                    record(get, oursGet, redisGet, benchGet, floor.rate());
+                    record(durable, oursDurable, redisDurable, benchDurable, floor.rate());
+                }
+                const double floor = spread(floors).median;
+                auto ratio = [](const std::vector<double>& v) {
+                    if (v.empty()) return std::string("-");
+                    const Spread s = spread(v);
+                    char text[64];
+                    std::snprintf(text, sizeof text, "%.2fx [%.2f-%.2f]", s.median, s.low, s.high);
+                    return std::string(text);
+                };
+                auto row = [&](const char* name, const Column& col, bool withFloor) {
+                    const double theirs = spread(col.theirs).median;
+                    std::printf("%-24s %7d %10.0f %10s %21s %21s %10.0f %21s\n", name, clients,
+                                spread(col.ours).median,
+                                theirs > 0 ? std::to_string(static_cast<long>(theirs)).c_str() : "-",
+                                ratio(col.vsTheirs).c_str(), ratio(col.vsBench).c_str(), floor,
+                                withFloor ? ratio(col.vsFloor).c_str() : "");
+                };
+                row("SET /tmp key", set, true);
+                row("GET", get, true);
+                row("SET persistent (durable)", durable, false);
+                std::fflush(stdout);
             }
             sm::uninit();
             ks::log::stop();

@@ -555,3 +555,37 @@ TEST_F(SetMgmtServer, ImportSeenWholeByLockHolders) {
     importer.join();
     EXPECT_EQ("new", sm::getKeyValue("/atomic/k0", ""));
 }
+
+TEST_F(SetMgmtClient, ReplyInPiecesOrWithBytesBeyondIt) {
+    // A value larger than the first buffer arrives in three pieces and must come out whole
+    // through both getKey forms; bytes beyond a reply mean a stream out of step.
+    const std::string big(10000, 'v');
+    const std::string whole = result(static_cast<int64_t>(big.size())) + big;
+    int frames = 0;
+    fake.serve(
+        [&](int fd) {
+            for (std::string f; !(f = readFrame(fd)).empty();) {
+                if (frames++ >= 2) {
+                    writeAll(fd, result(2) + (frames == 3 ? "okzz" : "ok"));
+                    continue;
+                }
+                for (const auto& piece : {whole.substr(0, 3), whole.substr(3, 5000), whole.substr(5003)}) {
+                    writeAll(fd, piece);
+                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                }
+            }
+        },
+        2);
+    inThread([&] {
+        std::string v;
+        EXPECT_EQ(10000, sm::getKey("/a", v));
+        EXPECT_EQ(big, v);
+        unsigned char* bytes = nullptr;
+        ASSERT_EQ(10000, sm::getKey("/a", bytes));
+        EXPECT_EQ(big, std::string(reinterpret_cast<char*>(bytes), 10000));
+        delete[] bytes;
+        EXPECT_TRUE(failed(sm::getKey("/a", v), ks::E_FAULT, "Failed to parse data"));
+        EXPECT_EQ(2, sm::getKey("/a", v));  // over a fresh connection
+    });
+    fake.join();
+}

@@ -1,6 +1,5 @@
 // The client end of the settings socket: framing into a reusable buffer, whole sends,
-// fixed-length receives, and the rules for a server that goes away mid-request. A lost
-// connection is noticed by isUp() before the next request, which then reconnects; while the
+// fixed-length receives, and the rules for a server that goes away mid-request. While the
 // thread holds the settings lock a lost connection is reported as such, because the lock
 // went with it.
 #include <kssetter/ksconnection.h>
@@ -164,12 +163,28 @@ int64_t Connection::send(const unsigned char* data, unsigned long length, bool r
 int64_t Connection::send(unsigned long length, bool resetOnError) { return send(buffer.get(), length, resetOnError); }
 
 int64_t Connection::recv(unsigned char* out, unsigned long length, bool resetOnError, bool blocking) {
-    const ssize_t got = sys::recv_full(fd, out, length, MSG_NOSIGNAL | (blocking ? 0 : MSG_DONTWAIT));
+    if (blocking) return recvAtLeast(out, length, length, resetOnError);
+    const ssize_t got = sys::recv_full(fd, out, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     // A short count: nothing more was waiting (EAGAIN), or the peer closed the socket.
-    if (got == static_cast<ssize_t>(length) || (got >= 0 && errno == EAGAIN && !blocking)) return got;
-    if (got >= 0 && errno != EAGAIN) _get_kserrno().set(E_FAULT, "Peer has closed socket");
+    if (got == static_cast<ssize_t>(length) || (got >= 0 && errno == EAGAIN)) return got;
+    if (got >= 0) _get_kserrno().set(E_FAULT, "Peer has closed socket");
     else _get_kserrno().set(E_SYSTEM);
     return failIo(resetOnError);
+}
+
+int64_t Connection::recvAtLeast(unsigned char* out, unsigned long least, unsigned long most, bool resetOnError) {
+    unsigned long got = 0;
+    while (got < least) {
+        const ssize_t n = sys::recv_some(fd, out + got, most - got, MSG_NOSIGNAL);
+        if (n > 0) {
+            got += static_cast<unsigned long>(n);
+            continue;
+        }
+        if (n == 0) _get_kserrno().set(E_FAULT, "Peer has closed socket");
+        else _get_kserrno().set(E_SYSTEM);
+        return failIo(resetOnError);
+    }
+    return static_cast<int64_t>(got);
 }
 
 int64_t Connection::recv(unsigned long length, bool resetOnError, bool blocking) {

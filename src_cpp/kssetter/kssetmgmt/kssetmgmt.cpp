@@ -68,8 +68,15 @@ void childAfterFork() {
 
 enum class Route { fail, server, offline };
 
-// The common preamble: initialised, well-formed key, a connection that is up. Reads may
-// be routed to the offline store instead.
+Route connect(bool read) {
+    if (t_connection.init() == 0) return Route::server;
+    if (read && g_offlineMode.load()) return Route::offline;
+    return Route::fail;
+}
+
+// The common preamble: initialised, well-formed key, a connection. Reads may be routed to
+// the offline store instead. An open socket is taken as it is, without a peek at it before
+// each request: a server that went away since the last one shows when the request is sent.
 Route prepare(const std::string* key, bool read) {
     if (g_initCount.load() <= 0) {
         setNotInitialized();
@@ -77,20 +84,35 @@ Route prepare(const std::string* key, bool read) {
     }
     if (key && !setter::checkClientKey(*key)) return Route::fail;
     Connection& c = t_connection;
+    if (c.fd >= 1) return Route::server;
     if (c.lockHeld) {
         // Reconnecting would silently drop the lock the caller believes it holds.
-        if (c.isUp()) return Route::server;
         setLostServer();
         return Route::fail;
     }
-    if (c.init() == 0) return Route::server;
-    if (read && g_offlineMode.load()) return Route::offline;
-    return Route::fail;
+    return connect(read);
 }
 
-void setParseError(Connection& c) {
-    c.reset();  // the rest of the reply is still in the socket; start afresh
-    _get_kserrno().set(E_FAULT, "Failed to parse data");
+// The preamble, then `r` sent. A Unix socket whose server closed it refuses the send at
+// once (EPIPE), and the server applies no request whose frame it has not received whole,
+// so the request goes again over a fresh connection, unless a lock went with the old one.
+Route send(const std::string* key, bool read, const setter::Request& r) {
+    Route route = prepare(key, read);
+    if (route != Route::server) return route;
+    Connection& c = t_connection;
+    if (setter::sendFrame(c, r) == 0) return Route::server;
+    if (c.lockHeld || (errno != EPIPE && errno != ECONNRESET)) return Route::fail;
+    KSLOG_INFO(_log_channel(), "Connection with kssetter seems down...");
+    route = connect(read);
+    if (route != Route::server) return route;
+    return setter::sendFrame(c, r) == 0 ? Route::server : Route::fail;
+}
+
+// `r` sent and its whole reply received; the offline and failed routes come back without one.
+Route request(const std::string* key, bool read, const setter::Request& r, setter::Reply& reply) {
+    const Route route = send(key, read, r);
+    if (route != Route::server) return route;
+    return setter::receiveReply(t_connection, r.command, reply) < 0 ? Route::fail : Route::server;
 }
 
 template <class Read>
@@ -136,11 +158,11 @@ int64_t offlineGet(const std::string& key, unsigned char*& value) {
 }
 
 int64_t setRequest(const std::string& key, const unsigned char* value, unsigned long size, storage::ValueType type) {
-    if (prepare(&key, false) != Route::server) return -1;
-    setter::Request request = setter::makeRequest(setter::CMD_SET, key);
-    request.type = type;
-    request.value = ks::string_view(reinterpret_cast<const char*>(value), size);
-    if (setter::sendRequest(t_connection, request) < 0) return -1;
+    setter::Request r = setter::makeRequest(setter::CMD_SET, key);
+    r.type = type;
+    r.value = ks::string_view(reinterpret_cast<const char*>(value), size);
+    setter::Reply reply;
+    if (request(&key, false, r, reply) != Route::server) return -1;
     invalidateOffline();
     return 0;
 }
@@ -207,31 +229,21 @@ bool initialized() { return g_initCount.load() > 0; }
 
 int64_t getKey(const std::string& key, unsigned char*& value) {
     value = nullptr;
-    const Route route = prepare(&key, true);
+    setter::Reply reply;
+    const Route route = request(&key, true, setter::makeRequest(setter::CMD_GET, key), reply);
     if (route == Route::offline) return offlineGet(key, value);
     if (route == Route::fail) return -1;
-    Connection& c = t_connection;
-    const int64_t size = setter::sendRequest(c, setter::makeRequest(setter::CMD_GET, key));
-    if (size <= 0) return size;
-    if (setter::replyPayloadSize(setter::CMD_GET, size) > setter::kMaxBodyLength) {
-        setParseError(c);
-        return -1;
-    }
-    unsigned char* bytes = allocateValue(static_cast<uint64_t>(size));
-    if (!bytes) {
-        c.reset();  // the value is still in the socket; the next request starts afresh
-        return -1;
-    }
-    if (c.recv(bytes, static_cast<unsigned long>(size), true, true) < 0) {
-        delete[] bytes;
-        return -1;
-    }
+    if (reply.payload.empty()) return 0;
+    unsigned char* bytes = allocateValue(reply.payload.size());
+    if (!bytes) return -1;
+    std::memcpy(bytes, reply.payload.data(), reply.payload.size());
     value = bytes;
-    return size;
+    return static_cast<int64_t>(reply.payload.size());
 }
 
 int64_t getKey(const std::string& key, std::string& value) {
-    const Route route = prepare(&key, true);
+    setter::Reply reply;
+    const Route route = request(&key, true, setter::makeRequest(setter::CMD_GET, key), reply);
     if (route == Route::offline) {
         unsigned char* bytes = nullptr;
         const int64_t n = offlineGet(key, bytes);
@@ -240,8 +252,6 @@ int64_t getKey(const std::string& key, std::string& value) {
         return n;
     }
     if (route == Route::fail) return -1;
-    setter::Reply reply;
-    if (setter::roundTrip(t_connection, setter::makeRequest(setter::CMD_GET, key), reply) < 0) return -1;
     value.assign(reply.payload.data(), reply.payload.size());
     return static_cast<int64_t>(reply.payload.size());
 }
@@ -285,19 +295,18 @@ int setKey(const std::string& key, const unsigned char* value, unsigned long siz
 }
 
 int deleteKey(const std::string& key) {
-    if (prepare(&key, false) != Route::server) return -1;
-    if (setter::sendRequest(t_connection, setter::makeRequest(setter::CMD_DELETE, key)) < 0) return -1;
+    setter::Reply reply;
+    if (request(&key, false, setter::makeRequest(setter::CMD_DELETE, key), reply) != Route::server) return -1;
     invalidateOffline();
     return 0;
 }
 
 int statKey(const std::string& key, NodeInfo& info) {
-    const Route route = prepare(&key, true);
+    setter::Reply reply;
+    const Route route = request(&key, true, setter::makeRequest(setter::CMD_STAT, key), reply);
     if (route == Route::offline)
         return static_cast<int>(readOffline([&](storage::Store& store) -> int64_t { return store.keyInfo(key, info); }));
     if (route == Route::fail) return -1;
-    setter::Reply reply;
-    if (setter::roundTrip(t_connection, setter::makeRequest(setter::CMD_STAT, key), reply) < 0) return -1;
     if (!setter::decodeNodeInfo(reply.payload, info)) {
         _get_kserrno().set(E_FAULT, "Failed to parse data");
         return -1;
@@ -316,7 +325,8 @@ bool keyDeleted(const std::string& key) {
 }
 
 int enumSubkeys(const std::string& key, std::vector<std::string>& names) {
-    const Route route = prepare(&key, true);
+    setter::Reply reply;
+    const Route route = request(&key, true, setter::makeRequest(setter::CMD_ENUM, key), reply);
     if (route == Route::offline) {
         return static_cast<int>(readOffline([&](storage::Store& store) -> int64_t {
             int count = 0;
@@ -329,8 +339,6 @@ int enumSubkeys(const std::string& key, std::vector<std::string>& names) {
         }));
     }
     if (route == Route::fail) return -1;
-    setter::Reply reply;
-    if (setter::roundTrip(t_connection, setter::makeRequest(setter::CMD_ENUM, key), reply) < 0) return -1;
     const size_t before = names.size();
     int empty = 0;
     setter::decodeNames(reply.payload, names, empty);
@@ -349,8 +357,8 @@ int lockKey(const std::string& key) {
         _get_kserrno().set(E_INVAL, "Can't lock more than one key.");
         return -1;
     }
-    if (prepare(&key, false) != Route::server) return -1;
-    if (setter::sendRequest(c, setter::makeRequest(setter::CMD_LOCK, key)) < 0) return -1;
+    setter::Reply reply;
+    if (request(&key, false, setter::makeRequest(setter::CMD_LOCK, key), reply) != Route::server) return -1;
     c.lockHeld = true;
     return 0;
 }
@@ -363,15 +371,16 @@ int unlockKey(const std::string& key) {
     if (!setter::checkClientKey(key)) return -1;
     Connection& c = t_connection;
     if (!c.lockHeld) return 0;
-    if (!c.isUp()) {
+    if (c.fd < 1) {
         c.lockHeld = false;
         setLostServer();
         return -1;
     }
     // Sent with the lock byte still set, so that a failure in flight reads as a lost lock.
-    const int64_t result = setter::sendRequest(c, setter::makeRequest(setter::CMD_UNLOCK, key));
+    setter::Reply reply;
+    const Route route = request(&key, false, setter::makeRequest(setter::CMD_UNLOCK, key), reply);
     c.lockHeld = false;
-    return result < 0 ? -1 : 0;
+    return route == Route::server ? 0 : -1;
 }
 
 int setOfflineMode(bool on) {
@@ -396,9 +405,8 @@ bool getOfflineMode() {
 }
 
 int getDebugInfo(storage::DebugInfo& info) {
-    if (prepare(nullptr, false) != Route::server) return -1;
     setter::Reply reply;
-    if (setter::roundTrip(t_connection, setter::makeRequest(setter::CMD_DEBUG_INFO), reply) < 0) return -1;
+    if (request(nullptr, false, setter::makeRequest(setter::CMD_DEBUG_INFO), reply) != Route::server) return -1;
     setter::decodeDebugInfo(reply.payload, info);  // the decoder made sure of its size
     return 0;
 }

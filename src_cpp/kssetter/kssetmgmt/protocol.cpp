@@ -229,12 +229,16 @@ bool checkClientKey(ks::string_view key) {
     return true;
 }
 
-int64_t sendRequest(setMgmt::Connection& c, Request r) {
+int64_t sendFrame(setMgmt::Connection& c, Request r) {
     r.lockHeld = c.lockHeld;
     const uint64_t body = bodySize(r);
     if (c.setCmdIntro(r.command, body) < 0) return -1;  // grows the buffer to the frame
     encodeRequest(r, c.buffer.get());
-    if (c.send(static_cast<unsigned long>(kHeaderSize + body), true) < 0) return -1;
+    return c.send(static_cast<unsigned long>(kHeaderSize + body), true) < 0 ? -1 : 0;
+}
+
+int64_t sendRequest(setMgmt::Connection& c, Request r) {
+    if (sendFrame(c, r) < 0) return -1;
     int64_t result = 0;
     if (c.recv(reinterpret_cast<unsigned char*>(&result), sizeof result, true, true) < 0) return -1;
     if (result < 0) {
@@ -255,20 +259,36 @@ int64_t failParse(setMgmt::Connection& c) {
 
 }  // namespace
 
-int64_t roundTrip(setMgmt::Connection& c, Request r, Reply& reply) {
-    const int64_t result = sendRequest(c, r);
-    if (result < 0) return -1;
-    const uint64_t payload = replyPayloadSize(r.command, result);
-    if (payload > kMaxBodyLength) return failParse(c);
-    const uint64_t total = kResultSize + payload;
-    if (total > c.capacity && !c.resizeBuffer(total)) {
+int64_t receiveReply(setMgmt::Connection& c, uint32_t command, Reply& reply) {
+    if (c.capacity < kResultSize && !c.resizeBuffer(kResultSize)) {
         c.reset();
         return -1;
     }
-    std::memcpy(c.buffer.get(), &result, sizeof result);
-    if (payload && c.recv(c.buffer.get() + kResultSize, payload, true, true) < 0) return -1;
+    // One request is in flight, so whatever arrives belongs to its reply: take all there is.
+    const int64_t got = c.recvAtLeast(c.buffer.get(), kResultSize, c.capacity, true);
+    if (got < 0) return -1;
+    int64_t result;
+    std::memcpy(&result, c.buffer.get(), sizeof result);
+    const uint64_t payload = replyPayloadSize(command, result);
+    const uint64_t total = kResultSize + payload;
+    if (payload > kMaxBodyLength || static_cast<uint64_t>(got) > total) return failParse(c);
+    if (result < 0) {
+        setMgmt::Connection::setErrno(result);
+        return -1;
+    }
+    if (total > c.capacity) {
+        const std::string head(reinterpret_cast<const char*>(c.buffer.get()), static_cast<size_t>(got));
+        if (!c.resizeBuffer(total)) {
+            c.reset();
+            return -1;
+        }
+        std::memcpy(c.buffer.get(), head.data(), head.size());
+    }
+    if (static_cast<uint64_t>(got) < total &&
+        c.recv(c.buffer.get() + got, static_cast<unsigned long>(total - got), true, true) < 0)
+        return -1;
     size_t consumed = 0;
-    if (decodeReply(r.command, c.buffer.get(), total, reply, consumed) != Decoded::ok) return failParse(c);
+    if (decodeReply(command, c.buffer.get(), total, reply, consumed) != Decoded::ok) return failParse(c);
     return result;
 }
 

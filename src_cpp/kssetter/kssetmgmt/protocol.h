@@ -160,15 +160,21 @@ KS_EXPORT bool decodeDebugInfo(ks::string_view payload, storage::DebugInfo& info
 // fault in the error record. Characters are left to the server ("Invalid operation").
 KS_EXPORT bool checkClientKey(ks::string_view key);
 
+// Frames `r` into the buffer of `c` (connected) with the connection's own lock byte and
+// sends it: 0, or -1 with the error record set as the connection reports it.
+KS_EXPORT int64_t sendFrame(setMgmt::Connection& c, Request r);
 // Frames `r` into the buffer of `c` (connected) with the connection's own lock byte, sends
-// it and reads the 8-byte result. Answers the result, or -1 with the error record set: an
+// it and reads the 8-byte result and nothing more (a subscription's stream follows it). Answers the result, or -1 with the error record set: an
 // I/O failure as the connection reports it, a negative result mapped by setErrno. For
 // callers that receive a reply's payload themselves.
 KS_EXPORT int64_t sendRequest(setMgmt::Connection& c, Request r);
-// sendRequest and the rest of the reply: the payload is received into the buffer of `c`
-// behind the result, and `reply.payload` points there until the next request on `c`. A reply
-// that does not decode closes `c` ("Failed to parse data"): its rest is still in the socket.
-KS_EXPORT int64_t roundTrip(setMgmt::Connection& c, Request r, Reply& reply);
+// The whole reply to `command` on a connection that carries nothing but replies to its own
+// requests: result and payload come with one recv when they have arrived together, into the
+// buffer of `c`, and `reply.payload` points there until the next request on `c`. Answers the
+// result, or -1 with the error record set (a negative result mapped by setErrno). A reply
+// that does not decode, or bytes beyond it, close `c` ("Failed to parse data"): the stream
+// is out of step.
+KS_EXPORT int64_t receiveReply(setMgmt::Connection& c, uint32_t command, Reply& reply);
 
 // ---- notifications ---------------------------------------------------------------------
 

@@ -111,9 +111,9 @@ bool Server::start(bool stopOnSignals) {
     return true;
 }
 
-// Replies and notifications leave only after the changes they follow are on disk, so the
-// callbacks of a round only queue them; the round ends with one commit for all its changes
-// and then the sending.
+// Replies and notifications leave only after the changes they follow are on disk, so while
+// a change waits for the disk the callbacks of a round only queue them; the round ends with
+// one commit for all its changes and then the sending.
 void Server::run() {
     while (running_) {
         loop_.tick(std::chrono::milliseconds(1000));
@@ -178,6 +178,9 @@ int Server::onClient(int fd) {
     if (!c) return 0;
     if (c->pending()) queueFlush(*c);
     if (!c->doomed && (c->events & EPOLLIN)) readFrom(*c);
+    // With no change waiting for the disk, what this client is owed leaves now, in one send,
+    // and the client prepares its next request while the round goes on with the others.
+    if (c->queuedFlush && !c->doomed && !persistence_.pending()) flush(*c);
     return 0;
 }
 
@@ -449,17 +452,18 @@ void Server::finish() {
             refuseUncommitted(persistence_.failure());
         }
         uncommitted_.clear();
-        std::vector<int> flushing;
-        flushing.swap(flushQueue_);
-        for (int fd : flushing) {
+        // Swapped with members that keep their capacity: a round allocates nothing.
+        flushing_.swap(flushQueue_);
+        for (int fd : flushing_) {
             Client* c = find(fd);
             if (!c) continue;
             c->queuedFlush = false;
             if (!c->doomed) flush(*c);
         }
-        std::vector<int> closing;
-        closing.swap(doomed_);
-        for (int fd : closing) closeClient(fd);
+        flushing_.clear();
+        closing_.swap(doomed_);
+        for (int fd : closing_) closeClient(fd);
+        closing_.clear();
     }
 }
 

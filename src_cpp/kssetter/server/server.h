@@ -109,6 +109,8 @@ private:
     LockTable locks_;
     std::vector<int> flushQueue_;
     std::vector<int> doomed_;
+    std::vector<int> flushing_;  // finish()'s working copies of the two above
+    std::vector<int> closing_;
     std::deque<int> resumed_;
     std::vector<char> scratch_;
     // Where this round's success replies to persistent changes lie in their connections'
