@@ -106,7 +106,8 @@ public:
     int64_t recv(unsigned char* out, unsigned long length, bool resetOnError, bool blocking);
     /// Receives into the buffer (grown to `length` if needed), as the form above does.
     int64_t recv(unsigned long length, bool resetOnError, bool blocking);
-    // Blocking: at least `least` and at most `most` bytes (what has arrived), or -1.
+    /// Blocking: at least `least` and at most `most` bytes (whatever has arrived by then),
+    /// or -1 with the errors of recv().
     int64_t recvAtLeast(unsigned char* out, unsigned long least, unsigned long most, bool resetOnError);
 
     /// Waits up to `timeoutMs` (negative: no limit) for something to read; false on time-out
