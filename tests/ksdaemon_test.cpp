@@ -150,6 +150,10 @@ TEST_F(DaemonTest, CommandLineActionsAndFailures) {
         {"-help", 0, {"Usage:", "Parameters for the '-start' sub-command:", "do not detach from the controlling terminal",
                       "-log-config <FILE>", "execute action from log config"}},
         {"-bogus", 1, {"Error: Parameter 1: unknown option", "Usage:"}},
+        // The daemon's own declarations: counts and the sub-command an option belongs to.
+        {"-execute-log-config", 1, {"Error: Option '-log-config' must be specified exactly once", "Usage:"}},
+        {"-start -no-detach -no-detach", 1, {"Error: ", "can only be used at most once", "Usage:"}},
+        {"-stop -no-detach", 1, {"Error: ", "Usage:"}},
         {"-stop", 127, {"Error: No previously running instance found"}},
         {"-execute-log-config -log-config=/dev/null", 127, {"Error: No instance seems to be currently running"}},
     };
