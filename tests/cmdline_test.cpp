@@ -238,6 +238,7 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-name", "--", "-x"}, "name=-x"},
         {{"-name", "-x"}, "E_INVAL Parameter 2: option '-name' expects positional argument but '-x' found"},
         {{"-lfoo", "-l", "-lo"}, "l=[foo||o]"},
+        {{"-log=a", "-logb"}, "E_FAULT Parameter 2: incorrect usage, please use '-log=b' or '-log b' instead"},
         {{"-log=a", "-lib"}, "log=a l=[ib]"},
         {{"-count", "7"}, "count=7"},
         {{"-count=7x"}, "E_INVAL Parameter 1: '7x' invalid value for parameter 'count'"},
