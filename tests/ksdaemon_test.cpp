@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -49,9 +48,8 @@ std::vector<std::string> lines_of(const std::string& text) {
 class DaemonTest : public ::testing::Test {
 protected:
     ~DaemonTest() override {
-        // waitpid reaps our own children and returns at once for the detached daemons.
         for (pid_t pid : started_)
-            if (alive(pid) && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
+            if (alive(pid)) ::kill(pid, SIGKILL);
         if (const pid_t pid = pidfile_holder(); pid > 0) ::kill(pid, SIGKILL);
         const std::string crash_root = "/tmp/kslogs" + root_.path();
         kstest::run("rm -rf '" + crash_root + "'; rmdir /tmp/kslogs/tmp /tmp/kslogs 2>/dev/null");
@@ -96,37 +94,18 @@ protected:
         return lock.holder_pid(pid) == 1 ? pid : -1;
     }
 
-    // Starts a program as our child without waiting for it; stdout and stderr go to
-    // `output_file`. Environment settings go first, as /usr/bin/env arguments.
-    pid_t spawn(std::vector<std::string> args, const std::string& output_file) {
-        args.insert(args.begin(), "/usr/bin/env");
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const int out = ::open(output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-        const pid_t pid = ::fork();
-        if (pid == 0) {
-            ::dup2(out, 1);
-            ::dup2(out, 2);
-            ::execv(argv[0], argv.data());
-            ::_exit(127);
-        }
-        ::close(out);
-        started_.push_back(pid);
-        return pid;
-    }
-
-    // Reaps a child started with spawn(); its exit status, or -1.
-    int reap(pid_t pid) {
-        int status = 0;
-        if (::waitpid(pid, &status, 0) != pid) return -1;
-        std::replace(started_.begin(), started_.end(), pid, -1);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    // Starts `command` in the background, its output in `output_file`; its pid, remembered
+    // for clean-up.
+    pid_t background(const std::string& command, const std::string& output_file) {
+        std::string pid;
+        kstest::run(command + " >'" + output_file + "' 2>&1 & echo $!", &pid);
+        return started_.emplace_back(std::atoi(pid.c_str()));
     }
 
     // The settings server on this install root, once it answers a request.
     bool start_settings_server() {
-        const pid_t pid = spawn({kstest::tool_path("kssetter"), "-root", root_.path()}, root_ / "kssetter.out");
+        const pid_t pid = background("'" + kstest::tool_path("kssetter") + "' -root '" + root_.path() + "'",
+                                     root_ / "kssetter.out");
         return wait_until([&] { return setmgmt("set /kstest/ready 1") == 0 || !alive(pid); }) && alive(pid);
     }
 
@@ -137,7 +116,7 @@ protected:
     }
 
     kstest::InstallRoot root_;
-    std::vector<pid_t> started_;  // detached daemons and our own children
+    std::vector<pid_t> started_;  // daemons and servers, none of them our children
 };
 
 TEST_F(DaemonTest, CommandLineActionsAndFailures) {
@@ -225,9 +204,7 @@ TEST_F(DaemonTest, StopGivesUpOnADaemonIgnoringTerm) {
 }
 
 TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnTerm) {
-    const pid_t pid = spawn({"KS_INSTALL_ROOT=" + root_.path(), "KSTEST_EVENTS=" + events_file(), kDaemon, "-start",
-                             "-no-detach"},
-                            root_ / "daemon.out");
+    const pid_t pid = background(env() + "'" + kDaemon + "' -start -no-detach", root_ / "daemon.out");
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(wait_until([&] { return has_event("run pid=" + std::to_string(pid)); })) << "runs in the started process";
     const kstest::ProcStat ids = kstest::proc_stat(pid);
@@ -236,7 +213,7 @@ TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnTerm) {
     EXPECT_EQ(root_ / "daemon.out", fd_target(pid, 1)) << "standard output kept";
     EXPECT_EQ(pid, pidfile_holder());
     ::kill(pid, SIGTERM);
-    EXPECT_EQ(3, reap(pid));
+    EXPECT_TRUE(wait_until([&] { return has_event("exit 3 pid=" + std::to_string(pid)); }));
 }
 
 TEST_F(DaemonTest, BadStartupEnvironments) {

@@ -1,6 +1,5 @@
-// Transmit queues over real sockets: socket pairs with small send buffers and slow readers,
-// so sends stop part-way; release callbacks counted on every path; many
-// threads and sockets at once; peers that go away.
+// Transmit queues over socket pairs with small send buffers and slow readers: release
+// callbacks counted on every path; many threads and sockets at once; peers that go away.
 #include <ksutils/txqueuemanager.h>
 
 #include <fmt/format.h>
@@ -15,25 +14,17 @@
 #include <fstream>
 #include <thread>
 
-#include "kstest.h"
+#include "kslogcapture.h"
 
 namespace {
 
-// Both ends of a local stream connection; the sender's buffer is kept small. The queue sees
-// only a descriptor, so a TCP connection would take the same paths; the flag that once chose
-// one is still accepted and ignored.
-struct Connection {
-    int ours = -1, peer = -1;
+// A socket pair whose sending end has a small buffer, so that sends stop part-way. The queue
+// sees only a descriptor, so a TCP connection would take the same paths; the flag that once
+// chose one is still accepted and ignored.
+struct Connection : kstest::SocketPair {
     explicit Connection(bool = false) {
-        int sv[2];
-        ::socketpair(AF_UNIX, SOCK_STREAM, 0, sv);
-        ours = sv[0], peer = sv[1];
         const int small = 4096;
         ::setsockopt(ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-    }
-    ~Connection() {
-        for (int fd : {ours, peer})
-            if (fd >= 0) ::close(fd);
     }
     // Reads `n` bytes in small, slow pieces.
     std::string read_slowly(size_t n) const {
