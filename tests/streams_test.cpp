@@ -77,6 +77,7 @@ TEST(TranslateMode, FromModeTextAndOpenFlags) {
 
 TEST(Fstream, ReadsWritesAndReportsOpenFailure) {
     kstest::TempDir dir;
+    ASSERT_TRUE(kstest::write_file(dir / "f", "older and longer contents\n"));
     {
         ks::fstream out(dir / "f", "w");
         ASSERT_TRUE(out.is_open());

@@ -78,7 +78,7 @@ TEST_F(SubprocessTest, EndsPrematureFailedAndStubborn) {
     EXPECT_FALSE(empty.start());
     EXPECT_EQ(1u, empty.failure_count());
 
-    auto stubborn = child("exec sleep 30\n");
+    auto stubborn = child("trap '' TERM; exec sleep 30\n");  // only SIGKILL ends it
     ASSERT_TRUE(stubborn->start());
     const auto start = std::chrono::steady_clock::now();
     const std::string killed = log_.during([&] { stubborn->stop(true); });
