@@ -117,7 +117,6 @@ TEST(RequestRuntime, SendsAnswersAndGroups) {
 // The transport reads the request through its context; a request cancelled while the
 // transport holds it stays readable, and its late answer runs nothing.
 TEST(RequestRuntime, ContextIsTheRequestAndOutlivesItsCancel) {
-    kstest::LogCapture log("asyncutl_test");
     Harness h;
     const auto seen = [](void* ctx) {
         const auto* r = static_cast<const Request*>(ctx);
@@ -141,11 +140,10 @@ TEST(RequestRuntime, ContextIsTheRequestAndOutlivesItsCancel) {
     ASSERT_NE(h.pending.end(), late);
     EXPECT_EQ("2 1 svc://c", seen(late->second)) << "still held by the transport";
     const bool yes = true;
-    const std::string out = log.during([&] { late->first(late->second, &yes); });
+    late->first(late->second, &yes);
     EXPECT_EQ(0, handled);
     EXPECT_EQ(0, completed);
     EXPECT_EQ(2u, h.runtime.outstanding());
-    EXPECT_TRUE(kstest::has_record(out, "No request with id=2")) << out;
 }
 
 TEST(RequestRuntime, MistakesAreRefusedAndLogged) {

@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,8 +23,6 @@
 #include <vector>
 
 namespace {
-
-using namespace std::string_literals;
 
 const std::string kDaemon = std::string(KS_BINARY_DIR) + "/tests/ksdaemon_testd";
 const std::string kName = "ksdaemon_testd";
@@ -51,9 +48,8 @@ std::vector<std::string> lines_of(const std::string& text) {
 class DaemonTest : public ::testing::Test {
 protected:
     ~DaemonTest() override {
-        // waitpid reaps our own children and returns at once for the detached daemons.
         for (pid_t pid : started_)
-            if (alive(pid) && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
+            if (alive(pid)) ::kill(pid, SIGKILL);
         if (const pid_t pid = pidfile_holder(); pid > 0) ::kill(pid, SIGKILL);
         const std::string crash_root = "/tmp/kslogs" + root_.path();
         kstest::run("rm -rf '" + crash_root + "'; rmdir /tmp/kslogs/tmp /tmp/kslogs 2>/dev/null");
@@ -98,37 +94,18 @@ protected:
         return lock.holder_pid(pid) == 1 ? pid : -1;
     }
 
-    // Starts a program as our child without waiting for it; stdout and stderr go to
-    // `output_file`. Environment settings go first, as /usr/bin/env arguments.
-    pid_t spawn(std::vector<std::string> args, const std::string& output_file) {
-        args.insert(args.begin(), "/usr/bin/env");
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        const int out = ::open(output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-        const pid_t pid = ::fork();
-        if (pid == 0) {
-            ::dup2(out, 1);
-            ::dup2(out, 2);
-            ::execv(argv[0], argv.data());
-            ::_exit(127);
-        }
-        ::close(out);
-        started_.push_back(pid);
-        return pid;
-    }
-
-    // Reaps a child started with spawn(); its exit status, or -1.
-    int reap(pid_t pid) {
-        int status = 0;
-        if (::waitpid(pid, &status, 0) != pid) return -1;
-        std::replace(started_.begin(), started_.end(), pid, -1);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    // Starts `command` in the background, its output in `output_file`; its pid, remembered
+    // for clean-up.
+    pid_t background(const std::string& command, const std::string& output_file) {
+        std::string pid;
+        kstest::run(command + " >'" + output_file + "' 2>&1 & echo $!", &pid);
+        return started_.emplace_back(std::atoi(pid.c_str()));
     }
 
     // The settings server on this install root, once it answers a request.
     bool start_settings_server() {
-        const pid_t pid = spawn({kstest::tool_path("kssetter"), "-root", root_.path()}, root_ / "kssetter.out");
+        const pid_t pid = background("'" + kstest::tool_path("kssetter") + "' -root '" + root_.path() + "'",
+                                     root_ / "kssetter.out");
         return wait_until([&] { return setmgmt("set /kstest/ready 1") == 0 || !alive(pid); }) && alive(pid);
     }
 
@@ -139,7 +116,7 @@ protected:
     }
 
     kstest::InstallRoot root_;
-    std::vector<pid_t> started_;  // detached daemons and our own children
+    std::vector<pid_t> started_;  // daemons and servers, none of them our children
 };
 
 TEST_F(DaemonTest, CommandLineActionsAndFailures) {
@@ -152,6 +129,7 @@ TEST_F(DaemonTest, CommandLineActionsAndFailures) {
         {"-help", 0, {"Usage:", "Parameters for the '-start' sub-command:", "do not detach from the controlling terminal",
                       "-log-config <FILE>", "execute action from log config"}},
         {"-bogus", 1, {"Error: Parameter 1: unknown option", "Usage:"}},
+        // The daemon's own declarations: counts and the sub-command an option belongs to.
         {"-execute-log-config", 1, {"Error: Option '-log-config' must be specified exactly once", "Usage:"}},
         {"-start -no-detach -no-detach", 1, {"Error: ", "can only be used at most once", "Usage:"}},
         {"-stop -no-detach", 1, {"Error: ", "Usage:"}},
@@ -194,40 +172,24 @@ TEST_F(DaemonTest, StartDetachesLocksThePidFileAndStops) {
     EXPECT_TRUE(std::regex_match(out, std::regex("Sending stop signal to " + std::to_string(pid) + " \\.* done\n"))) << out;
     EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
     EXPECT_EQ(-1, pidfile_holder());
-    EXPECT_TRUE(has_event("exit 3 pid=" + std::to_string(pid)));
+    // The stop signal reached every notification, and the run callback returned after them;
+    // the run loop and the stop callback run on different threads, so compare as sets.
+    const auto all = events();
+    const auto exit = std::find(all.begin(), all.end(), "exit 3 pid=" + std::to_string(pid));
+    ASSERT_GE(exit - all.begin(), 2);
+    EXPECT_EQ((std::multiset<std::string>{"callback flag=1 stop_fd=readable", "pipe byte=1"}),
+              std::multiset<std::string>(exit - 2, exit));
 }
 
-TEST_F(DaemonTest, SignalsReachEveryStopNotification) {
-    struct Case {
-        int signal;
-        const char* mode;
-        std::vector<std::string> after_run;  // the events after "run", in order
-        const char* exit_status;
-    };
-    const Case cases[] = {
-        {SIGTERM, "normal", {"callback flag=1 stop_fd=readable", "pipe byte=1"}, "3"},
-        {SIGINT, "normal", {"callback flag=1 stop_fd=readable", "pipe byte=1"}, "3"},
-        {SIGINT, "flag-only", {"flag seen"}, "4"},
-    };
-    for (const Case& c : cases) {
-        kstest::run("rm -f '" + events_file() + "'");
-        std::string out;
-        ASSERT_EQ(0, daemon("-start", &out, c.mode)) << out;
-        const pid_t pid = wait_running();
-        ASSERT_GT(pid, 0);
-        ASSERT_EQ(0, ::kill(pid, c.signal));
-        const std::string exit_line = std::string("exit ") + c.exit_status + " pid=" + std::to_string(pid);
-        ASSERT_TRUE(wait_until([&] { return has_event(exit_line); })) << c.mode << " " << c.signal;
-        // The run loop and the stop callback run on different threads: compare as sets.
-        std::multiset<std::string> seen;
-        for (const auto& line : events())
-            if (line.rfind("callback", 0) == 0 || line.rfind("pipe", 0) == 0 || line.rfind("flag", 0) == 0)
-                seen.insert(line);
-        const std::multiset<std::string> expected(c.after_run.begin(), c.after_run.end());
-        EXPECT_EQ(expected, seen) << c.mode << " " << c.signal;
-        EXPECT_EQ(exit_line, events().back()) << "the run callback returns after the notifications";
-        EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
-    }
+// SIGINT stops as SIGTERM does, here for a daemon that only watches a stop flag.
+TEST_F(DaemonTest, InterruptSetsTheStopFlag) {
+    ASSERT_EQ(0, daemon("-start", nullptr, "flag-only"));
+    const pid_t pid = wait_running();
+    ASSERT_GT(pid, 0);
+    ASSERT_EQ(0, ::kill(pid, SIGINT));
+    ASSERT_TRUE(wait_until([&] { return has_event("exit 4 pid=" + std::to_string(pid)); }));
+    EXPECT_TRUE(has_event("flag seen"));
+    EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
 }
 
 TEST_F(DaemonTest, StopGivesUpOnADaemonIgnoringTerm) {
@@ -242,9 +204,7 @@ TEST_F(DaemonTest, StopGivesUpOnADaemonIgnoringTerm) {
 }
 
 TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnTerm) {
-    const pid_t pid = spawn({"KS_INSTALL_ROOT=" + root_.path(), "KSTEST_EVENTS=" + events_file(), kDaemon, "-start",
-                             "-no-detach"},
-                            root_ / "daemon.out");
+    const pid_t pid = background(env() + "'" + kDaemon + "' -start -no-detach", root_ / "daemon.out");
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(wait_until([&] { return has_event("run pid=" + std::to_string(pid)); })) << "runs in the started process";
     const kstest::ProcStat ids = kstest::proc_stat(pid);
@@ -253,7 +213,7 @@ TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnTerm) {
     EXPECT_EQ(root_ / "daemon.out", fd_target(pid, 1)) << "standard output kept";
     EXPECT_EQ(pid, pidfile_holder());
     ::kill(pid, SIGTERM);
-    EXPECT_EQ(3, reap(pid));
+    EXPECT_TRUE(wait_until([&] { return has_event("exit 3 pid=" + std::to_string(pid)); }));
 }
 
 TEST_F(DaemonTest, BadStartupEnvironments) {
@@ -319,8 +279,8 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     ASSERT_EQ(0u, seen.size() % 3);
     for (size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(round[i % 3], seen[i]) << "every callback once, in id order";
 
-    // A valid configuration reaches the running daemon through the settings server: its
-    // trace record of the change lands in a new output.
+    // A valid configuration reaches the running daemon through the settings server: the new
+    // output it names appears. (Reading it back is the log reader's own test.)
     const std::string config = root_ / "runtime.json";
     kstest::write_file(config, R"({"action":"update","channels":{"default":[)"
                                R"({"file":"$INSTALL_PATH/var/log/$IDENTITY","level":"info"},)"
@@ -328,14 +288,7 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     EXPECT_EQ(0, daemon("-execute-log-config -log-config='" + config + "'", &out)) << out;
     EXPECT_EQ("Static log config validation OK. Sending log config '" + config + "' to daemon ...\n", out);
     const std::string new_output = root_ / "var/log/runtime-output.0";
-    std::string plain;
-    ASSERT_TRUE(wait_until([&] {
-        plain.clear();
-        kstest::run("'" + kstest::tool_path("kslogreader") + "' -k '" + root_.private_key() + "' '" + new_output + "'",
-                    &plain);
-        return plain.find("Successfully executed action from '" + config + "'") != std::string::npos;
-    })) << plain;
-    EXPECT_NE(plain.find(" " + std::to_string(pid) + " trace "), std::string::npos) << "written by the daemon\n" << plain;
+    ASSERT_TRUE(wait_until([&] { return ::access(new_output.c_str(), F_OK) == 0; }));
 
     // A file that is not a log configuration is refused before it reaches the daemon.
     kstest::write_file(root_ / "bad.json", "not json");
@@ -347,6 +300,7 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     EXPECT_EQ(127, daemon("-execute-log-config -log-config=/no/such/file.json", &out));
     EXPECT_NE(out.find("Error: Failed to resolve path '/no/such/file.json'"), std::string::npos) << out;
 
+    // Stopping joins a settings thread that holds a subscription.
     EXPECT_EQ(0, daemon("-stop", &out, "normal", false)) << out;
     EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
 }
@@ -359,13 +313,8 @@ TEST_F(DaemonTest, CrashLeavesAReportAndAStalePidFileThatDoesNotBlockAStart) {
     const std::string dir = "/tmp/kslogs" + root_.path() + "/var/crash";
     std::string listing;
     kstest::run("ls '" + dir + "'", &listing);
-    const std::string file = kName + "-" + std::to_string(pid) + "-";
-    ASSERT_EQ(0u, listing.find(file)) << listing;
-    const std::string report = kstest::read_file(dir + "/" + lines_of(listing).at(0));
-    // The report's layout is the crash reporter's tests' business; here: the daemon's name and its frames.
-    for (const std::string& text :
-         {"program: " + kName, "signal: 11 (SIGSEGV)"s, "backtrace:\n"s, "run_daemon"s, "end of report\n"s})
-        EXPECT_NE(report.find(text), std::string::npos) << text << "\n" << report;
+    // Named after the daemon; the report's contents are the crash reporter's tests' business.
+    EXPECT_EQ(0u, listing.find(kName + "-" + std::to_string(pid) + "-")) << listing;
     EXPECT_EQ(-1, pidfile_holder()) << "the lock died with the process";
     EXPECT_EQ(std::to_string(pid) + "\n", kstest::read_file(root_ / ("var/run/" + kName + ".pid"))) << "left behind";
 
@@ -375,7 +324,6 @@ TEST_F(DaemonTest, CrashLeavesAReportAndAStalePidFileThatDoesNotBlockAStart) {
     const pid_t second = wait_running();
     ASSERT_GT(second, 0);
     EXPECT_EQ(second, pidfile_holder());
-    EXPECT_EQ(0, daemon("-stop", &out)) << out;
 }
 
 }  // namespace
