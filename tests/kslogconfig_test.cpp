@@ -4,7 +4,7 @@
 #include <ksutils/error.h>
 #include <ksutils/miscutl.h>
 
-#include "kslog_support.h"
+#include "kslog_fixture.h"
 
 namespace {
 

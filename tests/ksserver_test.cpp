@@ -38,8 +38,8 @@ protected:
 TEST_F(InProcessServer, ServesLocksNotifiesAndSavesOnStop) {
     ASSERT_TRUE(started_);
     sm::NotifyHandle* watch = sm::setNotification("/srv", true);
-    ASSERT_NE(nullptr, watch) << errorText();
-    ASSERT_EQ(0, sm::lockKey("/srv/locked")) << errorText();
+    ASSERT_NE(nullptr, watch) << kstest::error_text();
+    ASSERT_EQ(0, sm::lockKey("/srv/locked")) << kstest::error_text();
     EXPECT_EQ(0, sm::setKey("/srv/locked", "held"));
     EXPECT_EQ(0, sm::unlockKey("/srv/locked"));
     EXPECT_EQ(0, sm::setKey("/srv/name", "box"));
