@@ -156,32 +156,20 @@ TEST(SetMgmtClientUninitialized, InitNeedsItsLogChannel) {
 
 using SetMgmtServer = WithServer;
 
-TEST_F(SetMgmtServer, EveryRequestKind) {
+// What the command-line tool's table (CommandLineTool) does not reach: the byte-array
+// overloads, a listing appended to, deletes and a volatile key.
+TEST_F(SetMgmtServer, RequestKindsBeyondTheTool) {
     const unsigned char bin[] = {0, 'a', '\n', 0xff};
-    ASSERT_EQ(0, sm::setKey("/kinds/text", "line1\nline2"));
     ASSERT_EQ(0, sm::setKey("/kinds/bin", bin, sizeof bin));
+    ASSERT_EQ(0, sm::setKey("/kinds/text", "x"));
     ASSERT_EQ(0, sm::setKey("/kinds/empty", ""));
     ASSERT_EQ(0, sm::setKey("/tmp/kinds/volatile", "v"));
-
-    std::string text;
-    EXPECT_EQ(11, sm::getKey("/kinds/text", text));
-    EXPECT_EQ("line1\nline2", text);
     unsigned char* raw = nullptr;
     ASSERT_EQ(4, sm::getKey("/kinds/bin", raw));
     EXPECT_EQ(0, std::memcmp(raw, bin, 4));
     delete[] raw;
     EXPECT_EQ(0, sm::getKey("/kinds/empty", raw));
     EXPECT_EQ(nullptr, raw);
-
-    const std::tuple<const char*, ValueType, uint64_t> stats[] = {
-        {"/kinds/text", String, 11}, {"/kinds/bin", Binary, 4}, {"/kinds/empty", None, 0}, {"/kinds", None, 0}};
-    for (const auto& [key, type, size] : stats) {
-        NodeInfo info;
-        ASSERT_EQ(0, sm::statKey(key, info)) << key;
-        EXPECT_EQ(type, info.type) << key;
-        EXPECT_EQ(size, info.size) << key;
-    }
-
     std::vector<std::string> names{"before"};
     EXPECT_EQ(3, sm::enumSubkeys("/kinds", names));
     EXPECT_EQ((std::vector<std::string>{"before", "bin", "empty", "text"}), names);
@@ -189,11 +177,9 @@ TEST_F(SetMgmtServer, EveryRequestKind) {
     EXPECT_FALSE(sm::keyDeleted("/kinds/text"));
     ASSERT_EQ(0, sm::deleteKey("/kinds/text"));
     EXPECT_TRUE(sm::keyDeleted("/kinds/text"));
-    EXPECT_TRUE(failed(sm::getKey("/kinds/text", text), ks::E_INVAL, "Key not found"));
     EXPECT_EQ(-1, sm::deleteKey("/kinds/text"));
     // Characters the settings file reserves are refused by the server.
     EXPECT_TRUE(failed(sm::setKey("/kinds/a=b", "x"), ks::E_INVAL));
-
     DebugInfo debug;
     ASSERT_EQ(0, sm::getDebugInfo(debug));
     EXPECT_GE(debug.connections, 1u);
@@ -330,6 +316,7 @@ TEST_F(SetMgmtServer, CommandLineTool) {
         {"get /cli/blob", 0, blob},
         {"set /cli/empty ''", 0, ""},
         {"stat /cli/empty", 0, "none 0\n"},
+        {"stat /cli", 0, "none 0\n"},
         {"lock-set /cli/locked yes", 0, ""},
         {"get /cli/locked", 0, "yes"},
         {"enum /cli", 0, "blob\nempty\nlocked\nname\n"},
