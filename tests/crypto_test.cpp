@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "crypto_support.h"
+#include "crypto_fixture.h"
 
 namespace {
 

@@ -13,7 +13,6 @@
 #include <sys/mount.h>
 
 #include <atomic>
-#include <cstdio>
 #include <fstream>
 #include <map>
 #include <random>
@@ -28,10 +27,6 @@ namespace sm = ks::setMgmt;
 std::string setRecord(const std::string& key, const std::string& value) {
     return Journal::encodeSet(key, ks::storage::String, reinterpret_cast<const unsigned char*>(value.data()),
                               value.size());
-}
-
-void writeFile(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 std::string valueOf(const Store& store, const std::string& key) {
@@ -65,7 +60,7 @@ TEST(Journal, ReplayAppliesWholeRecordsAndTellsTornFromDamaged) {
     for (const Case& t : cases) {
         SCOPED_TRACE(t.name);
         const std::string path = dir / "storage.data.journal";
-        writeFile(path, t.bytes);
+        kstest::write_file(path, t.bytes);
         Store store;
         const Journal::Replay r = Journal(path).replay(store);
         EXPECT_EQ(r.applied, t.applied);
@@ -83,7 +78,7 @@ TEST(Journal, StartUpStopsAtDamageAndKeepsTheJournalAside) {
     const std::string file = dir / "storage.data", journal = file + ".journal";
     std::string second = setRecord("/p/b", "2");
     second[second.size() - 1] ^= 1;
-    writeFile(journal, setRecord("/p/a", "1") + second + setRecord("/p/c", "3"));
+    kstest::write_file(journal, setRecord("/p/a", "1") + second + setRecord("/p/c", "3"));
     ks::Executor loop;
     Store store;
     ks::setter::Persistence persistence(loop, store, file);
@@ -195,11 +190,8 @@ TEST(Journal, FullDiskRefusesWritesAndLosesNoAcknowledgedOne) {
         ++refused;
         ASSERT_TRUE(failed(-1, ks::E_SYSTEM, "System error: No space left on device")) << key;
         EXPECT_EQ(sm::getKeyValue(key, "<none>"), acked.count(key) ? acked[key] : "<none>") << key;
-        EXPECT_EQ(sm::setKey("/tmp/full/" + std::to_string(written), "kept"), 0) << errorText();
+        EXPECT_EQ(sm::setKey("/tmp/full/" + std::to_string(written), "kept"), 0) << kstest::error_text();
     }
-    std::printf("full disk: %zu key(s), %d write(s) acknowledged, %d refused\n", acked.size(), written - refused,
-                refused);
-    std::fflush(stdout);
     ASSERT_GT(refused, 0) << "the disk never filled";
     auto expectAcked = [&](const char* when) {
         inThread([&] {
@@ -216,7 +208,7 @@ TEST(Journal, FullDiskRefusesWritesAndLosesNoAcknowledgedOne) {
     ASSERT_EQ(::unlink((root() / "etc/filler").c_str()), 0);
     server.start();
     expectAcked("after a start with room");
-    inThread([] { EXPECT_EQ(sm::setKey("/full/after", "room"), 0) << errorText(); });
+    inThread([] { EXPECT_EQ(sm::setKey("/full/after", "room"), 0) << kstest::error_text(); });
     EXPECT_EQ(server.stop(), 0);
     Store saved;
     ASSERT_EQ(Store::checkHash(storagePath()) + saved.load(storagePath()), 0);

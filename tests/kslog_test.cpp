@@ -19,7 +19,7 @@
 #include <map>
 #include <thread>
 
-#include "kslog_support.h"
+#include "kslog_fixture.h"
 
 namespace {
 
@@ -287,31 +287,6 @@ TEST_F(LoggerTest, ThreadsWriteWholeRecords) {
         });
     for (auto& th : pool) th.join();
     EXPECT_EQ(count_whole_records(root / "var/log/kstestd.mt.0", root.private_key()), 800u);
-}
-
-// Several processes share one small rotating file: every surviving record is whole, each
-// process's run starts with its own key block, and no more than `num` files exist.
-TEST_F(LoggerTest, ProcessesShareARotatingFile) {
-    start();
-    ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"mp","level":"info","size":16384,"num":2}]}})"),
-              0);
-    std::vector<pid_t> children;
-    for (int p = 0; p < 4; ++p) {
-        const pid_t pid = ksfork();
-        if (pid == 0) {
-            for (int i = 0; i < 300; ++i) kslogtest::log(0, 2, numbered(p, i));
-            ::_exit(0);
-        }
-        if (pid > 0) children.push_back(pid);
-    }
-    for (pid_t pid : children) EXPECT_EQ(exit_status(pid), 0);
-    ASSERT_EQ(children.size(), 4u);
-    const std::string base = root / "var/log/kstestd.mp.";
-    EXPECT_LT(file_size(base + "2"), 0);
-    const size_t total =
-        count_whole_records(base + "1", root.private_key()) + count_whole_records(base + "0", root.private_key());
-    EXPECT_GT(total, 0u);
-    EXPECT_LT(total, 1200u) << "the test meant to rotate";
 }
 
 // The log file stays open between records: a current file removed by another hand is

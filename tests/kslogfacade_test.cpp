@@ -6,7 +6,7 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include "kslog_support.h"
+#include "kslog_fixture.h"
 
 namespace {
 

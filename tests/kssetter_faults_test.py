@@ -1,19 +1,16 @@
 #!/usr/bin/env python3
 """The settings server under injected I/O errors, one failing system call per run.
 
-A small scripted workload (persistent sets and deletes, overwrites of one key, a "/tmp" set,
-two clients at once) runs against the real server started under strace, which makes the Nth
-call of one system call on the settings files fail with ENOSPC or EIO, either that call
-alone (a passing fault) or every call from it on (a disk that stays full or broken); every N
-that the start-up, the workload and the stop reach is run. Afterwards the server is started
-again without faults: each write the client saw acknowledged must have its last acknowledged
-value ("lost" counts the keys that do not), a refused one must not show, the server must never
-have died of anything but the stop it was sent, and the settings file it leaves after a clean
-stop must pass its checksum.
+A small workload (persistent sets and deletes, overwrites, a "/tmp" set, two clients at once)
+runs against the real server under strace, which fails the Nth call of one system call on the
+settings files with ENOSPC or EIO, that call alone or every call from it on; every N that the
+start-up, the workload and the stop reach is run. Started again without faults, the server
+must hold each acknowledged write's last value and no refused one, must never have died of
+anything but the stop it was sent, and must leave a settings file that passes its checksum.
 
 Usage: kssetter_faults_test.py KSSETTER KSSETMGMT
-Exit status 0 when every run kept every acknowledged write, 1 otherwise, 77 when it cannot
-run here (no strace, or an emulated target).
+Exit status 0 when every run kept every acknowledged write, 1 otherwise, 77 without strace or
+on an emulated target.
 """
 import hashlib
 import os
@@ -222,15 +219,12 @@ def main():
             print("the workload fails without faults:", *problems, sep="\n  ")
             return 1
         print("calls without faults:", ", ".join(f"{name} {calls[name]}" for name in SYSCALLS))
-        print(f"{'':18} {'the Nth call fails':>21}   {'every call from the Nth fails':>29}")
-        print(f"{'call':<10} {'errno':<7} {'runs':>6} {'refused':>7} {'lost':>5}   {'runs':>6} {'refused':>7} "
-              f"{'lost':>5}  problems")
         failed = False
         for syscall in SYSCALLS:
             for error in ERRNOS:
-                row, messages = f"{syscall:<10} {error:<7}", []
-                for suffix in ["", "+"]:
+                for suffix in ["", "+"]:  # the Nth call alone, every call from the Nth on
                     runs = total_refused = total_lost = 0
+                    messages = []
                     # A failure changes what follows (retries, rewrites), so N goes on until a
                     # run no longer reaches it.
                     for n in range(1, 2 * calls[syscall] + 10):
@@ -238,16 +232,11 @@ def main():
                                                                    f"{n}{suffix}")
                         if not reached and not problems:
                             break
-                        runs += 1
-                        total_refused += refusals
-                        total_lost += lost
-                        messages += [f"{syscall}#{n}{suffix} {error}: {p}" for p in problems]
-                    failed |= runs == 0
-                    row += f" {runs:>6} {total_refused:>7} {total_lost:>5}  "
-                print(f"{row}{len(messages)}")
-                for m in messages:
-                    print("  " + m)
-                failed |= bool(messages)
+                        runs, total_refused, total_lost = runs + 1, total_refused + refusals, total_lost + lost
+                        messages += [f"  {syscall}#{n}{suffix} {error}: {p}" for p in problems]
+                    print(f"{syscall}#N{suffix} {error}: {runs} runs, {total_refused} refused, {total_lost} lost",
+                          *messages, sep="\n")
+                    failed |= runs == 0 or bool(messages)
         return 1 if failed else 0
 
 

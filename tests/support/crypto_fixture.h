@@ -15,18 +15,20 @@
 
 namespace kstest {
 
+// The little-endian 32-bit number at `at` in `bytes`.
+inline uint32_t le32(const std::string& bytes, size_t at) {
+    uint32_t v = 0;
+    for (size_t i = 4; i-- > 0;) v = v << 8 | static_cast<unsigned char>(bytes[at + i]);
+    return v;
+}
+
 // The framing of an encrypted log file, parsed independently of the library: (type,
 // payload) of each block. `whole` says whether the header was ours and no block was torn.
 inline std::vector<std::pair<int, std::string>> blocks_of(const std::string& file, bool* whole = nullptr) {
-    auto le32 = [&](size_t at) {
-        uint32_t v = 0;
-        for (size_t i = 4; i-- > 0;) v = v << 8 | static_cast<unsigned char>(file[at + i]);
-        return v;
-    };
     std::vector<std::pair<int, std::string>> blocks;
     size_t pos = 32;
-    for (; pos + 5 <= file.size() && pos + 5 + le32(pos + 1) <= file.size(); pos += 5 + blocks.back().second.size())
-        blocks.emplace_back(file[pos], file.substr(pos + 5, le32(pos + 1)));
+    for (; pos + 5 <= file.size() && pos + 5 + le32(file, pos + 1) <= file.size(); pos += 5 + blocks.back().second.size())
+        blocks.emplace_back(file[pos], file.substr(pos + 5, le32(file, pos + 1)));
     if (whole) *whole = file.compare(0, 4, "KSCL") == 0 && file.size() >= 32 && pos == file.size();
     return blocks;
 }

@@ -47,14 +47,11 @@ inline kstest::InstallRoot& root() {
 }
 
 inline std::string storagePath() { return root() / "etc/storage.data"; }
-inline std::string errorText() { return std::string(ks::_get_kserrno().message_view()); }
-
 // Whether a call returned -1 and set `code` (and `message`, when given) in the error record.
 inline ::testing::AssertionResult failed(int64_t returned, int code, const char* message = nullptr) {
-    if (returned == -1 && ks::_get_kserrno().code == code && (!message || errorText() == message))
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "returned " << returned << ", error " << ks::_get_kserrno().code << " \""
-                                         << errorText() << '"';
+    const std::string text = kstest::error_text(), want = std::string(ks::error_name(code)) + " " + (message ? message : "");
+    if (returned == -1 && (message ? text == want : text.rfind(want, 0) == 0)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "returned " << returned << ", error " << text;
 }
 
 inline sockaddr_un socketAddress() {
@@ -85,15 +82,10 @@ public:
         char* argv[] = {const_cast<char*>(tool.c_str()), const_cast<char*>("-root"), const_cast<char*>(dir.c_str()),
                         nullptr};
         ASSERT_EQ(0, ::posix_spawn(&pid_, tool.c_str(), nullptr, nullptr, argv, environ));
-        for (int i = 0; i < 1000; ++i) {
-            if (connectRaw()) return;
-            if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
-                pid_ = -1;
-                FAIL() << "kssetter exited during start-up";
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        FAIL() << "kssetter did not start listening";
+        bool exited = false;
+        ASSERT_TRUE(kstest::wait_until([&] { return connectRaw() || (exited = ::waitpid(pid_, nullptr, WNOHANG) == pid_); }));
+        if (exited) pid_ = -1;
+        ASSERT_FALSE(exited) << "kssetter exited during start-up";
     }
 
     // Sends SIGTERM and reaps the child; returns its exit status (-1 when killed by a signal).
@@ -209,7 +201,7 @@ private:
 struct ClientScope {
     ClientScope() {
         root();
-        EXPECT_EQ(0, ks::setMgmt::init()) << errorText();
+        EXPECT_EQ(0, ks::setMgmt::init()) << kstest::error_text();
     }
     ~ClientScope() { ks::setMgmt::uninit(); }
 };

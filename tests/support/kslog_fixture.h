@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "crypto_support.h"
+#include "crypto_fixture.h"
 
 namespace kslogtest {
 
