@@ -133,13 +133,17 @@ ctest_regex() {  # program regex -> anchored regex of the test names
     END { if (!n) exit 1 }' "$work/tests.tsv" | sed 's/^/^(/; s/$/)$/'
 }
 
+# The build's targets, so that a test program a tree no longer has is not asked for.
+cmake --build "$bin" --target help 2>/dev/null | sed -n 's/^\.\.\. \([^ ]*\).*/\1/p' > "$work/targets"
 targets_for() {  # source file -> the build targets it goes into
+  local t
   case "$1" in
-    src_cpp/kssetter/server/*) echo "ksserver kssetter ksserver_test ksjournal_test" ;;
-    tools/*.cpp) basename "$1" .cpp ;;
-    src/*|src_cpp/*) echo "ksutils" ;;
-    *) echo "all" ;;
+    src_cpp/kssetter/server/*) set -- ksserver kssetter ksserver_test ksjournal_test ;;
+    tools/*.cpp) set -- "$(basename "$1" .cpp)" ;;
+    src/*|src_cpp/*) set -- ksutils ;;
+    *) set -- all ;;
   esac
+  for t in "$@"; do [ "$t" = all ] || grep -qx "$t" "$work/targets" && echo "$t"; done | paste -sd' '
 }
 
 # Fields: id, file, programs, description, change.
