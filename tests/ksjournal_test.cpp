@@ -106,6 +106,7 @@ TEST(Journal, AcknowledgedWritesSurviveKill9) {
             std::map<std::string, std::string> acked, inflight;
         } writers[4];
         std::atomic<bool> stop{false};
+        inThread([] { EXPECT_EQ(0, sm::setKey("/tmp/dur", "volatile")); });
         std::vector<std::thread> threads;
         for (int t = 0; t < 4; ++t)
             threads.emplace_back([&, t] {
@@ -141,6 +142,7 @@ TEST(Journal, AcknowledgedWritesSurviveKill9) {
                     << key << " is " << now << ", acknowledged " << value;
             }
             EXPECT_EQ(sm::getKeyValue("/dur/torn", "<none>"), "<none>");
+            EXPECT_EQ(sm::getKeyValue("/tmp/dur", "<none>"), "<none>") << "volatile keys die with the server";
             for (const auto& [key, value] : inflight) acked[key] = sm::getKeyValue(key, "<none>");
             inflight.clear();
         });
