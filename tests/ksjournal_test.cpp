@@ -149,6 +149,12 @@ TEST(Journal, AcknowledgedWritesSurviveKill9) {
         EXPECT_EQ(Store::checkHash(storagePath()), 0);
     }
     EXPECT_GE(acked.size(), 8u) << "the clients should have written between the kills";
+    // A burst past the journal's limit is folded into the file at once, not at the next save.
+    inThread([] {
+        for (int i = 0; i < 5; ++i) EXPECT_EQ(0, sm::setKey("/dur/big" + std::to_string(i), std::string(1u << 20, 'x')));
+    });
+    const auto journal = std::ifstream(storagePath() + ".journal", std::ios::ate).tellg();
+    EXPECT_LT(static_cast<uint64_t>(journal), ks::setter::Persistence::kJournalLimit);
 }
 
 // A tmpfs of `options` over `dir`, in a mount namespace that only the calling thread and the
