@@ -106,6 +106,7 @@ TEST(Journal, AcknowledgedWritesSurviveKill9) {
             std::map<std::string, std::string> acked, inflight;
         } writers[4];
         std::atomic<bool> stop{false};
+        inThread([] { EXPECT_EQ(0, sm::setKey("/tmp/dur", "volatile")); });
         std::vector<std::thread> threads;
         for (int t = 0; t < 4; ++t)
             threads.emplace_back([&, t] {
@@ -141,12 +142,19 @@ TEST(Journal, AcknowledgedWritesSurviveKill9) {
                     << key << " is " << now << ", acknowledged " << value;
             }
             EXPECT_EQ(sm::getKeyValue("/dur/torn", "<none>"), "<none>");
+            EXPECT_EQ(sm::getKeyValue("/tmp/dur", "<none>"), "<none>") << "volatile keys die with the server";
             for (const auto& [key, value] : inflight) acked[key] = sm::getKeyValue(key, "<none>");
             inflight.clear();
         });
         EXPECT_EQ(Store::checkHash(storagePath()), 0);
     }
     EXPECT_GE(acked.size(), 8u) << "the clients should have written between the kills";
+    // A burst past the journal's limit is folded into the file at once, not at the next save.
+    inThread([] {
+        for (int i = 0; i < 5; ++i) EXPECT_EQ(0, sm::setKey("/dur/big" + std::to_string(i), std::string(1u << 20, 'x')));
+    });
+    const auto journal = std::ifstream(storagePath() + ".journal", std::ios::ate).tellg();
+    EXPECT_LT(static_cast<uint64_t>(journal), ks::setter::Persistence::kJournalLimit);
 }
 
 // A tmpfs of `options` over `dir`, in a mount namespace that only the calling thread and the

@@ -237,7 +237,8 @@ TEST_F(SetMgmtServer, LockRules) {
     b.join();
     inThread([] {
         EXPECT_EQ(0, sm::lockKey("/locks/k"));
-        EXPECT_EQ(0, sm::unlockKey("/locks/k"));
+        EXPECT_EQ(-1, sm::unlockKey("/locks/other"));  // refused: the server keeps /locks/k locked
+        EXPECT_EQ(-1, sm::lockKey("/locks/k")) << "the server still counts /locks/k as held";
     });
 }
 
@@ -358,19 +359,24 @@ TEST_F(SetMgmtServer, CommandLineTool) {
 TEST_F(SetMgmtServer, Notifications) {
     sm::NotifyHandle* keyed = sm::setNotification("/notify", true);
     sm::NotifyHandle* plain = sm::setNotification("/notify/a", false);
-    ASSERT_NE(nullptr, keyed);
-    ASSERT_NE(nullptr, plain);
+    sm::NotifyHandle* below = sm::setNotification("/notify/a", true);
+    ASSERT_TRUE(keyed && plain && below);
 
     std::set<std::string> keys, plainKeys;
     EXPECT_TRUE(failed(sm::waitNotification(plain, 0, keys), ks::E_TIMEDOUT));
 
     int i = 0;
-    for (const char* key : {"/notify/a", "/notify/a", "/notify/a", "/notify/b", "/elsewhere", "/notify/a/deeper"})
+    for (const char* key :
+         {"/notify/a", "/notify/a", "/notify/a", "/notify/b", "/elsewhere", "/notify", "/notify/a/deeper"})
         ASSERT_EQ(0, sm::setKey(key, std::to_string(i++)));
-    EXPECT_EQ(5, collect(keyed, 5, &keys));
-    EXPECT_EQ((std::set<std::string>{"/notify/a", "/notify/b", "/notify/a/deeper"}), keys);
+    EXPECT_EQ(6, collect(keyed, 6, &keys));
+    EXPECT_EQ((std::set<std::string>{"/notify", "/notify/a", "/notify/b", "/notify/a/deeper"}), keys);
     EXPECT_EQ(4, collect(plain, 4, &plainKeys));
     EXPECT_EQ(std::set<std::string>{"/notify/a"}, plainKeys);
+    std::set<std::string> belowKeys;  // a set of /notify, if posted here, arrives before /notify/a/deeper
+    EXPECT_GE(collect(below, 4, &belowKeys), 4);
+    EXPECT_EQ((std::set<std::string>{"/notify/a", "/notify/a/deeper"}), belowKeys) << "a set leaves the subtree";
+    sm::cancelNotification(below);
 
     // Deleting a parent removes the subscribed key too.
     ASSERT_EQ(0, sm::deleteKey("/notify"));

@@ -15,6 +15,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <future>
+
 namespace {
 
 TEST(StringView, Split) {
@@ -57,6 +59,8 @@ TEST(Hex, AgreesWithCoreutilsAndRefusesBadText) {
         EXPECT_EQ(out.size(), 2u) << bad;
         EXPECT_EQ(ks::_get_kserrno().code, ks::E_INVAL);
     }
+    EXPECT_FALSE(ks::hex_decode(ks::string_view("abcd", 3), upper)) << "the length, not the NUL, ends the text";
+    EXPECT_EQ(kstest::error_text(), "E_INVAL Hexadecimal text of odd length");
 }
 
 TEST(HumanSize, Units) {
@@ -111,9 +115,12 @@ TEST(ProcessLock, HolderPidVisibleToOtherProcesses) {
     EXPECT_EQ(other.lock(), 0);
     EXPECT_EQ(kstest::read_file(file), std::to_string(pid) + "\n") << "pid text for start-stop-daemon";
 
+    auto waited = std::async(std::launch::async, [&] { return other.wait_lock(); });
+    while (waited.wait_for(std::chrono::milliseconds(1)) == std::future_status::timeout &&
+           kstest::read_file("/proc/locks").find("->") == std::string::npos) {}  // until it blocks
     child.release(true);  // the holder exits, which releases the lock
+    EXPECT_EQ(waited.get(), 1);
     EXPECT_EQ(other.holder_pid(holder), 0);
-    EXPECT_EQ(other.wait_lock(), 1);
     EXPECT_EQ(kstest::read_file(file), std::to_string(getpid()) + "\n");
     EXPECT_EQ(other.unlock(), 0);
 
