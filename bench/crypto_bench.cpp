@@ -4,6 +4,7 @@
 // The log writer figures include what a record costs on its way to disk: the header check,
 // the encryption and the one writev of the block. Files live in $TMPDIR (page cache), so
 // the disk itself is not measured.
+#include "bench_util.h"
 #include <kscrypto.h>
 #include <kscryptolog.h>
 #include <ksutils/unique_fd.h>
@@ -21,18 +22,11 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::seconds_since;
+using bench::temp_dir;
 
-double seconds_since(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
-std::string temp_dir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/crypto_bench.XXXXXX";
-    if (!::mkdtemp(templ.data())) return {};
-    return templ;
-}
 
 int run_quiet(const std::string& command, std::string* output = nullptr) {
     std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), &::pclose);
@@ -118,7 +112,7 @@ void row(const char* name, double rate, double baseline) {
 }  // namespace
 
 int main() {
-    const std::string dir = temp_dir();
+    const std::string dir = temp_dir("crypto_bench");
     if (dir.empty()) {
         std::fprintf(stderr, "crypto_bench: cannot create a temporary directory\n");
         return 1;

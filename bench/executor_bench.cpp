@@ -3,6 +3,7 @@
 // write. The same ping-pong runs on raw epoll (the floor: no table, no callbacks) and, when
 // built with it, on libuv. Rounds alternate between the loops and the best round of each
 // counts, which keeps a busy shared machine from favouring whichever ran first.
+#include "bench_util.h"
 #include <ksutils/executor.h>
 
 #include <sys/epoll.h>
@@ -23,7 +24,8 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::seconds_since;
 
 // One pair of non-blocking eventfds, closed at the end of the round.
 struct Pair {
@@ -45,9 +47,6 @@ inline void wake(int fd) {
     if (::write(fd, &one, sizeof one) < 0) std::abort();
 }
 
-double seconds_since(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 double raw_epoll(long events) {
     Pair p;

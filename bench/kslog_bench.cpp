@@ -11,6 +11,7 @@
 // lookup costs the same. Five runs; in each, the file writers take turns in short slices
 // and a ratio is the median of the slices' ratios, so a burst of load on a shared machine
 // does not fall on one side of a ratio only. Medians and spreads of the runs.
+#include "bench_util.h"
 #include <kslog.h>
 
 #include <fcntl.h>
@@ -28,7 +29,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::seconds_since;
+using bench::temp_dir;
 
 constexpr int kRuns = 5;
 constexpr int kRounds = 3;
@@ -38,14 +41,7 @@ constexpr int kSliceRecords = kRecords / kSlices;
 constexpr int kSuppressed = 5000000;
 constexpr uint64_t kRotateAt = 262144;
 
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-std::string temp_dir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/kslog_bench.XXXXXX";
-    if (!::mkdtemp(templ.data())) return {};
-    return templ;
-}
 
 // A typical record: the header template, a source position and a short message.
 std::string sample_record() {
@@ -182,7 +178,7 @@ bool configure(const std::string& json) {
 }  // namespace
 
 int main() {
-    const std::string root = temp_dir();
+    const std::string root = temp_dir("kslog_bench");
     if (root.empty() || ::mkdir((root + "/etc").c_str(), 0755) != 0) return 1;
     const std::string command = "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 2>/dev/null | "
                                 "openssl pkey -pubout -out '" + root + "/etc/logs-pub.pem' 2>/dev/null";

@@ -11,6 +11,7 @@
 // Files live in $TMPDIR (page cache), so the disk itself is not measured. The rounds of all
 // measurements are taken in turns; the median and the range of each are printed. With
 // KS_BENCH_KEEP set, the key and the files are kept (their directory is printed).
+#include "bench_util.h"
 #include <kscryptolog.h>
 #include <ksutils/crypto.h>
 #include <ksutils/unique_fd.h>
@@ -29,16 +30,11 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::seconds_since;
+using bench::temp_dir;
 
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-std::string temp_dir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/kslogreader_bench.XXXXXX";
-    if (!::mkdtemp(templ.data())) return {};
-    return templ;
-}
 
 // Writes `outputs` log files of about `bytes` each; the number of records written.
 long write_outputs(const std::string& dir, const std::string& public_key, int outputs, long bytes) {
@@ -96,7 +92,7 @@ int main(int argc, char** argv) {
     tool = tool.substr(0, tool.rfind('/'));
     tool = tool.substr(0, tool.rfind('/')) + "/tools/kslogreader";
 
-    const std::string root = temp_dir();
+    const std::string root = temp_dir("kslogreader_bench");
     if (root.empty() || ::mkdir((root + "/logs").c_str(), 0755) != 0) return 1;
     const std::string private_key = root + "/key.pem", public_key = root + "/pub.pem", logs = root + "/logs";
     if (std::system(("openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out '" + private_key +
