@@ -146,9 +146,10 @@ TEST(TxQueueManager, PeerClosingMidStreamReleasesWithoutSigpipeOrLeak) {
         gone.peer = -1;
         kstest::wait_until([&] { return released.count == 4; }, std::chrono::seconds(2));
         EXPECT_EQ(4, released.count) << "the dead socket's buffers are released";
-        const std::string note = "still working";  // must outlive its send
+        const std::string note = "still working";  // must outlive its release, not only its send
         ASSERT_TRUE(m.add(alive.ours, released.buffer(note)));
         EXPECT_EQ("still working", alive.read_slowly(13));
+        kstest::wait_until([&] { return released.count == 5; }, std::chrono::seconds(2));
         m.remove(gone.ours);
     }
     m.uninit();
