@@ -85,6 +85,8 @@ private:
     void doom(Client& c);
     // Work left by a callback: resumed lock waiters, output to send, connections to close.
     void finish();
+    // Before a commit: lets the clients the last commit answered add their next requests.
+    void gatherForCommit();
     void closeClient(int fd);
     void releaseLock(const std::string& key);
     void notify(const std::string& key, bool subtreeGone);
@@ -103,6 +105,8 @@ private:
     bool watchingSignals_ = false;
     bool watchingStopEvent_ = false;
     bool stopped_ = false;
+    // Set by a round that read a request; run() keeps polling for a short while after one.
+    bool servedRequest_ = false;
 
     std::unordered_map<int, std::unique_ptr<Client>> clients_;
     Subscriptions subscriptions_;
@@ -120,6 +124,10 @@ private:
         size_t at;
     };
     std::vector<Uncommitted> uncommitted_;
+    // The clients whose persistent changes the last commit made durable, and how many
+    // commits there have been (a client's readAt below it: nothing read since the last one).
+    std::vector<int> lastCommitted_;
+    uint64_t commits_ = 0;
 };
 
 }  // namespace setter
