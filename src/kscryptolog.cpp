@@ -502,8 +502,7 @@ ssize_t crypto_log_writer_encrypt_at(crypto_log_writer* writer, int fd, const ch
         std::memcpy(key_block + kBlockHead, writer->wrapped_key, RSA_BLOCK_SIZE);
     }
     unsigned char* const start = with_key ? key_block : record_block;
-    const struct iovec all = {start, static_cast<size_t>(ciphertext + size - start)};
-    if (writev_all(fd, &all, 1) < 0) {
+    if (write_all(fd, start, static_cast<size_t>(ciphertext + size - start), 1) < 0) {
         ks::_get_kserrno().set(ks::E_SYSTEM, "cannot append to the log file");
         // The header may name us while the file's last key block is another's, or a block
         // of ours may be left torn (when even taking it back failed). Either way the next

@@ -5,7 +5,7 @@
 // rotate it once.
 //
 // A log file stays open between records, and each record asks stat() under the
-// cross-process lock whether the path still names it (see write_file_record): cheaper
+// cross-process lock whether the path (its name in its directory) still names it (see write_file_record): cheaper
 // than opening it for every record, and deciding exactly as that would.
 #include "kslog_tables.h"
 
@@ -56,7 +56,13 @@ void rotate(const shared_file& file) {
 }
 
 // Opens the path's current file and learns which file it is; false when it cannot be opened.
+// The directory is opened again with it (before it: should the directory be replaced in
+// between, the next record's check finds the name missing and comes back here).
 bool reopen(shared_file& file, struct stat& st) {
+    const size_t slash = file.current.rfind('/');
+    file.dir_fd.reset(::open(slash == 0 ? "/" : file.current.substr(0, slash).c_str(),
+                             O_PATH | O_DIRECTORY | O_CLOEXEC));
+    file.current_name = file.current.substr(slash + 1);
     file.log_fd.reset(::open(file.current.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     file.end = -1;
     file.header_ours = false;
@@ -73,9 +79,12 @@ bool reopen(shared_file& file, struct stat& st) {
 //
 // The file stays open between records; what a fresh open(), lseek(SEEK_END) and read of the
 // header would learn is learnt more cheaply, with the same answers:
-//  - Which file: stat() of the path. Our open descriptor keeps its inode alive, so no other
-//    file can carry its device and inode numbers; equal numbers mean the path still names
-//    our file, otherwise (another process rotated or removed it) the path is opened again.
+//  - Which file: stat() of the name in the directory we opened it in (a lookup of one name
+//    instead of a walk of the whole path). Our open descriptor keeps its inode alive, so no
+//    other file can carry its device and inode numbers; equal numbers mean the name still
+//    names our file, otherwise (another process rotated or removed it, or the directory was
+//    removed) the path is opened again. (A directory renamed away whole keeps its files
+//    receiving records until the next rotation opens the path again.)
 //  - The size: from the same stat(), taken under the lock that every writer of the file
 //    holds while it writes, so it is the end that lseek would give.
 //  - Whose key the file carries: every change to a log file is made under that lock and
@@ -94,8 +103,8 @@ void write_file_record(shared_file& file, const char* record, size_t length) {
         file.header_ours = false;
     }
     struct stat st;
-    bool ready = file.log_fd && ::stat(file.current.c_str(), &st) == 0 && st.st_dev == file.dev &&
-                 st.st_ino == file.ino;
+    bool ready = file.log_fd && file.dir_fd && ::fstatat(file.dir_fd.get(), file.current_name.c_str(), &st, 0) == 0 &&
+                 st.st_dev == file.dev && st.st_ino == file.ino;
     if (!ready) ready = reopen(file, st);
     if (ready && locked && static_cast<uint64_t>(st.st_size) >= file.max_size) {
         rotate(file);

@@ -43,6 +43,10 @@ struct shared_file {
     // knowledge belongs to the process that gathered it: a forked child shares the
     // descriptor but not the header's process id, and starts over.
     ks::unique_fd log_fd;
+    // The directory the current file was opened in, and the file's name in it: the check
+    // of every record looks the name up from there instead of walking the whole path.
+    ks::unique_fd dir_fd;
+    std::string current_name;
     dev_t dev = 0;
     ino_t ino = 0;
     pid_t known_by = 0;
