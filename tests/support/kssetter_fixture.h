@@ -107,18 +107,12 @@ private:
 // Runs `fn` on a new thread and waits for it: a fresh per-thread connection each time.
 inline void inThread(const std::function<void()>& fn) { std::thread(fn).join(); }
 
-// Moves exactly `n` bytes; false when the peer went away first.
-inline bool transfer(int fd, char* p, size_t n, bool sending) {
-    while (n) {
-        const ssize_t r = sending ? ::send(fd, p, n, MSG_NOSIGNAL) : ::recv(fd, p, n, 0);
-        if (r <= 0) return false;
-        p += r;
-        n -= static_cast<size_t>(r);
-    }
-    return true;
+// Moves exactly `n` bytes over a blocking stream socket (which waits for all of them); false
+// when the peer went away first.
+inline bool readAll(int fd, void* out, size_t n) { return ::recv(fd, out, n, MSG_WAITALL) == static_cast<ssize_t>(n); }
+inline bool writeAll(int fd, const std::string& bytes) {
+    return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
-inline bool readAll(int fd, void* out, size_t n) { return transfer(fd, static_cast<char*>(out), n, false); }
-inline bool writeAll(int fd, std::string bytes) { return transfer(fd, &bytes[0], bytes.size(), true); }
 
 // A request frame: command, body length, body.
 inline std::string frame(uint32_t command, const std::string& body) {
