@@ -56,7 +56,6 @@ TEST_F(MonitoredKeyTest, ResubscribesAfterServerRestart) {
     server.restart();
     ASSERT_TRUE(readable(fd));
     EXPECT_FALSE(key.read_notifications());  // the stream ended with the old server
-    EXPECT_EQ(nullptr, key.handle);
 
     calls.clear();
     ASSERT_GE(fd = key.get_fd(), 0);
@@ -83,8 +82,7 @@ TEST_F(MonitoredKeyTest, FailuresAndMoves) {
     ASSERT_TRUE(readable(fd));
     EXPECT_TRUE(keys[0].read_notifications());
 
-    keys[0].cancel();
-    EXPECT_EQ(nullptr, keys[0].handle);
+    keys[0].cancel();  // the server ends the stream only if cancel reaches it
     keys.clear();
     ks::storage::DebugInfo debug;
     ASSERT_EQ(0, sm::getDebugInfo(debug));

@@ -1,6 +1,7 @@
-// The settings protocol: every request, reply and notification survives encode + decode
-// with each field intact, and the decoders refuse short or malformed input without reading
-// past it (the ASan build checks the "without reading past it").
+// The settings protocol's decoders refuse short or malformed input without reading past it
+// (the ASan build checks the "without reading past it"), and the key grammar. Well-formed
+// records travel between the client and the server in kssetmgmt_test, and the client's
+// request bytes are compared there with the documented layout.
 #include "kssetter/kssetmgmt/protocol.h"
 
 #include <gtest/gtest.h>
@@ -14,111 +15,6 @@ using namespace ks::setter;
 using namespace std::string_literals;
 
 const unsigned char* bytes(const std::string& s) { return reinterpret_cast<const unsigned char*>(s.data()); }
-
-TEST(Protocol, EveryRequestRoundTrips) {
-    const std::string binary = "\0\1\xff"s;
-    const Request requests[] = {
-        {CMD_SET, true, "/a/b", ks::storage::String, "text\nwith lines"},
-        {CMD_SET, false, "/bin", ks::storage::Binary, binary},
-        {CMD_SET, false, "/none", ks::storage::None, ""},
-        {CMD_GET, true, "/a", ks::storage::None, ""},
-        {CMD_DELETE, false, "/a", ks::storage::None, ""},
-        {CMD_STAT, false, "/", ks::storage::None, ""},
-        {CMD_ENUM, true, "/x/y", ks::storage::None, ""},
-        {CMD_NOTIFY, false, "/n", ks::storage::None, ""},
-        {CMD_NOTIFY_KEYS, false, "/n", ks::storage::None, ""},
-        {CMD_NOTIFY_END, false, "", ks::storage::None, ""},
-        {CMD_DEBUG_INFO, false, "", ks::storage::None, ""},
-        {CMD_LOCK, false, "/l", ks::storage::None, ""},
-        {CMD_UNLOCK, true, "/l", ks::storage::None, ""},
-    };
-    for (const Request& sent : requests) {
-        SCOPED_TRACE(sent.command);
-        const std::string wire = encodeRequest(sent);
-        FrameHeader header{};
-        size_t frameSize = 0;
-        ASSERT_EQ(Decoded::ok, decodeFrame(bytes(wire), wire.size(), header, frameSize));
-        EXPECT_EQ(wire.size(), frameSize);
-        EXPECT_EQ(uint32_t(sent.command), header.command);
-        Request got;
-        ASSERT_TRUE(decodeRequest(header.command, bytes(wire) + kHeaderSize, header.bodyLength, got));
-        EXPECT_EQ(sent.key, got.key);
-        EXPECT_EQ(sent.lockHeld && carriesLockByte(sent.command), got.lockHeld);
-        EXPECT_EQ(sent.type, got.type);
-        EXPECT_EQ(sent.value, got.value);
-        // Every prefix of a frame is incomplete, never bad or ok.
-        for (size_t n = 0; n < wire.size(); ++n)
-            EXPECT_EQ(Decoded::incomplete, decodeFrame(bytes(wire), n, header, frameSize)) << n;
-    }
-    // The documented SET body: key length + value length + 6.
-    EXPECT_EQ(4u + 3u + 6u, encodeRequest({CMD_SET, false, "/bin", ks::storage::Binary, binary}).size() - kHeaderSize);
-}
-
-TEST(Protocol, EveryReplyRoundTrips) {
-    ks::storage::NodeInfo info;
-    info.type = ks::storage::Binary;
-    info.size = 77;
-    ks::storage::DebugInfo debug;
-    debug.memoryCount = 1234;
-    debug.connections = 3;
-    std::string value, stat, listing, debugReply, error;
-    std::memcpy(appendValueReply(value, 3), "v\0w", 3);
-    appendNodeInfoReply(stat, info);
-    appendNamesReply(listing, {"alpha", "b"});
-    appendDebugInfoReply(debugReply, debug);
-    appendResult(error, kResultKeyNotFound);
-    // The payload as its decoder reads it.
-    const auto decoded = [](CmdType command, ks::string_view payload) -> std::string {
-        ks::storage::NodeInfo i;
-        ks::storage::DebugInfo d;
-        std::vector<std::string> names;
-        int empty = -1;
-        switch (command) {
-            case CMD_STAT: return decodeNodeInfo(payload, i) ? std::to_string(i.type) + " " + std::to_string(i.size) : "?";
-            case CMD_ENUM:
-                decodeNames(payload, names, empty);
-                return ::testing::PrintToString(names) + " " + std::to_string(empty);
-            case CMD_DEBUG_INFO:
-                return decodeDebugInfo(payload, d) ? std::to_string(d.memoryCount) + " " + std::to_string(d.connections) : "?";
-            default: return std::string(payload);
-        }
-    };
-    const struct {
-        CmdType command;
-        std::string wire;
-        int64_t result;
-        std::string payload;
-    } cases[] = {{CMD_GET, value, 3, "v\0w"s},  {CMD_STAT, stat, 0, "1 77"}, {CMD_ENUM, listing, 8, "{ \"alpha\", \"b\" } 0"},
-                 {CMD_DEBUG_INFO, debugReply, 0, "1234 3"}, {CMD_GET, error, -1, ""}, {CMD_STAT, error, -1, ""}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.command);
-        Reply reply;
-        size_t consumed = 0;
-        ASSERT_EQ(Decoded::ok, decodeReply(c.command, bytes(c.wire), c.wire.size(), reply, consumed));
-        EXPECT_EQ(c.wire.size(), consumed);
-        EXPECT_EQ(c.result, reply.result);
-        EXPECT_EQ(c.payload, c.result < 0 ? std::string(reply.payload) : decoded(c.command, reply.payload));
-        for (size_t n = 0; n < c.wire.size(); ++n)
-            EXPECT_EQ(Decoded::incomplete, decodeReply(c.command, bytes(c.wire), n, reply, consumed)) << n;
-    }
-}
-
-TEST(Protocol, NotificationsRoundTrip) {
-    std::string plain, keyed;
-    appendNotification(plain, false, "/ignored");
-    EXPECT_EQ("\1", plain);
-    appendNotification(keyed, true, "/a/b");
-    appendNotification(keyed, true, "");
-    ks::string_view key;
-    size_t consumed = 0;
-    ASSERT_EQ(Decoded::ok, decodeKeyNotification(bytes(keyed), keyed.size(), key, consumed));
-    EXPECT_EQ("/a/b", key);
-    const size_t first = consumed;
-    ASSERT_EQ(Decoded::ok, decodeKeyNotification(bytes(keyed) + first, keyed.size() - first, key, consumed));
-    EXPECT_EQ("", key);
-    EXPECT_EQ(keyed.size(), first + consumed);
-    EXPECT_EQ(Decoded::incomplete, decodeKeyNotification(bytes(keyed), first - 1, key, consumed));
-}
 
 TEST(Protocol, MalformedInputIsRefused) {
     const uint64_t huge = kMaxBodyLength + 1;
@@ -145,7 +41,6 @@ TEST(Protocol, MalformedInputIsRefused) {
         {CMD_SET, "\0/a\0\0\0"s},                     // type cut short
         {CMD_SET, "\0/a\0"s + type(unknown)},         // unknown type
         {CMD_SET, "\0/a\0"s + type(none) + "x"},      // a value for no value
-        {CMD_UNLOCK, ""},
     };
     for (const auto& b : bodies) {
         Request r;
@@ -155,6 +50,8 @@ TEST(Protocol, MalformedInputIsRefused) {
     EXPECT_TRUE(decodeRequest(CMD_SET, bytes("\0/a\0"s + type(string)), 8, r));
 
     Reply reply;
+    EXPECT_EQ(Decoded::incomplete, decodeReply(CMD_GET, bytes(hugeLength), 7, reply, size));
+    EXPECT_EQ(Decoded::incomplete, decodeReply(CMD_STAT, bytes(std::string(8, '\0')), 8, reply, size));
     EXPECT_EQ(Decoded::bad, decodeReply(CMD_GET, bytes(hugeLength), 8, reply, size));
     EXPECT_EQ(Decoded::bad, decodeReply(CMD_NOTIFY_END, bytes(hugeLength), 8, reply, size));
     ks::string_view key;
@@ -176,13 +73,9 @@ TEST(Protocol, KeyGrammar) {
     } cases[] = {
         {"/", KeyFault::none},
         {"/a/b", KeyFault::none},
-        {"", KeyFault::noLeadingDelimiter},
+        // The other faults, with the client's message for each, are in kssetmgmt_test.
         {"a/b", KeyFault::noLeadingDelimiter},
-        {"/a/", KeyFault::trailingDelimiter},
-        {"/a//b", KeyFault::emptyComponent},
-        {"/a=b", KeyFault::reservedCharacter},
         {"/a|b", KeyFault::reservedCharacter},
-        {"/a\nb", KeyFault::reservedCharacter},
         {"/a\0b"s, KeyFault::reservedCharacter},
     };
     for (const auto& c : cases) EXPECT_EQ(c.fault, keyFault(c.key)) << c.key;

@@ -1,7 +1,6 @@
-// Fixtures of the settings client and server tests: one install root per test program
-// (the client computes its socket path once per process), the settings server run as a
-// child on it, raw frames, and a scripted stand-in server for exact request bytes and broken
-// replies.
+// Fixtures of the settings client and server tests: one install root per test program (the
+// client computes its socket path once per process), the server as a child on it, raw frames,
+// and a scripted stand-in server for exact request bytes and broken replies.
 #pragma once
 
 #include "kstest.h"
@@ -88,25 +87,18 @@ public:
         ASSERT_FALSE(exited) << "kssetter exited during start-up";
     }
 
-    // Sends SIGTERM and reaps the child; returns its exit status (-1 when killed by a signal).
-    int stop() {
+    // Sends `signal` and reaps the child; returns its exit status (-1 when a signal ended it).
+    int stop(int signal = SIGTERM) {
         if (pid_ <= 0) return -1;
-        ::kill(pid_, SIGTERM);
+        ::kill(pid_, signal);
         int status = 0;
         ::waitpid(pid_, &status, 0);
         pid_ = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-
     void restart() { stop(), start(); }
-
     // SIGKILL: the server gets no chance to save anything.
-    void crash() {
-        if (pid_ <= 0) return;
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
+    void crash() { stop(SIGKILL); }
 
 private:
     pid_t pid_ = -1;
@@ -115,22 +107,16 @@ private:
 // Runs `fn` on a new thread and waits for it: a fresh per-thread connection each time.
 inline void inThread(const std::function<void()>& fn) { std::thread(fn).join(); }
 
-// Moves exactly `n` bytes; false when the peer went away first.
-inline bool transfer(int fd, char* p, size_t n, bool sending) {
-    while (n) {
-        const ssize_t r = sending ? ::send(fd, p, n, MSG_NOSIGNAL) : ::recv(fd, p, n, 0);
-        if (r <= 0) return false;
-        p += r;
-        n -= static_cast<size_t>(r);
-    }
-    return true;
+// Moves exactly `n` bytes over a blocking stream socket (which waits for all of them); false
+// when the peer went away first.
+inline bool readAll(int fd, void* out, size_t n) { return ::recv(fd, out, n, MSG_WAITALL) == static_cast<ssize_t>(n); }
+inline bool writeAll(int fd, const std::string& bytes) {
+    return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
-inline bool readAll(int fd, void* out, size_t n) { return transfer(fd, static_cast<char*>(out), n, false); }
-inline bool writeAll(int fd, std::string bytes) { return transfer(fd, &bytes[0], bytes.size(), true); }
 
-// A request frame: command, body length (announced, or the real one), body.
-inline std::string frame(uint32_t command, const std::string& body, uint64_t announced = UINT64_MAX) {
-    const uint64_t length = announced == UINT64_MAX ? body.size() : announced;
+// A request frame: command, body length, body.
+inline std::string frame(uint32_t command, const std::string& body) {
+    const uint64_t length = body.size();
     return std::string(reinterpret_cast<const char*>(&command), 4) +
            std::string(reinterpret_cast<const char*>(&length), 8) + body;
 }
@@ -186,11 +172,6 @@ public:
         });
     }
     void join() { thread_.joinable() ? thread_.join() : void(); }
-    // True when a client connected without being served (pending in the backlog).
-    bool connectionPending() {
-        pollfd p{listen_.get(), POLLIN, 0};
-        return ::poll(&p, 1, 0) == 1;
-    }
 
 private:
     ks::unique_fd listen_;
