@@ -11,9 +11,9 @@
 #include <sys/wait.h>
 
 #include <atomic>
-#include <cctype>
 #include <cstdio>
 #include <map>
+#include <regex>
 #include <thread>
 
 #include "kslog_fixture.h"
@@ -28,45 +28,14 @@ off_t file_size(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
-// "writer <who> seq <seq> " and `who * 30` fill characters.
-std::string numbered(int who, int seq) {
-    return "writer " + std::to_string(who) + " seq " + std::to_string(seq) + " " +
-           std::string(static_cast<size_t>(who) * 30, '#');
-}
-
-// Checks a log file of numbered() records: it decrypts whole, one line a record block, every
-// record exactly as written and each writer's in order. Returns the number of records.
-size_t count_whole_records(const std::string& path, const std::string& private_key) {
-    SCOPED_TRACE(path);
-    bool ok = false;
-    const std::string text = kslogtest::decrypt(path, private_key, &ok);
-    const auto types = kslogtest::block_types(path);
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(static_cast<size_t>(std::count(types.begin(), types.end(), 2)), kslogtest::lines(text).size());
-    const std::string prefix = "[test.cpp:1][test()]: ";
-    const auto records = kslogtest::test_records(text);
-    std::map<int, int> next;
-    for (const std::string& r : records) {
-        int who = 0, seq = 0;
-        EXPECT_EQ(std::sscanf(r.c_str() + KSLOG_HEADER_SIZE, (prefix + "writer %d seq %d").c_str(), &who, &seq), 2);
-        EXPECT_EQ(r.substr(KSLOG_HEADER_SIZE), prefix + numbered(who, seq) + "\n");
-        EXPECT_GE(seq, next[who]);
-        next[who] = seq + 1;
-    }
-    return records.size();
-}
-
 TEST(KslogLevels, ConversionsAcceptOnlyTheirOwnStrings) {
-    const struct {
-        int level;
-        const char *logstr, *userstr;
-    } table[] = {{0, "error", "error"}, {1, "warn", "warning"}, {2, "info", "info"}, {3, "debug", "debug"},
-                 {4, "trace", "trace"}};
-    for (const auto& row : table) {
-        EXPECT_STREQ(kslog_lvl_to_logstr(row.level), row.logstr);
-        EXPECT_STREQ(kslog_lvl_to_userstr(row.level), row.userstr);
-        EXPECT_EQ(kslog_logstr_to_lvl(row.logstr), row.level);
-        EXPECT_EQ(kslog_userstr_to_lvl(row.userstr), row.level);
+    const char* logstr[] = {"error", "warn", "info", "debug", "trace"};
+    const char* userstr[] = {"error", "warning", "info", "debug", "trace"};
+    for (int level = 0; level <= 4; ++level) {
+        EXPECT_STREQ(kslog_lvl_to_logstr(level), logstr[level]);
+        EXPECT_STREQ(kslog_lvl_to_userstr(level), userstr[level]);
+        EXPECT_EQ(kslog_logstr_to_lvl(logstr[level]), level);
+        EXPECT_EQ(kslog_userstr_to_lvl(userstr[level]), level);
     }
     for (const char* unknown : {"warning", "WARN", "", "fatal"}) EXPECT_EQ(kslog_logstr_to_lvl(unknown), 0) << unknown;
     for (const char* unknown : {"warn", "Info", "", "fatal"}) EXPECT_EQ(kslog_userstr_to_lvl(unknown), 0) << unknown;
@@ -105,7 +74,7 @@ TEST_F(LoggerTest, StampsRecordsInPlaceIgnoresShortOnesAndCutsLongOnes) {
     start();
     ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"hdr","level":"trace"}]}})"), 0);
     const char* words[] = {"error", " warn", " info", "debug", "trace"};
-    const char mask[] = "9999-99-99 99:99:99.999 ";
+    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )");
     char pid[8];
     std::snprintf(pid, sizeof pid, "%6d", static_cast<int>(::getpid()));
     std::vector<std::string> stamped;
@@ -113,9 +82,7 @@ TEST_F(LoggerTest, StampsRecordsInPlaceIgnoresShortOnesAndCutsLongOnes) {
         // The caller's buffer itself carries the stamp, and the file holds exactly that buffer.
         std::string text = kslogtest::record("level " + std::to_string(level));
         kslog_log_full(0, level, text.data(), text.size());
-        std::string shape = text.substr(0, 24);
-        for (char& c : shape) c = std::isdigit(static_cast<unsigned char>(c)) ? '9' : c;
-        EXPECT_EQ(shape, mask);
+        EXPECT_TRUE(std::regex_match(text.substr(0, 24), stamp)) << text;
         EXPECT_EQ(text.substr(24), std::string(pid) + " " + words[level] + " [test.cpp:1][test()]: level " +
                                        std::to_string(level) + "\n");
         stamped.push_back(text);
@@ -130,10 +97,8 @@ TEST_F(LoggerTest, StampsRecordsInPlaceIgnoresShortOnesAndCutsLongOnes) {
     EXPECT_EQ(kslogtest::test_records(text), stamped);
     const auto lines = kslogtest::lines(text);
     ASSERT_FALSE(lines.empty());
-    ASSERT_EQ(lines.back().size(), 37u + 4095u);
-    EXPECT_EQ(lines.back()[36], ' ');
-    EXPECT_EQ(lines.back().substr(37 + 37, 22), "[test.cpp:1][test()]: ");
-    EXPECT_EQ(lines.back().substr(4132 - 12), "[TRUNCATED]\n");
+    EXPECT_EQ(lines.back().at(36), ' ');
+    EXPECT_EQ(lines.back().substr(37 + 37), "[test.cpp:1][test()]: " + std::string(4024, 'm') + "[TRUNCATED]\n");
 }
 
 TEST_F(LoggerTest, ChannelsOpenCloseCopy) {
@@ -255,7 +220,11 @@ TEST_F(LoggerTest, InitIsReferenceCountedAndFailsCleanly) {
 TEST_F(LoggerTest, ThreadsWriteWholeRecordsToAFileMadeAgainWhenRemoved) {
     start();
     ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"mt","level":"info"}]}})"), 0);
-    const std::string file = root / "var/log/kstestd.mt.0";
+    const std::string file = root / "var/log/kstestd.mt.0", prefix = "[test.cpp:1][test()]: ";
+    // "writer <who> seq <seq> " and `who * 30` fill characters.
+    const auto numbered = [](int who, int seq) {
+        return "writer " + std::to_string(who) + " seq " + std::to_string(seq) + " " + std::string(who * 30, '#');
+    };
     for (int round = 0; round < 2; ++round) {
         if (round == 1) {
             ASSERT_EQ(::unlink(file.c_str()), 0);
@@ -263,12 +232,28 @@ TEST_F(LoggerTest, ThreadsWriteWholeRecordsToAFileMadeAgainWhenRemoved) {
         }
         std::vector<std::thread> pool;
         for (int t = 0; t < 4; ++t)
-            pool.emplace_back([t] {
+            pool.emplace_back([t, &numbered] {
                 for (int i = 0; i < 200; ++i) kslogtest::log(0, 2, numbered(t, i));
             });
         for (auto& th : pool) th.join();
     }
-    EXPECT_EQ(count_whole_records(file, root.private_key()), 800u);
+    // The file decrypts whole, one line a record block, every record exactly as written and
+    // each thread's in order.
+    bool ok = false;
+    const std::string text = decrypt(file, &ok);
+    const auto types = kslogtest::block_types(file);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(static_cast<size_t>(std::count(types.begin(), types.end(), 2)), kslogtest::lines(text).size());
+    const auto records = kslogtest::test_records(text);
+    EXPECT_EQ(records.size(), 800u);
+    std::map<int, int> next;
+    for (const std::string& r : records) {
+        int who = 0, seq = 0;
+        EXPECT_EQ(std::sscanf(r.c_str() + KSLOG_HEADER_SIZE, (prefix + "writer %d seq %d").c_str(), &who, &seq), 2);
+        EXPECT_EQ(r.substr(KSLOG_HEADER_SIZE), prefix + numbered(who, seq) + "\n");
+        EXPECT_EQ(seq, next[who]);
+        next[who] = seq + 1;
+    }
 }
 
 // A child forked while another thread holds the table lock can still log.
