@@ -171,8 +171,7 @@ TEST_F(LoggerTest, RotatesByRenamingAndKeepsAtMostNumFiles) {
             bool ok = false;
             kept += kslogtest::messages(decrypt(file, &ok));
             EXPECT_TRUE(ok);
-            const auto types = kslogtest::block_types(file);
-            EXPECT_TRUE(!types.empty() && types[0] == 1) << "a fresh file starts with a key block";
+            EXPECT_EQ(kslogtest::block_types(file).at(0), 1) << "a fresh file starts with a key block";
             EXPECT_LT(file_size(file), 4096 + 2 * (5 + 256));
         }
         // What survives is the newest run of records, without gaps.
