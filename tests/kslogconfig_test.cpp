@@ -26,6 +26,9 @@ std::string repeated(int count, const std::string& item) {
 }
 
 std::string with_entry(const std::string& entry) { return R"({"action":"update","channels":{"x":[)" + entry + "]}}"; }
+std::string with_global(const std::string& global) {
+    return R"({"action":"update","global":)" + global + R"(,"channels":{}})";
+}
 
 TEST_F(LoggerTest, RefusesBadDocumentsWithTheirMessageAndChangesNothing) {
     start();
@@ -37,14 +40,11 @@ TEST_F(LoggerTest, RefusesBadDocumentsWithTheirMessageAndChangesNothing) {
     } table[] = {
         {R"({"channels":{}})", "Failed to extract 'action' value from log config."},
         {R"({"action":"delete"})", "Invalid action 'delete' in log config."},
-        {R"({"action":"update","global":3,"channels":{}})", "Value for key 'global' is not an object."},
-        {R"({"action":"update","global":{"size":"big"},"channels":{}})",
-         "global 'size' must be a non-zero positive integer"},
-        {R"({"action":"update","global":{"size":4095},"channels":{}})",
-         "global 'size' must be in [4096, 262144] - got 4095"},
-        {R"({"action":"update","global":{"size":262145},"channels":{}})",
-         "global 'size' must be in [4096, 262144] - got 262145"},
-        {R"({"action":"update","global":{"num":3},"channels":{}})", "global 'num' must be in [1, 2] - got 3"},
+        {with_global("3"), "Value for key 'global' is not an object."},
+        {with_global(R"({"size":"big"})"), "global 'size' must be a non-zero positive integer"},
+        {with_global(R"({"size":4095})"), "global 'size' must be in [4096, 262144] - got 4095"},
+        {with_global(R"({"size":262145})"), "global 'size' must be in [4096, 262144] - got 262145"},
+        {with_global(R"({"num":3})"), "global 'num' must be in [1, 2] - got 3"},
         {R"({"action":"update"})", "Failed to extract 'channels' value from config."},
         {R"({"action":"update","channels":[]})", "Value for key 'channels' is not an object."},
         {R"({"action":"update","channels":{)" + repeated(65, R"("c#":[])") + "}}",
