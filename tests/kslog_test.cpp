@@ -44,15 +44,12 @@ TEST(KslogLevels, ConversionsAcceptOnlyTheirOwnStrings) {
 
 TEST(KslogIdentity, IsTheNameAfterTheLastSlash) {
     const std::string longest(511, 'a'), too_long(512, 'a');
-    const struct {
-        const char *path, *identity;
-    } table[] = {{"/opt/kestrum/bin/kssetmgmt", "kssetmgmt"}, {"kscloudd", "kscloudd"}, {"./a/b", "b"},
-                 {"/usr/bin/", nullptr}, {"", nullptr}, {longest.c_str(), longest.c_str()},
-                 {too_long.c_str(), nullptr}, {nullptr, nullptr}};
-    for (const auto& row : table) {
-        const char* id = kslog_identity(row.path);
-        EXPECT_EQ(id ? std::string(id) : "(null)", row.identity ? row.identity : "(null)")
-            << (row.path ? row.path : "(null)");
+    const std::pair<const char*, const char*> table[] = {
+        {"/opt/kestrum/bin/kssetmgmt", "kssetmgmt"}, {"kscloudd", "kscloudd"}, {"./a/b", "b"}, {"/usr/bin/", nullptr},
+        {"", nullptr}, {longest.c_str(), longest.c_str()}, {too_long.c_str(), nullptr}, {nullptr, nullptr}};
+    for (const auto& [path, identity] : table) {
+        const char* id = kslog_identity(path);
+        EXPECT_EQ(id ? std::string(id) : "(null)", identity ? identity : "(null)") << (path ? path : "(null)");
     }
 }
 

@@ -34,10 +34,7 @@ TEST_F(LoggerTest, RefusesBadDocumentsWithTheirMessageAndChangesNothing) {
     start();
     ASSERT_EQ(execute(R"({"action":"update","channels":{"kept":[{"file":"kept","level":"debug"}]}})"), 0);
     const std::string name32(32, 'n'), long_path(5000, 'p');
-    const struct {
-        std::string document;
-        std::string message;  // in the error record
-    } table[] = {
+    const std::pair<std::string, std::string> table[] = {  // document, message in the error record
         {R"({"channels":{}})", "Failed to extract 'action' value from log config."},
         {R"({"action":"delete"})", "Invalid action 'delete' in log config."},
         {with_global("3"), "Value for key 'global' is not an object."},
@@ -65,15 +62,15 @@ TEST_F(LoggerTest, RefusesBadDocumentsWithTheirMessageAndChangesNothing) {
         {R"({"action":"save","file":"$CHANNEL_NAME.json"})", "Invalid file path."},
     };
     const std::string before = config_text();
-    for (const auto& row : table) {
-        SCOPED_TRACE(row.document.substr(0, 200));
-        const ks::unique_c_ptr<json_t> doc(json_loads(row.document.c_str(), 0, nullptr));
+    for (const auto& [document, message] : table) {
+        SCOPED_TRACE(document.substr(0, 200));
+        const ks::unique_c_ptr<json_t> doc(json_loads(document.c_str(), 0, nullptr));
         ASSERT_NE(doc, nullptr);
         EXPECT_EQ(kslog_is_valid_config(doc.get()), -1);
-        EXPECT_EQ(error_message(), row.message);
+        EXPECT_EQ(error_message(), message);
         ks::_get_kserrno().set(ks::E_OK);
         EXPECT_EQ(kslog_execute_config(doc.get()), -1);
-        EXPECT_EQ(error_message(), row.message);
+        EXPECT_EQ(error_message(), message);
         EXPECT_EQ(config_text(), before);
     }
 }
@@ -108,19 +105,16 @@ TEST_F(LoggerTest, UnreadableOrUnusableInputFailsCleanly) {
 TEST_F(LoggerTest, ExpandsTheVariablesOfFilePaths) {
     start("/opt/kestrum/bin/ksdevmgmt");
     const std::string r = root.path();
-    const struct {
-        const char* file;
-        std::string expanded;
-    } table[] = {
+    const std::pair<const char*, std::string> table[] = {
         {"$INSTALL_PATH/var/log/$IDENTITY.$CHANNEL_NAME", r + "/var/log/ksdevmgmt.dns"},
         {"/$INSTALL_PATH/var/log/x", r + "/var/log/x"},
         {"$INSTALL_PATH/var/log/$IDENTITYextra", r + "/var/log/ksdevmgmtextra"},
         {"var/$CHANNEL_NAME/$CHANNEL_NAME", "var/dns/dns"},
         {"plain", "plain"},
     };
-    for (const auto& row : table) {
-        ASSERT_EQ(execute(std::string(R"({"action":"update","channels":{"dns":[{"file":")") + row.file + "\"}]}}"), 0);
-        EXPECT_EQ(config_text("dns", "file"), "\"" + row.expanded + "\"") << row.file;
+    for (const auto& [file, expanded] : table) {
+        ASSERT_EQ(execute(std::string(R"({"action":"update","channels":{"dns":[{"file":")") + file + "\"}]}}"), 0);
+        EXPECT_EQ(config_text("dns", "file"), "\"" + expanded + "\"") << file;
     }
 }
 
@@ -154,25 +148,21 @@ TEST_F(LoggerTest, StartUpOrder) {
         ASSERT_TRUE(kstest::write_file(path, std::string(R"({"action":"update","global":)") + global +
                                                  R"(,"channels":{"default":[{"file":"boot","level":"trace"}],")" +
                                                  channel + R"(":[]}})"));
-    const struct {
-        const char *startup, *channel;
-        size_t size;
-        std::string applied;
-    } table[] = {
-        {nullptr, "prog", 8192, program}, {given.c_str(), "given", 4096, given}, {nullptr, "dflt", 16384, shared}};
-    for (const auto& row : table) {
-        SCOPED_TRACE(row.applied);
-        if (row.applied == shared) kstest::write_file(program, "{ broken");  // falls through to default.json
+    for (const auto& [startup, channel, size, applied] :
+         {std::tuple<const char*, const char*, size_t, std::string>{nullptr, "prog", 8192, program},
+          {given.c_str(), "given", 4096, given}, {nullptr, "dflt", 16384, shared}}) {
+        SCOPED_TRACE(applied);
+        if (applied == shared) kstest::write_file(program, "{ broken");  // falls through to default.json
         ::unlink((root / "var/log/kstestd.boot.0").c_str());
-        start("/bin/kstestd", row.startup);
-        EXPECT_GT(kslog_channel_get_by_name(row.channel), 0);
+        start("/bin/kstestd", startup);
+        EXPECT_GT(kslog_channel_get_by_name(channel), 0);
         EXPECT_EQ(kslog_get_num_channels(), 2);
         kslog_print_settings();
         const std::string log = decrypt(root / "var/log/kstestd.boot.0");
         char size_line[256];
-        std::snprintf(size_line, sizeof size_line, "]:    size : %10zu - source: %s\n", row.size, row.applied.c_str());
+        std::snprintf(size_line, sizeof size_line, "]:    size : %10zu - source: %s\n", size, applied.c_str());
         for (const std::string& line :
-             {"]: kslog started with config '" + row.applied + "'.\n",
+             {"]: kslog started with config '" + applied + "'.\n",
               std::string("]: kslog limits - [min, max]: level in [error, trace], size in [4096, 262144], "
                           "num in [1, 2]\n"),
               std::string(size_line), "]:    num  :          1 - source: " + shared + "\n",

@@ -36,14 +36,9 @@ TEST_F(FacadeTest, LevelsMapToTheCore) {
         "quiet":[{"file":"q","level":"error"}]}})"),
               0);
     const unsigned long quiet = ks::log::get_channel_by_name("quiet");
-    const struct {
-        unsigned long channel;
-        unsigned level;
-        bool allowed;
-    } table[] = {{0, 3, true}, {0, 4, false}, {quiet, 0, true}, {quiet, 1, false}, {quiet, 7, true}};
-    for (const auto& row : table)
-        EXPECT_EQ(ks::log::can_log(row.channel, static_cast<ks::log::level>(row.level)), row.allowed)
-            << row.channel << " " << row.level;
+    for (const auto& [channel, level, allowed] : {std::tuple{0ul, 3, true}, {0ul, 4, false}, {quiet, 0, true},
+                                                  {quiet, 1, false}, {quiet, 7, true}})
+        EXPECT_EQ(ks::log::can_log(channel, static_cast<ks::log::level>(level)), allowed) << channel << " " << level;
     EXPECT_EQ(ks::log::get_channel_max_level(0), ks::log::level::debug);
     EXPECT_EQ(ks::log::get_channel_max_level(99), ks::log::level::error);
     EXPECT_EQ(ks::log::get_channel_by_name("nope"), static_cast<unsigned long>(-1));
