@@ -10,9 +10,9 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <algorithm>
 #include <regex>
 #include <thread>
 
@@ -107,9 +107,7 @@ TEST_F(LoggerTest, ChannelsOpenCloseCopy) {
     ASSERT_EQ(execute(R"({"action":"update","channels":{"verbose":[{"file":":stderr","level":"trace"}]}})"), 0);
     EXPECT_EQ(kslog_channel_copy(a, kslog_channel_get_by_name("verbose")), 0);
     EXPECT_EQ(kschlog_get_max_level(a), 4);
-    EXPECT_EQ(kslog_channel_copy(a, a), -1);
-    EXPECT_EQ(kslog_channel_copy(-1, 0), -1);
-    EXPECT_EQ(kslog_channel_copy(a, 77), -1);
+    for (const auto& [dst, src] : {std::pair{a, a}, {-1, 0}, {a, 77}}) EXPECT_EQ(kslog_channel_copy(dst, src), -1);
 
     for (int i = kslog_get_num_channels(); i < 64; ++i)
         EXPECT_EQ(kslog_channel_open(("ch" + std::to_string(i)).c_str()), i);
