@@ -1,6 +1,5 @@
-// Log core: levels, identity, channels, record stamping and cutting, per-output level
-// filtering, rotation, sharing a file between threads and processes, the fork hook, and
-// the all-or-nothing writers on a full disk.
+// Log core: levels, identity, channels, records stamped and cut, per-output levels, rotation,
+// threads sharing a file, the fork hook, and the all-or-nothing writers.
 #include <ksfork.h>
 #include <kslog.h>
 #include <kswrite.h>
@@ -13,10 +12,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <cstdio>
-#include <functional>
-#include <map>
+#include <regex>
 #include <thread>
 
 #include "kslog_fixture.h"
@@ -31,68 +28,14 @@ off_t file_size(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
-int exit_status(pid_t pid) {
-    int status = 0;
-    return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-using kstest::in_child;
-
-// As in_child, with a private mount namespace and a 64 KiB tmpfs at `dir`; 77 where
-// mounting is not allowed.
-int in_small_filesystem(const std::string& dir, const std::function<int()>& body) {
-    return in_child([&] {
-        if (!kstest::private_mounts() || ::mount("kstest", dir.c_str(), "tmpfs", 0, "size=64k") != 0) return 77;
-        return body();
-    });
-}
-
-// "writer <who> seq <seq> " and `who * 30` fill characters.
-std::string numbered(int who, int seq) {
-    return "writer " + std::to_string(who) + " seq " + std::to_string(seq) + " " +
-           std::string(static_cast<size_t>(who) * 30, '#');
-}
-
-// Checks a log file holding numbered() records from several writers: it decrypts whole,
-// every such record is exactly as written, each writer's sequence numbers rise, and a
-// change of process comes right after a key block. Returns the number of such records.
-size_t count_whole_records(const std::string& path, const std::string& private_key) {
-    SCOPED_TRACE(path);
-    bool ok = false;
-    const auto records = kslogtest::lines(kslogtest::decrypt(path, private_key, &ok));
-    const auto types = kslogtest::block_types(path);
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(static_cast<size_t>(std::count(types.begin(), types.end(), 2)), records.size());
-    const std::string prefix = "[test.cpp:1][test()]: ";
-    size_t index = 0, count = 0;
-    std::map<int, int> next;
-    for (size_t b = 0; b < types.size() && index < records.size(); ++b) {
-        if (types[b] != 2) continue;
-        const std::string& r = records[index++];
-        const bool new_process = index == 1 || r.substr(24, 6) != records[index - 2].substr(24, 6);
-        EXPECT_TRUE(!new_process || (b > 0 && types[b - 1] == 1)) << "block " << b;
-        int who = 0, seq = 0;
-        if (r.find(prefix) != KSLOG_HEADER_SIZE) continue;
-        ++count;
-        EXPECT_EQ(std::sscanf(r.c_str() + KSLOG_HEADER_SIZE, (prefix + "writer %d seq %d").c_str(), &who, &seq), 2);
-        EXPECT_EQ(r.substr(KSLOG_HEADER_SIZE), prefix + numbered(who, seq) + "\n");
-        EXPECT_GE(seq, next[who]);
-        next[who] = seq + 1;
-    }
-    return count;
-}
-
 TEST(KslogLevels, ConversionsAcceptOnlyTheirOwnStrings) {
-    const struct {
-        int level;
-        const char *logstr, *userstr;
-    } table[] = {{0, "error", "error"}, {1, "warn", "warning"}, {2, "info", "info"}, {3, "debug", "debug"},
-                 {4, "trace", "trace"}};
-    for (const auto& row : table) {
-        EXPECT_STREQ(kslog_lvl_to_logstr(row.level), row.logstr);
-        EXPECT_STREQ(kslog_lvl_to_userstr(row.level), row.userstr);
-        EXPECT_EQ(kslog_logstr_to_lvl(row.logstr), row.level);
-        EXPECT_EQ(kslog_userstr_to_lvl(row.userstr), row.level);
+    const char* logstr[] = {"error", "warn", "info", "debug", "trace"};
+    const char* userstr[] = {"error", "warning", "info", "debug", "trace"};
+    for (int level = 0; level <= 4; ++level) {
+        EXPECT_STREQ(kslog_lvl_to_logstr(level), logstr[level]);
+        EXPECT_STREQ(kslog_lvl_to_userstr(level), userstr[level]);
+        EXPECT_EQ(kslog_logstr_to_lvl(logstr[level]), level);
+        EXPECT_EQ(kslog_userstr_to_lvl(userstr[level]), level);
     }
     for (const char* unknown : {"warning", "WARN", "", "fatal"}) EXPECT_EQ(kslog_logstr_to_lvl(unknown), 0) << unknown;
     for (const char* unknown : {"warn", "Info", "", "fatal"}) EXPECT_EQ(kslog_userstr_to_lvl(unknown), 0) << unknown;
@@ -101,37 +44,20 @@ TEST(KslogLevels, ConversionsAcceptOnlyTheirOwnStrings) {
 
 TEST(KslogIdentity, IsTheNameAfterTheLastSlash) {
     const std::string longest(511, 'a'), too_long(512, 'a');
-    const struct {
-        const char *path, *identity;
-    } table[] = {{"/opt/kestrum/bin/kssetmgmt", "kssetmgmt"}, {"kscloudd", "kscloudd"}, {"./a/b", "b"},
-                 {"/usr/bin/", nullptr}, {"", nullptr}, {longest.c_str(), longest.c_str()},
-                 {too_long.c_str(), nullptr}, {nullptr, nullptr}};
-    for (const auto& row : table) {
-        const char* id = kslog_identity(row.path);
-        EXPECT_EQ(id ? std::string(id) : "(null)", row.identity ? row.identity : "(null)")
-            << (row.path ? row.path : "(null)");
+    const std::pair<const char*, const char*> table[] = {
+        {"/opt/kestrum/bin/kssetmgmt", "kssetmgmt"}, {"kscloudd", "kscloudd"}, {"./a/b", "b"}, {"/usr/bin/", nullptr},
+        {"", nullptr}, {longest.c_str(), longest.c_str()}, {too_long.c_str(), nullptr}, {nullptr, nullptr}};
+    for (const auto& [path, identity] : table) {
+        const char* id = kslog_identity(path);
+        EXPECT_EQ(id ? std::string(id) : "(null)", identity ? identity : "(null)") << (path ? path : "(null)");
     }
-}
-
-TEST_F(LoggerTest, StartsWithTheDefaultChannelWritingErrorsToTheIdentityFile) {
-    start("/opt/kestrum/bin/ksdevmgmt");
-    EXPECT_EQ(kslog_get_num_channels(), 1);
-    EXPECT_EQ(kslog_channel_get_by_name("default"), 0);
-    EXPECT_TRUE(kslog_can_log(0, 0));
-    EXPECT_FALSE(kslog_can_log(0, 1));
-    kslogtest::log(0, 0, "first error");
-    bool ok = false;
-    EXPECT_EQ(kslogtest::messages(decrypt(root / "var/log/ksdevmgmt.0", &ok)), "first error\n");
-    EXPECT_TRUE(ok);
-    EXPECT_GE(file_size(root / "var/log/ksdevmgmt.lock"), 0);
-    EXPECT_EQ(kslogtest::block_types(root / "var/log/ksdevmgmt.0"), (std::vector<int>{1, 2}));
 }
 
 TEST_F(LoggerTest, StampsRecordsInPlaceIgnoresShortOnesAndCutsLongOnes) {
     start();
     ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"hdr","level":"trace"}]}})"), 0);
     const char* words[] = {"error", " warn", " info", "debug", "trace"};
-    const char mask[] = "9999-99-99 99:99:99.999 ";
+    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )");
     char pid[8];
     std::snprintf(pid, sizeof pid, "%6d", static_cast<int>(::getpid()));
     std::vector<std::string> stamped;
@@ -139,9 +65,7 @@ TEST_F(LoggerTest, StampsRecordsInPlaceIgnoresShortOnesAndCutsLongOnes) {
         // The caller's buffer itself carries the stamp, and the file holds exactly that buffer.
         std::string text = kslogtest::record("level " + std::to_string(level));
         kslog_log_full(0, level, text.data(), text.size());
-        std::string shape = text.substr(0, 24);
-        for (char& c : shape) c = std::isdigit(static_cast<unsigned char>(c)) ? '9' : c;
-        EXPECT_EQ(shape, mask);
+        EXPECT_TRUE(std::regex_match(text.substr(0, 24), stamp)) << text;
         EXPECT_EQ(text.substr(24), std::string(pid) + " " + words[level] + " [test.cpp:1][test()]: level " +
                                        std::to_string(level) + "\n");
         stamped.push_back(text);
@@ -156,10 +80,8 @@ TEST_F(LoggerTest, StampsRecordsInPlaceIgnoresShortOnesAndCutsLongOnes) {
     EXPECT_EQ(kslogtest::test_records(text), stamped);
     const auto lines = kslogtest::lines(text);
     ASSERT_FALSE(lines.empty());
-    ASSERT_EQ(lines.back().size(), 37u + 4095u);
-    EXPECT_EQ(lines.back()[36], ' ');
-    EXPECT_EQ(lines.back().substr(37 + 37, 22), "[test.cpp:1][test()]: ");
-    EXPECT_EQ(lines.back().substr(4132 - 12), "[TRUNCATED]\n");
+    EXPECT_EQ(lines.back().at(36), ' ');
+    EXPECT_EQ(lines.back().substr(37 + 37), "[test.cpp:1][test()]: " + std::string(4024, 'm') + "[TRUNCATED]\n");
 }
 
 TEST_F(LoggerTest, ChannelsOpenCloseCopy) {
@@ -185,9 +107,7 @@ TEST_F(LoggerTest, ChannelsOpenCloseCopy) {
     ASSERT_EQ(execute(R"({"action":"update","channels":{"verbose":[{"file":":stderr","level":"trace"}]}})"), 0);
     EXPECT_EQ(kslog_channel_copy(a, kslog_channel_get_by_name("verbose")), 0);
     EXPECT_EQ(kschlog_get_max_level(a), 4);
-    EXPECT_EQ(kslog_channel_copy(a, a), -1);
-    EXPECT_EQ(kslog_channel_copy(-1, 0), -1);
-    EXPECT_EQ(kslog_channel_copy(a, 77), -1);
+    for (const auto& [dst, src] : {std::pair{a, a}, {-1, 0}, {a, 77}}) EXPECT_EQ(kslog_channel_copy(dst, src), -1);
 
     for (int i = kslog_get_num_channels(); i < 64; ++i)
         EXPECT_EQ(kslog_channel_open(("ch" + std::to_string(i)).c_str()), i);
@@ -204,15 +124,15 @@ TEST_F(LoggerTest, EachOutputFiltersByItsOwnLevelWithinTheGlobalLimits) {
         "a":[{"file":"a","size":100,"num":1}],"b":[{"file":"b","size":10000000,"num":7}]}})"),
               0);
     const int net = kslog_channel_get_by_name("net");
+    std::string sizes;
     EXPECT_EQ(kschlog_get_max_level(net), 3);
     EXPECT_FALSE(kslog_can_log(net, 4));
     for (int level : {0, 2, 4}) kslogtest::log(net, level, "level " + std::to_string(level));
     EXPECT_EQ(kslogtest::messages(decrypt(root / "var/log/kstestd.errors.0")), "level 0\n");
     EXPECT_EQ(kslogtest::messages(decrypt(root / "var/log/kstestd.all.0")), "level 0\nlevel 2\n");
-    EXPECT_EQ(kslogtest::config_text("a", "size"), "4096");
-    EXPECT_EQ(kslogtest::config_text("a", "num"), "1");
-    EXPECT_EQ(kslogtest::config_text("b", "size"), "8192");
-    EXPECT_EQ(kslogtest::config_text("b", "num"), "2");
+    for (const char* channel : {"a", "b"})
+        sizes += kslogtest::config_text(channel, "size") + " " + kslogtest::config_text(channel, "num") + " ";
+    EXPECT_EQ(sizes, "4096 1 8192 2 ");
 }
 
 TEST_F(LoggerTest, RotatesByRenamingAndKeepsAtMostNumFiles) {
@@ -232,8 +152,7 @@ TEST_F(LoggerTest, RotatesByRenamingAndKeepsAtMostNumFiles) {
             bool ok = false;
             kept += kslogtest::messages(decrypt(file, &ok));
             EXPECT_TRUE(ok);
-            const auto types = kslogtest::block_types(file);
-            EXPECT_TRUE(!types.empty() && types[0] == 1) << "a fresh file starts with a key block";
+            EXPECT_EQ(kslogtest::block_types(file).at(0), 1) << "a fresh file starts with a key block";
             EXPECT_LT(file_size(file), 4096 + 2 * (5 + 256));
         }
         // What survives is the newest run of records, without gaps.
@@ -245,11 +164,20 @@ TEST_F(LoggerTest, RotatesByRenamingAndKeepsAtMostNumFiles) {
     }
 }
 
-// Stopped, every call answers with its default (whatever the configuration was) and
-// nothing is written; a failed start leaves it stopped; a restart begins from a clean table.
-TEST_F(LoggerTest, InitIsReferenceCountedAndFailsCleanly) {
-    start();
-    start();
+// It starts with the default channel writing errors to the identity's file, and stops at the
+// last of as many stops as starts. Stopped, every call answers with its default (whatever the
+// configuration was) and nothing is written; a failed start leaves it stopped; a restart
+// begins from a clean table.
+TEST_F(LoggerTest, StartsWithTheDefaultChannelAndStopsAtTheLastStop) {
+    start("/opt/kestrum/bin/ksdevmgmt");
+    start("/opt/kestrum/bin/ksdevmgmt");
+    EXPECT_EQ(kslog_get_num_channels(), 1);
+    EXPECT_EQ(kslog_channel_get_by_name("default"), 0);
+    EXPECT_TRUE(kslog_can_log(0, 0));
+    EXPECT_FALSE(kslog_can_log(0, 1));
+    kslogtest::log(0, 0, "first error");
+    EXPECT_GE(file_size(root / "var/log/ksdevmgmt.lock"), 0);
+    EXPECT_EQ(kslogtest::block_types(root / "var/log/ksdevmgmt.0"), (std::vector<int>{1, 2}));
     ASSERT_EQ(execute(R"({"action":"update","global":{"size":8192,"num":1},"channels":{"extra":[]}})"), 0);
     kslog_uninit();
     EXPECT_TRUE(kslog_can_log(0, 0));
@@ -259,12 +187,14 @@ TEST_F(LoggerTest, InitIsReferenceCountedAndFailsCleanly) {
     EXPECT_EQ(kslog_get_max_log_size(), 262144u);
     EXPECT_EQ(kslog_get_max_num_logs(), 2u);
     kslogtest::log(0, 0, "after the end");
-    EXPECT_EQ(decrypt(root / "var/log/kstestd.0").find("after the end"), std::string::npos);
+    bool ok = false;
+    EXPECT_EQ(kslogtest::messages(decrypt(root / "var/log/ksdevmgmt.0", &ok)), "first error\n");
+    EXPECT_TRUE(ok);
 
     const std::string long_root(4096, 'r');
-    EXPECT_EQ(kslog_init("/bin/", root.path().c_str(), nullptr), -1);
-    EXPECT_EQ(kslog_init(nullptr, root.path().c_str(), nullptr), -1);
-    EXPECT_EQ(kslog_init("/bin/kstestd", long_root.c_str(), nullptr), -1);
+    for (const auto& [identity, install] : {std::pair{"/bin/", root.path().c_str()}, {nullptr, root.path().c_str()},
+                                            {"/bin/kstestd", long_root.c_str()}})
+        EXPECT_EQ(kslog_init(identity, install, nullptr), -1);
     EXPECT_FALSE(kslog_initialized());
     EXPECT_EQ(kslog_get_num_channels(), 0);
     start();
@@ -275,57 +205,44 @@ TEST_F(LoggerTest, InitIsReferenceCountedAndFailsCleanly) {
     EXPECT_FALSE(kslog_initialized());
 }
 
-// Threads of one process never interleave inside a record; 800 records with rising
-// numbers per thread are all of them.
-TEST_F(LoggerTest, ThreadsWriteWholeRecords) {
+// Threads of one process never interleave inside a record, and the file stays open between
+// records: a current file removed by another hand, then left with part of a header by a
+// writer killed while starting it, is made again at the next record.
+TEST_F(LoggerTest, ThreadsWriteWholeRecordsToAFileMadeAgainWhenRemoved) {
     start();
     ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"mt","level":"info"}]}})"), 0);
-    std::vector<std::thread> pool;
-    for (int t = 0; t < 4; ++t)
-        pool.emplace_back([t] {
-            for (int i = 0; i < 200; ++i) kslogtest::log(0, 2, numbered(t, i));
-        });
-    for (auto& th : pool) th.join();
-    EXPECT_EQ(count_whole_records(root / "var/log/kstestd.mt.0", root.private_key()), 800u);
-}
-
-// The log file stays open between records: a current file removed by another hand is
-// made again at the next record, and children that inherit the open file share it with
-// the parent through rotations, every record whole and in order.
-TEST_F(LoggerTest, KeptOpenFileFollowsRemovalRotationAndForks) {
-    start();
-    ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"ko","level":"info","size":16384,"num":2}]}})"),
-              0);
-    const std::string base = root / "var/log/kstestd.ko.";
-    for (int i = 0; i < 20; ++i) kslogtest::log(0, 2, numbered(0, i));
-    ASSERT_EQ(::unlink((base + "0").c_str()), 0);
-    // What a writer killed while starting the file leaves: part of a header. It starts over.
-    ASSERT_TRUE(kstest::write_file(base + "0", std::string("KSCL\x01", 5)));
-    for (int i = 20; i < 40; ++i) kslogtest::log(0, 2, numbered(0, i));
-    EXPECT_EQ(count_whole_records(base + "0", root.private_key()), 20u);
-
-    std::vector<pid_t> children;
-    for (int p = 1; p <= 3; ++p) {
-        const pid_t pid = ksfork();
-        if (pid == 0) {
-            for (int i = 0; i < (p == 1 ? 20 : 300); ++i) kslogtest::log(0, 2, numbered(p, i));
-            ::_exit(0);
+    const std::string file = root / "var/log/kstestd.mt.0";
+    // "writer <who> seq <seq> " and `who * 30` fill characters.
+    const auto numbered = [](int who, int seq) {
+        return "writer " + std::to_string(who) + " seq " + std::to_string(seq) + " " + std::string(who * 30, '#');
+    };
+    for (int round = 0; round < 2; ++round) {
+        if (round == 1) {
+            ASSERT_EQ(::unlink(file.c_str()), 0);
+            ASSERT_TRUE(kstest::write_file(file, std::string("KSCL\x01", 5)));
         }
-        // The first child writes alone, right after the parent's last record.
-        if (pid > 0 && p == 1) {
-            EXPECT_EQ(exit_status(pid), 0);
-            EXPECT_EQ(count_whole_records(base + "0", root.private_key()), 40u);
-        } else if (pid > 0) {
-            children.push_back(pid);
-        }
+        std::vector<std::thread> pool;
+        for (int t = 0; t < 4; ++t)
+            pool.emplace_back([t, &numbered] {
+                for (int i = 0; i < 200; ++i) kslogtest::log(0, 2, numbered(t, i));
+            });
+        for (auto& th : pool) th.join();
     }
-    for (int i = 40; i < 340; ++i) kslogtest::log(0, 2, numbered(0, i));
-    for (pid_t pid : children) EXPECT_EQ(exit_status(pid), 0);
-    EXPECT_LT(file_size(base + "2"), 0);
-    const size_t total =
-        count_whole_records(base + "1", root.private_key()) + count_whole_records(base + "0", root.private_key());
-    EXPECT_GT(total, 0u);
-    EXPECT_LT(total, 1200u) << "the test meant to rotate";
+    // The file decrypts whole, one line a record block, every record exactly as written and
+    // each thread's in order.
+    bool ok = false;
+    const std::string text = decrypt(file, &ok);
+    const auto types = kslogtest::block_types(file);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(static_cast<size_t>(std::count(types.begin(), types.end(), 2)), kslogtest::lines(text).size());
+    // Sorted by writer, each writer's records keep their order.
+    auto got = kslogtest::lines(kslogtest::messages(text));
+    std::stable_sort(got.begin(), got.end(),
+                     [](const std::string& a, const std::string& b) { return a.compare(0, 8, b, 0, 8) < 0; });
+    std::vector<std::string> expected;
+    for (int t = 0; t < 4; ++t)
+        for (int i = 0; i < 200; ++i) expected.push_back(numbered(t, i) + "\n");
+    EXPECT_EQ(got, expected);
 }
 
 // A child forked while another thread holds the table lock can still log.
@@ -350,25 +267,25 @@ TEST_F(LoggerTest, ForkedChildCanLogWhileAParentThreadHeldTheLocks) {
             kslogtest::log(0, 2, "child record");
             ::_exit(0);
         }
-        if (pid < 0 || exit_status(pid) != 0) ++failed;
+        int status = -1;
+        if (pid < 0 || ::waitpid(pid, &status, 0) != pid || status != 0) ++failed;
     }
     stop = true;
     busy.join();
     EXPECT_EQ(failed, 0);
     bool ok = false;
-    const std::string text = decrypt(root / "var/log/kstestd.fork.0", &ok);
+    const auto records = kslogtest::lines(kslogtest::messages(decrypt(root / "var/log/kstestd.fork.0", &ok)));
     EXPECT_TRUE(ok);
-    size_t children = 0;
-    for (size_t pos = 0; (pos = text.find("child record", pos)) != std::string::npos; ++pos) ++children;
-    EXPECT_EQ(children, 30u);
+    EXPECT_EQ(std::count(records.begin(), records.end(), "child record\n"), 30);
 }
 
-// Fills a small filesystem with 1000-byte records: every write that fails with ENOSPC
+// Fills a 64 KiB filesystem with 1000-byte records: every write that fails with ENOSPC
 // leaves a whole number of records behind, with the offset at the end. Result codes name
-// the fault for the parent.
+// the fault for the parent; 77 where mounting is not allowed.
 TEST(KslogWrite, FullDiskLeavesNoPartialRecord) {
     kstest::TempDir dir;
-    const int rc = in_small_filesystem(dir.path(), [&] {
+    const int rc = kstest::in_child([&] {
+        if (!kstest::private_mounts() || ::mount("kstest", dir.path().c_str(), "tmpfs", 0, "size=64k") != 0) return 77;
         std::string chunk(1000, 'r');
         const struct iovec parts[3] = {{&chunk[0], 1}, {&chunk[1], 499}, {&chunk[500], 500}};
         for (int vectored = 0; vectored < 2; ++vectored) {
@@ -395,34 +312,11 @@ TEST(KslogWrite, FullDiskLeavesNoPartialRecord) {
     EXPECT_EQ(rc, 0);
 }
 
-// The log core on a full disk: the file still decrypts whole, holding the first records.
-TEST_F(LoggerTest, FullDiskKeepsTheLogReadable) {
-    start();
-    kstest::TempDir dir;
-    const auto message = [](int i) { return "record " + std::to_string(i) + std::string(300, '-'); };
-    const int rc = in_small_filesystem(dir.path(), [&] {
-        if (execute(R"({"action":"update","channels":{"default":[{"file":")" + dir / "full" +
-                    R"(","level":"info"}]}})") != 0)
-            return 2;
-        for (int i = 0; i < 400; ++i) kslogtest::log(0, 2, message(i));
-        bool ok = false;
-        const std::string kept = kslogtest::messages(decrypt(dir / "full.0", &ok));
-        if (!ok || kslogtest::block_types(dir / "full.0").empty()) return 3;
-        const int survivors = static_cast<int>(std::count(kept.begin(), kept.end(), '\n'));
-        if (survivors < 10 || survivors >= 400) return 4;  // it should fill part-way
-        std::string first;
-        for (int i = 0; i < survivors; ++i) first += message(i) + "\n";
-        return kept == first ? 0 : 5;
-    });
-    if (rc == 77) GTEST_SKIP() << "cannot mount a small filesystem here";
-    EXPECT_EQ(rc, 0);
-}
-
 // Errors other than ENOSPC (here EFBIG past the file-size limit): all-or-nothing writes
 // take their partial bytes back, the others report what they wrote.
 TEST(KslogWrite, OtherErrorsHonourTheAllOrNothingFlag) {
     kstest::TempDir dir;
-    EXPECT_EQ(in_child([&] {
+    EXPECT_EQ(kstest::in_child([&] {
                   ::signal(SIGXFSZ, SIG_IGN);
                   const struct rlimit limit = {2500, 2500};
                   if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;

@@ -1,10 +1,7 @@
-// Two processes that take turns logging into one file through the log core: in each round
-// the parent writes one record and the child two, so every run of records follows the other
-// process's and the child also writes right behind itself. The log reader tests run it under
-// strace to make chosen system calls on the log file fail.
-//   kslog_turns INSTALL_ROOT ROUNDS
-// Records read "parent <i>" and "child <i>", numbered from 0 in each process. Exit status 0,
-// or 1 when logging could not start or the turns broke off.
+// kslog_turns INSTALL_ROOT ROUNDS: two processes take turns logging into one file, each
+// round one record by the parent ("parent <i>") and two by the child ("child <i>"), numbered
+// from 0 in each. The log reader tests run it under strace to fail chosen writes. Exit
+// status 1 when logging could not start or the turns broke off.
 #include <kslog.h>
 
 #include <sys/wait.h>
@@ -12,15 +9,6 @@
 
 #include <cstdlib>
 #include <string>
-
-namespace {
-
-void log_record(const std::string& message) {
-    std::string text = KSLOG_HEADER_TEMPLATE "[turns.cpp:1][main()]: " + message + "\n";
-    kslog_log_full(0, 2, &text[0], text.size());
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
     if (argc != 3) return 1;
@@ -36,8 +24,11 @@ int main(int argc, char** argv) {
     int written = 0;
     for (int round = 0; round < rounds; ++round) {
         if ((!parent || round > 0) && ::read(turn_in, &token, 1) != 1) return 1;
-        for (int i = 0; i < (parent ? 1 : 2); ++i)
-            log_record((parent ? "parent " : "child ") + std::to_string(written++));
+        for (int i = 0; i < (parent ? 1 : 2); ++i) {
+            std::string text = std::string(KSLOG_HEADER_TEMPLATE "[turns.cpp:1][main()]: ") +
+                               (parent ? "parent " : "child ") + std::to_string(written++) + "\n";
+            kslog_log_full(0, 2, &text[0], text.size());
+        }
         if (::write(turn_out, &token, 1) != 1) return 1;
     }
     kslog_uninit();

@@ -1,11 +1,11 @@
-// Helpers shared by the logging tests: a logger started in a throw-away install root,
-// decryption of log files with the install root's private key, and a walk over a log
-// file's block structure.
+// Logging tests: a logger started in a throw-away install root, log files decrypted with
+// its private key, and their block structure.
 #pragma once
 
 #include <kscryptolog.h>
 #include <kslog.h>
 #include <ksutils/crypto.h>
+#include <ksutils/miscutl.h>
 #include <ksutils/unique_fd.h>
 
 #include <fcntl.h>
@@ -75,31 +75,23 @@ inline void log(int channel, int level, const std::string& message) {
     kslog_log_full(channel, level, text.data(), text.size());
 }
 
-// Executes a configuration document given as JSON text.
 inline int execute(const std::string& json) {
-    json_error_t error;
-    json_t* doc = json_loads(json.c_str(), 0, &error);
-    if (!doc) return -2;
-    const int rc = kslog_execute_config(doc);
-    json_decref(doc);
-    return rc;
+    const ks::unique_c_ptr<json_t> doc(json_loads(json.c_str(), 0, nullptr));
+    return doc ? kslog_execute_config(doc.get()) : -2;
 }
 
-// The running configuration as JSON text, keys sorted; with `channel` and `key`, only the
-// value of `key` in that channel's first output.
+// The running configuration as JSON text, keys sorted; with `channel`, only `key` of its
+// first output.
 inline std::string config_text(const char* channel = nullptr, const char* key = nullptr) {
-    json_t* config = kslog_get_config();
+    const ks::unique_c_ptr<json_t> config(kslog_get_config());
     const json_t* value = channel ? json_object_get(
-        json_array_get(json_object_get(json_object_get(config, "channels"), channel), 0), key) : config;
-    char* text = value ? json_dumps(value, JSON_SORT_KEYS | JSON_COMPACT | JSON_ENCODE_ANY) : nullptr;
-    const std::string result = text ? text : "";
-    free(text);
-    json_decref(config);
-    return result;
+        json_array_get(json_object_get(json_object_get(config.get(), "channels"), channel), 0), key) : config.get();
+    const int flags = JSON_SORT_KEYS | JSON_COMPACT | JSON_ENCODE_ANY;
+    const ks::unique_c_ptr<char> text(value ? json_dumps(value, flags) : nullptr);
+    return text ? text.get() : "";
 }
 
-// A logger started as `identity` in a fresh install root; stopped however often the
-// test started it.
+// A logger started as `identity` in a fresh install root; stopped however often started.
 class LoggerTest : public ::testing::Test {
 protected:
     void start(const char* identity = "/usr/bin/kstestd", const char* startup = nullptr) {

@@ -1,4 +1,3 @@
-// Log capture and socket pair for tests; see kslogcapture.h.
 #include "kslogcapture.h"
 
 #include <ksutils/kslog.h>

@@ -1,5 +1,4 @@
-// Log records in tests: a logger started in a throw-away install root that writes one channel
-// at trace level to standard error, a matcher for the records it wrote, and a socket pair.
+// Log records on standard error in tests, a matcher for them, and a socket pair.
 #pragma once
 
 #include <functional>
@@ -12,8 +11,8 @@ namespace kstest {
 // Whether `text` holds `pattern`, where '*' stands for any run of characters within a line.
 bool has_record(const std::string& text, const std::string& pattern);
 
-// Starts the logger as `identity` with `channel` at trace level on standard error; stops it
-// again on destruction.
+// The logger started as `identity` in a throw-away install root, `channel` at trace level on
+// standard error; stopped on destruction.
 class LogCapture {
 public:
     explicit LogCapture(const std::string& identity, const std::string& channel = "default");
