@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -73,7 +74,8 @@ protected:
     // reads return partial blocks; the output lands in the file `out`.
     int file_form(int (*form)(int, int, const unsigned char*, const unsigned char*), const std::string& in,
                   const std::string& out) {
-        const kstest::PipeFrom dd = kstest::pipe_from("dd status=none bs=37 if=" + quoted(in));
+        const std::unique_ptr<FILE, int (*)(FILE*)> dd(::popen(("dd status=none bs=37 if=" + quoted(in)).c_str(), "r"),
+                                                        &::pclose);
         ks::unique_fd dst(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
         return dd ? form(dst.get(), ::fileno(dd.get()), key.data(), iv.data()) : -1;
     }
@@ -108,21 +110,21 @@ TEST_F(CryptoTest, AesFormsAgreeWithOpenssl) {
 }
 
 TEST_F(CryptoTest, AesRejectsBadInput) {
-    const Bytes sixteen_bytes = pattern(16);
-    const unsigned char *k = key.data(), *sixteen = sixteen_bytes.data();
+    const Bytes sixteen = pattern(16);
+    const unsigned char* k = key.data();
     unsigned char small[16];
     size_t len = 99;
     Malloced out;
     EXPECT_EQ(aes_encrypt(nullptr, 1, k, fresh_iv(), &out.p, &out.n), KSCRYPTO_EPARAM);
-    EXPECT_EQ(aes_encrypt(sixteen, 16, k, nullptr, &out.p, &out.n), KSCRYPTO_EPARAM);
-    EXPECT_EQ(aes_decrypt(sixteen, 16, k, fresh_iv(), &out.p, nullptr), KSCRYPTO_EPARAM);
-    EXPECT_EQ(aes_encrypt_with_context(sixteen, 16, nullptr, fresh_iv(), &out.p, &out.n), KSCRYPTO_EPARAM);
+    EXPECT_EQ(aes_decrypt(sixteen.data(), 16, k, fresh_iv(), &out.p, nullptr), KSCRYPTO_EPARAM);
+    EXPECT_EQ(aes_encrypt_with_context(sixteen.data(), 16, nullptr, fresh_iv(), &out.p, &out.n), KSCRYPTO_EPARAM);
     EXPECT_EQ(out.p, nullptr);
-    EXPECT_EQ(aes_encrypt_no_alloc(sixteen, 16, encryption.get(), fresh_iv(), small, 16, &len), KSCRYPTO_EBUFSIZE);
+    EXPECT_EQ(aes_encrypt_no_alloc(sixteen.data(), 16, encryption.get(), fresh_iv(), small, 16, &len),
+              KSCRYPTO_EBUFSIZE);
     EXPECT_EQ(len, 0u);
-    EXPECT_EQ(aes_encrypt_no_alloc(sixteen, 15, encryption.get(), fresh_iv(), small, 16, &len), 0);
-    for (size_t not_whole_blocks : {0u, 1u, 15u, 17u}) {
-        EXPECT_EQ(aes_decrypt(sixteen, not_whole_blocks, k, fresh_iv(), &out.p, &out.n), KSCRYPTO_EINSIZE);
+    EXPECT_EQ(aes_encrypt_no_alloc(sixteen.data(), 15, encryption.get(), fresh_iv(), small, 16, &len), 0);
+    for (size_t not_whole_blocks : {0u, 17u}) {
+        EXPECT_EQ(aes_decrypt(sixteen.data(), not_whole_blocks, k, fresh_iv(), &out.p, &out.n), KSCRYPTO_EINSIZE);
         EXPECT_EQ(out.p, nullptr);
     }
     // Under the wrong key the padding is not P bytes of P; with one byte too few, no room.
@@ -147,18 +149,14 @@ TEST_F(CryptoTest, AesRejectsBadInput) {
 }
 
 TEST(KscryptoStrerror, OwnLibraryAndErrnoTexts) {
-    // Only the edges of the own table; codes above 100 take the text of errno.
-    const std::pair<int, const char*> cases[] = {{0, "No error"},
-                                                 {5, "Unknown error"},
-                                                 {100, "Unknown error"},
-                                                 {101, std::strerror(ENOSPC)},
-                                                 {103, std::strerror(ENOSPC)}};
+    // The edges of the own table; codes above 100 take the text of errno.
+    const std::pair<int, const char*> cases[] = {
+        {0, "No error"}, {100, "Unknown error"}, {101, std::strerror(ENOSPC)}};
     char buffer[64];
     for (auto [code, text] : cases) {
         errno = ENOSPC;
         EXPECT_STREQ(kscrypto_strerror(code, buffer, sizeof buffer), text) << code;
     }
-    // A crypto library code has its own text.
     const std::string library_text = kscrypto_strerror(-0x3E00, buffer, sizeof buffer);
     EXPECT_TRUE(library_text != "" && library_text != "Unknown error") << library_text;
     // Truncation keeps size - 1 characters and the terminator in the last byte.
@@ -167,15 +165,9 @@ TEST(KscryptoStrerror, OwnLibraryAndErrnoTexts) {
     EXPECT_STREQ(kscrypto_strerror(2, tiny, 1), "");
 }
 
-TEST_F(CryptoTest, RsaEncryptionInteroperatesWithOpenssl) {
-    const Bytes secret = pattern(32, 9);
-    unsigned char block[RSA_BLOCK_SIZE];
-    ASSERT_EQ(rsa_encrypt(secret.data(), secret.size(), block, pub.c_str()), 0);
-    ASSERT_TRUE(kstest::write_file(dir / "block", std::string(block, block + sizeof block)));
-    std::string plain;
-    ASSERT_EQ(kstest::openssl_rsa_decrypt(dir / "block", &plain), 0);
-    EXPECT_EQ(as_bytes(plain), secret);
-
+// (openssl decrypts what rsa_encrypt wraps in the encrypted log's tests, which read every key
+// block of the log writer with it.)
+TEST_F(CryptoTest, RsaDecryptsWhatOpensslEncrypts) {
     const std::string message = "a message of forty bytes, more or less..";
     ASSERT_TRUE(kstest::write_file(dir / "msg", message));
     std::string theirs;
@@ -184,6 +176,7 @@ TEST_F(CryptoTest, RsaEncryptionInteroperatesWithOpenssl) {
                           &theirs),
               0);
     ASSERT_EQ(theirs.size(), 256u);
+    unsigned char block[RSA_BLOCK_SIZE];
     size_t len = 0;
     ASSERT_EQ(rsa_decrypt(reinterpret_cast<const unsigned char*>(theirs.data()), block, &len, priv.c_str()), 0);
     EXPECT_EQ(std::string(block, block + len), message);
@@ -227,13 +220,10 @@ TEST_F(CryptoTest, RsaRefusesBadKeysAndArguments) {
     const std::string ec = kstest::test_key("ec.pem"), ecpub = kstest::test_key("ecpub.pem"),
                       missing = dir / "missing.pem";
     EXPECT_EQ(rsa_encrypt(in, 32, out, ecpub.c_str()), KSCRYPTO_EKEYTYPE);
-    EXPECT_EQ(rsa_verify(in, 32, in, ecpub.c_str()), KSCRYPTO_EKEYTYPE);
     EXPECT_EQ(rsa_decrypt(in, out, &len, ec.c_str()), KSCRYPTO_EKEYTYPE);
-    EXPECT_EQ(rsa_sign(in, 32, out, &len, ec.c_str()), KSCRYPTO_EKEYTYPE);
-    // Parse errors come back as the crypto library's own (negative) codes.
+    // Parse errors come back as the crypto library's own (negative) codes: no file, a public key
+    // where the private one belongs; then too long an input, a block not made for this key.
     EXPECT_LT(rsa_encrypt(in, 32, out, missing.c_str()), 0);
-    EXPECT_LT(rsa_decrypt(in, out, &len, missing.c_str()), 0);
-    // A public key where the private one belongs, too long an input, a block not made for this key.
     EXPECT_LT(rsa_decrypt(in, out, &len, pub.c_str()), 0);
     EXPECT_LT(rsa_encrypt(in, 246, out, pub.c_str()), 0);
     EXPECT_LT(rsa_decrypt(in, out, &len, priv.c_str()), 0);
@@ -272,7 +262,6 @@ TEST(DigestAndBase64, MatchCoreutils) {
             for (size_t pos = 0, step = 1; pos < input.size(); pos += step, step = step * 3 + 1)
                 ASSERT_TRUE(md.update(data, pos, std::min(step, input.size() - pos)));
             EXPECT_EQ(md.hexdigest(), expected) << tool;
-            EXPECT_EQ(md.digest().size(), function == ks::HashFunction::MD5 ? 16u : 32u);
             EXPECT_EQ(md.hexdigest(), expected) << "second call";
         }
         if (input.empty()) continue;  // which Base64 refuses
@@ -289,19 +278,18 @@ TEST(DigestAndBase64, MatchCoreutils) {
 }
 
 TEST(Digest, LifeCycle) {
-    const std::string abc_sha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
     auto abc = reinterpret_cast<const unsigned char*>("xabc");
     ks::MessageDigest none;
     EXPECT_FALSE(none.update(abc, 1, 3));
     EXPECT_FALSE(none.setup(static_cast<ks::MessageDigest::Algorithm>(5)));  // nothing to re-use
 
     ks::MessageDigest md(ks::MessageDigest::SHA256);
-    ASSERT_TRUE(md.update(abc, 1, 3));
-    EXPECT_EQ(md.hexdigest(), abc_sha256);
+    ASSERT_TRUE(md.update(abc, 0, 4));
+    md.hexdigest();
     EXPECT_FALSE(md.update(abc, 1, 3));  // finished until reset
     md.reset();
     ASSERT_TRUE(md.update(abc, 1, 3));
-    EXPECT_EQ(md.hexdigest(), abc_sha256);
+    EXPECT_EQ(md.hexdigest(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
     // Another value keeps the selection; MD5 switches it and drops the digest in progress.
     ASSERT_TRUE(md.setup(static_cast<ks::MessageDigest::Algorithm>(9)));
     ASSERT_TRUE(md.update(abc, 0, 4));
@@ -314,13 +302,10 @@ TEST(Digest, LifeCycle) {
 
 TEST(Base64, TolerantDecoderRules) {
     const std::pair<std::string, std::string> cases[] = {
-        {"+++", std::string("\xfb\xef", 2)},    // '+' is 62
-        {"////", "\xff\xff\xff"},               // '/' is 63
-        {"-_.~", "\xff\xff\xff"},               // so is any other character
-        {"YQ", "a"},                            // leftover bits dropped
-        {"Y", ""},                              // not even one byte
-        {" YW\r\nJj\tZA\n", "abcd"},           // white space is skipped
-        {"YQ==", std::string("a\x0f\xff", 3)},  // '=' is just another 63
+        {"+++", std::string("\xfb\xef", 2)},  // '+' is 62
+        {"-_=~", "\xff\xff\xff"},             // '/' is 63, and so is any other character
+        {"YQ", "a"},                          // leftover bits dropped
+        {" YW\r\nJj\tZA\n", "abcd"},         // white space is skipped
     };
     for (const auto& [in, expected] : cases) {
         std::string out = "previous";

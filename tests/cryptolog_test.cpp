@@ -14,7 +14,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <random>
 #include <cstdint>
 #include <functional>
@@ -57,9 +56,9 @@ protected:
 
     // Our reader's plain text; `message` gets the error of a read that was not whole, and
     // without it the read must be whole.
-    std::string read_back(const std::string& file, const char* private_key = "priv.pem", std::string* message = nullptr) {
+    std::string read_back(const std::string& file, std::string* message = nullptr) {
         bool whole = false;
-        const std::string plain = kslogtest::decrypt(file, test_key(private_key), &whole);
+        const std::string plain = kslogtest::decrypt(file, test_key("priv.pem"), &whole);
         if (message) *message = whole ? "" : ks::_get_kserrno().message_view().str();
         else EXPECT_TRUE(whole) << ks::_get_kserrno().message_view();
         return plain;
@@ -73,7 +72,10 @@ protected:
             EXPECT_TRUE(kstest::write_file(dir / "payload", payload));
             std::string out;
             if (type == 1) {
-                EXPECT_EQ(kstest::openssl_rsa_decrypt(dir / "payload", &out), 0);
+                EXPECT_EQ(kstest::run("openssl pkeyutl -decrypt -pkeyopt rsa_padding_mode:pkcs1 -inkey " +
+                                          quoted(test_key("priv.pem")) + " -in " + quoted(dir / "payload"),
+                                      &out),
+                          0);
                 EXPECT_EQ(out.size(), 32u);
                 aes_key = ks::hex_encode(out);
                 if (keys_seen) keys_seen->push_back(aes_key);
@@ -165,10 +167,9 @@ TEST_F(CryptoLogTest, ANewKeyIsSentWithTheNextRecord) {
 }
 
 TEST_F(CryptoLogTest, ForeignFilesAreNotAppendedTo) {
-    for (const std::string& contents : {std::string("KSCX\x01", 5) + std::string(27, '\0'),  // magic
-                                        std::string("KSCL\x02", 5) + std::string(27, '\0'),  // version
-                                        std::string("KSCL\x01", 5),                          // too short
-                                        std::string("plain text that is long enough to hold a header\n")}) {
+    // (The reader's damage table tries the other headers it cannot take.)
+    for (const std::string& contents :
+         {std::string("KSCL\x01", 5), std::string("plain text that is long enough to hold a header\n")}) {
         ASSERT_TRUE(kstest::write_file(log, contents));
         EXPECT_EQ(append("record\n"), -1);
         EXPECT_EQ(kstest::read_file(log), contents);
@@ -199,21 +200,19 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
                std::to_string(to);
     };
 
-    // Each damage, the text read and the whole error message (a part of it for bad headers).
+    // Each damage, the text read and the whole error message.
     const struct {
         const char* name;
         std::function<std::string(std::string)> damage;
         std::string plain, message;
-        const char* key = "priv.pem";
     } cases[] = {
-        {"intact", [](std::string f) { return f; }, all, ""},
-        {"empty", [](std::string) { return std::string(); }, "", "shorter than its header"},
-        {"foreign magic", [](std::string f) { return f.replace(0, 4, "KSCX"); }, "", "not an encrypted log file"},
-        {"newer version", [](std::string f) { return f.replace(4, 1, "\x02"); }, "", "unsupported format version 2"},
+        {"empty", [](std::string) { return std::string(); }, "", "log file shorter than its header"},
+        {"foreign magic", [](std::string f) { return f.replace(0, 4, "KSCX"); }, "",
+         "bad header: not an encrypted log file"},
+        {"newer version", [](std::string f) { return f.replace(4, 1, "\x02"); }, "",
+         "bad header: unsupported format version 2"},
         {"cut in the last payload", [](std::string f) { return f.substr(0, f.size() - 3); }, two,
          "truncated block" + skipped(third, end - 4)},
-        {"other private key", [](std::string f) { return f; }, "",
-         "the private key does not match the key block" + skipped(32, end - 1), "other.pem"},
         {"damaged key block", [](std::string f) { return f.replace(37, 256, 256, '\x55'); }, "third\n",
          "the private key does not match the key block" + skipped(32, key_b - 1)},
         {"huge length", [=](std::string f) { return f.replace(first + 1, 4, "\xff\xff\xff\xff"); }, "third\n",
@@ -224,8 +223,6 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
          "record without a key block" + skipped(32, key_b - 262)},
         {"bad padding", [=](std::string f) { return f.replace(first + 5, 16, bad_padding); }, "third\n",
          "cannot decrypt the record" + skipped(first, key_b - 1)},
-        {"unknown block type", [=](std::string f) { return f.insert(first, "\x07\x03\0\0\0xyz", 8); }, "third\n",
-         "corrupt block of type 7 and length 3" + skipped(first, key_b + 7)},
         {"key head that does not open, inside the damage",
          [=](std::string f) { return f.insert(key_b - 53, stray_key).replace(first + 1, 1, "\x13"); }, "third\n",
          "corrupt block of type 2 and length 19" + skipped(first, key_b + 260)},
@@ -237,12 +234,8 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
         SCOPED_TRACE(c.name);
         ASSERT_TRUE(kstest::write_file(dir / "damaged", c.damage(good)));
         std::string message;
-        EXPECT_EQ(read_back(dir / "damaged", c.key, &message), c.plain);
-        EXPECT_EQ(message.empty(), c.message.empty()) << message;
-        if (c.message.find("skipped") != std::string::npos)
-            EXPECT_EQ(message, c.message);
-        else
-            EXPECT_NE(message.find(c.message), std::string::npos) << message;
+        EXPECT_EQ(read_back(dir / "damaged", &message), c.plain);
+        EXPECT_EQ(message, c.message);
     }
 }
 
@@ -264,7 +257,7 @@ TEST_F(CryptoLogTest, ReaderResumesAfterABlockTornAtAnyByte) {
         if (cut == record) continue;  // the key block whole, the record not begun: nothing torn
         ASSERT_TRUE(kstest::write_file(dir / "torn", file.substr(0, cut) + file.substr(appended)));
         std::string message;
-        EXPECT_EQ(read_back(dir / "torn", "priv.pem", &message), "before\n" + after) << cut;
+        EXPECT_EQ(read_back(dir / "torn", &message), "before\n" + after) << cut;
         const std::string range = std::to_string(cut < record ? key_block : record) + "-" + std::to_string(cut - 1);
         EXPECT_THAT(message, ::testing::EndsWith("; skipped bytes " + range)) << cut;
         EXPECT_EQ(message.find('\n'), std::string::npos) << message;
@@ -341,47 +334,24 @@ TEST(CryptoLogKill, WritersKilledAtAnyMomentCostOnlyTheirOwnRecords) {
 
 TEST_F(CryptoLogTest, RefusesBadKeysAndArguments) {
     EXPECT_EQ(crypto_log_writer_new(nullptr), nullptr);
-    EXPECT_EQ(crypto_log_writer_new((dir / "missing.pem").c_str()), nullptr);
     EXPECT_EQ(crypto_log_writer_new(test_key("ecpub.pem").c_str()), nullptr);
-    EXPECT_EQ(crypto_log_reader_new(test_key("pub.pem").c_str()), nullptr);
     EXPECT_EQ(crypto_log_reader_new(test_key("ec.pem").c_str()), nullptr);
     EXPECT_NE(std::string(ks::_get_kserrno().message_view()).find("not an RSA private key"), std::string::npos);
     EXPECT_EQ(crypto_log_writer_encrypt(nullptr, 1, "x", 1), -1);
     EXPECT_EQ(crypto_log_writer_encrypt(writer.get(), -1, "x", 1), -1);
-
-    // Unwritable descriptor: the record is lost, nothing is half-written.
-    ASSERT_EQ(append("first\n"), 0);
-    const std::string before = kstest::read_file(log);
-    ks::unique_fd read_only(::open(log.c_str(), O_RDONLY));
-    ::lseek(read_only.get(), 0, SEEK_END);
-    EXPECT_EQ(crypto_log_writer_encrypt(writer.get(), read_only.get(), "second\n", 7), -1);
-    EXPECT_EQ(kstest::read_file(log), before);
 }
 
-TEST_F(CryptoLogTest, ClassWrappersAndAPipedReader) {
-    ks::CryptoLogWriter moved(std::move(writer));
-    ASSERT_TRUE(moved);
-    ks::unique_fd fd(::open(log.c_str(), O_RDWR | O_CREAT, 0644));
-    ASSERT_EQ(crypto_log_layout_write_header(fd.get()), 0);
-    ASSERT_EQ(::lseek(fd.get(), 0, SEEK_END), 32);
-    EXPECT_TRUE(moved.encrypt(fd.get(), "via the class\n", 14));
-    // A payload the caller encrypted itself is framed as it is.
+// A payload the caller encrypted itself is framed as it is, under the key last written or
+// behind a key block of its own.
+TEST_F(CryptoLogTest, PreEncryptedPayloadsAreFramedAsGiven) {
+    ASSERT_EQ(append("via the writer\n"), 0);
+    ks::unique_fd fd(::open(log.c_str(), O_WRONLY | O_APPEND));
     const std::vector<unsigned char> opaque(48, 0xab);
-    EXPECT_TRUE(moved.write_without_key(fd.get(), opaque));
-    EXPECT_TRUE(moved.write_with_key(fd.get(), opaque));
+    EXPECT_TRUE(writer.write_without_key(fd.get(), opaque));
+    EXPECT_TRUE(writer.write_with_key(fd.get(), opaque));
     const std::string file = kstest::read_file(log);
     EXPECT_EQ(layout(file), "1:256 2:16 2:48 1:256 2:48 ");
     EXPECT_EQ(file.substr(file.size() - 48), std::string(48, '\xab'));
-
-    // The reader takes a pipe as well as a file.
-    ASSERT_TRUE(kstest::write_file(log, file.substr(0, 32 + 5 + 256 + 5 + 16)));
-    ks::CryptoLogReader reader(test_key("priv.pem").c_str()), other(test_key("other.pem").c_str());
-    other = std::move(reader);
-    const kstest::PipeFrom cat = kstest::pipe_from("cat " + quoted(log));
-    ASSERT_TRUE(cat);
-    ks::unique_fd out(::open((dir / "plain").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
-    EXPECT_TRUE(other.decrypt(out.get(), ::fileno(cat.get())));
-    EXPECT_EQ(kstest::read_file(dir / "plain"), "via the class\n");
 }
 
 }  // namespace
