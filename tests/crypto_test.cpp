@@ -165,9 +165,8 @@ TEST(KscryptoStrerror, OwnLibraryAndErrnoTexts) {
     EXPECT_STREQ(kscrypto_strerror(2, tiny, 1), "");
 }
 
-// (openssl decrypts what rsa_encrypt wraps in the encrypted log's tests, which read every key
-// block of the log writer with it.)
-TEST_F(CryptoTest, RsaDecryptsWhatOpensslEncrypts) {
+// (What rsa_encrypt wraps, openssl decrypts in the encrypted log's tests: every key block.)
+TEST_F(CryptoTest, RsaAgreesWithOpenssl) {
     const std::string message = "a message of forty bytes, more or less..";
     ASSERT_TRUE(kstest::write_file(dir / "msg", message));
     std::string theirs;
@@ -180,19 +179,13 @@ TEST_F(CryptoTest, RsaDecryptsWhatOpensslEncrypts) {
     size_t len = 0;
     ASSERT_EQ(rsa_decrypt(reinterpret_cast<const unsigned char*>(theirs.data()), block, &len, priv.c_str()), 0);
     EXPECT_EQ(std::string(block, block + len), message);
-}
 
-TEST_F(CryptoTest, RsaSignaturesVerifyBothWays) {
-    const std::string content = "signed\n";
-    // A SHA-256 or MD5 hash is signed with its DigestInfo, any other length as raw bytes.
-    for (const std::string digest : {"sha256", "md5", ""}) {
+    // Signatures both ways: a SHA-256 or MD5 hash is signed with its DigestInfo, any other
+    // length as raw bytes.
+    for (const auto& [digest, length] : {std::pair<std::string, size_t>{"sha256", 32}, {"md5", 16}, {"", 20}}) {
         SCOPED_TRACE(digest);
-        const auto function = digest == "md5" ? ks::HashFunction::MD5 : ks::HashFunction::SHA256;
-        ks::buffer hash;
-        ASSERT_TRUE(ks::hex_decode(digest.empty() ? ks::hex_encode("twenty raw bytes....", 20)
-                                                  : ks::compute_hash(function, content.data(), 0, content.size()),
-                                   hash));
-        ASSERT_TRUE(kstest::write_file(dir / "hash", std::string(hash.begin(), hash.end())));
+        Bytes hash = pattern(length, 11);
+        ASSERT_TRUE(kstest::write_file(dir / "hash", as_string(hash)));
         const std::string args = " -in " + quoted(dir / "hash") + (digest.empty() ? "" : " -pkeyopt digest:" + digest);
 
         unsigned char sig[RSA_BLOCK_SIZE];
