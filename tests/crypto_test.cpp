@@ -70,8 +70,7 @@ protected:
         out.resize(len);
         return out;
     }
-    // A file form reading the file `in` through a pipe that dd fills 37 bytes at a time, so
-    // reads return partial blocks; the output lands in the file `out`.
+    // A file form reading the file `in` through a pipe that dd fills 37 bytes at a time.
     int file_form(int (*form)(int, int, const unsigned char*, const unsigned char*), const std::string& in,
                   const std::string& out) {
         const std::unique_ptr<FILE, int (*)(FILE*)> dd(::popen(("dd status=none bs=37 if=" + quoted(in)).c_str(), "r"),
@@ -109,7 +108,7 @@ TEST_F(CryptoTest, AesFormsAgreeWithOpenssl) {
     }
 }
 
-TEST_F(CryptoTest, AesRejectsBadInput) {
+TEST_F(CryptoTest, RefusesBadInputAndKeys) {
     const Bytes sixteen = pattern(16);
     const unsigned char* k = key.data();
     unsigned char small[16];
@@ -146,6 +145,18 @@ TEST_F(CryptoTest, AesRejectsBadInput) {
     EXPECT_EQ(aes_encrypt_file(read_only.get(), read_only.get(), k, iv.data()), KSCRYPTO_EWRITE);
     EXPECT_EQ(file_form(aes_decrypt_file, path, "/dev/null"), KSCRYPTO_EINSIZE);
     EXPECT_EQ(aes_encrypt_file(sink.get(), -1, k, iv.data()), KSCRYPTO_EPARAM);
+
+    unsigned char in[RSA_BLOCK_SIZE] = {1, 2, 3}, out_block[RSA_BLOCK_SIZE];
+    EXPECT_EQ(rsa_encrypt(in, 32, out_block, kstest::test_key("ecpub.pem").c_str()), KSCRYPTO_EKEYTYPE);
+    EXPECT_EQ(rsa_decrypt(in, out_block, &len, kstest::test_key("ec.pem").c_str()), KSCRYPTO_EKEYTYPE);
+    // Parse errors come back as the crypto library's own (negative) codes: no file, a public key
+    // where the private one belongs; then too long an input, a block not made for this key.
+    EXPECT_LT(rsa_encrypt(in, 32, out_block, (dir / "missing.pem").c_str()), 0);
+    EXPECT_LT(rsa_decrypt(in, out_block, &len, pub.c_str()), 0);
+    EXPECT_LT(rsa_encrypt(in, 246, out_block, pub.c_str()), 0);
+    EXPECT_LT(rsa_decrypt(in, out_block, &len, priv.c_str()), 0);
+    EXPECT_EQ(rsa_encrypt(in, 1, out_block, nullptr), KSCRYPTO_EPARAM);
+    EXPECT_EQ(rsa_sign(in, 32, nullptr, &len, priv.c_str()), KSCRYPTO_EPARAM);
 }
 
 TEST(KscryptoStrerror, OwnLibraryAndErrnoTexts) {
@@ -205,23 +216,6 @@ TEST_F(CryptoTest, RsaAgreesWithOpenssl) {
         hash[0] ^= 1;
         EXPECT_LT(rsa_verify(hash.data(), hash.size(), signature, pub.c_str()), 0);
     }
-}
-
-TEST_F(CryptoTest, RsaRefusesBadKeysAndArguments) {
-    unsigned char in[RSA_BLOCK_SIZE] = {1, 2, 3}, out[RSA_BLOCK_SIZE];
-    size_t len = 0;
-    const std::string ec = kstest::test_key("ec.pem"), ecpub = kstest::test_key("ecpub.pem"),
-                      missing = dir / "missing.pem";
-    EXPECT_EQ(rsa_encrypt(in, 32, out, ecpub.c_str()), KSCRYPTO_EKEYTYPE);
-    EXPECT_EQ(rsa_decrypt(in, out, &len, ec.c_str()), KSCRYPTO_EKEYTYPE);
-    // Parse errors come back as the crypto library's own (negative) codes: no file, a public key
-    // where the private one belongs; then too long an input, a block not made for this key.
-    EXPECT_LT(rsa_encrypt(in, 32, out, missing.c_str()), 0);
-    EXPECT_LT(rsa_decrypt(in, out, &len, pub.c_str()), 0);
-    EXPECT_LT(rsa_encrypt(in, 246, out, pub.c_str()), 0);
-    EXPECT_LT(rsa_decrypt(in, out, &len, priv.c_str()), 0);
-    EXPECT_EQ(rsa_encrypt(in, 1, out, nullptr), KSCRYPTO_EPARAM);
-    EXPECT_EQ(rsa_sign(in, 32, nullptr, &len, priv.c_str()), KSCRYPTO_EPARAM);
 }
 
 TEST(RandomBytes, FillsAndDiffers) {
