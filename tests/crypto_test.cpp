@@ -38,7 +38,6 @@ struct Malloced {
     unsigned char* p = nullptr;
     size_t n = 0;
     ~Malloced() { std::free(p); }
-    Bytes bytes() const { return Bytes(p, p + n); }
 };
 
 using AesContext = std::unique_ptr<mbedtls_aes_context, decltype(&aes_context_free)>;
@@ -60,7 +59,7 @@ protected:
     Bytes allocating(Form form, const Bytes& in, Key k) {
         Malloced out;
         EXPECT_EQ(form(in.data(), in.size(), k, fresh_iv(), &out.p, &out.n), 0);
-        return out.bytes();
+        return Bytes(out.p, out.p + out.n);
     }
     template <typename Form>
     Bytes no_alloc(Form form, const Bytes& in, mbedtls_aes_context* ctx, size_t room) {
@@ -89,7 +88,6 @@ TEST_F(CryptoTest, AesFormsAgreeWithOpenssl) {
         ASSERT_TRUE(kstest::write_file(in, as_string(plain)));
         ASSERT_EQ(kstest::run(openssl + "-in " + quoted(in) + " -out " + quoted(out)), 0);
         const Bytes expected = as_bytes(kstest::read_file(out));
-        ASSERT_EQ(expected.size(), (size / 16 + 1) * 16);
 
         EXPECT_EQ(allocating(aes_encrypt, plain, key.data()), expected);
         // CBC leaves the last ciphertext block as the next IV.
@@ -161,13 +159,11 @@ TEST_F(CryptoTest, RefusesBadInputAndKeys) {
 
 TEST(KscryptoStrerror, OwnLibraryAndErrnoTexts) {
     // The edges of the own table; codes above 100 take the text of errno.
-    const std::pair<int, const char*> cases[] = {
-        {0, "No error"}, {100, "Unknown error"}, {101, std::strerror(ENOSPC)}};
     char buffer[64];
-    for (auto [code, text] : cases) {
-        errno = ENOSPC;
-        EXPECT_STREQ(kscrypto_strerror(code, buffer, sizeof buffer), text) << code;
-    }
+    EXPECT_STREQ(kscrypto_strerror(0, buffer, sizeof buffer), "No error");
+    EXPECT_STREQ(kscrypto_strerror(100, buffer, sizeof buffer), "Unknown error");
+    errno = ENOSPC;
+    EXPECT_STREQ(kscrypto_strerror(101, buffer, sizeof buffer), std::strerror(ENOSPC));
     const std::string library_text = kscrypto_strerror(-0x3E00, buffer, sizeof buffer);
     EXPECT_TRUE(library_text != "" && library_text != "Unknown error") << library_text;
     // Truncation keeps size - 1 characters and the terminator in the last byte.
@@ -219,11 +215,10 @@ TEST_F(CryptoTest, RsaAgreesWithOpenssl) {
 }
 
 TEST(RandomBytes, FillsAndDiffers) {
-    // More than one request of the generator: the tail is filled too, and two calls differ.
-    Bytes a(5000), b(5000);
+    // More than one request of the generator: the tail is filled too. (That two calls differ,
+    // the encrypted log's tests see in every pair of keys.)
+    Bytes a(5000);
     ASSERT_EQ(crypto_gen_random_bytes(a.data(), a.size()), 0);
-    ASSERT_EQ(crypto_gen_random_bytes(b.data(), b.size()), 0);
-    EXPECT_NE(a, b);
     EXPECT_NE(Bytes(a.end() - 32, a.end()), Bytes(32, 0));
     EXPECT_EQ(crypto_gen_random_bytes(nullptr, 4), KSCRYPTO_EPARAM);
     EXPECT_EQ(crypto_gen_random_bytes(a.data(), 0), 0);

@@ -64,24 +64,23 @@ protected:
         return plain;
     }
 
-    // The second reader: framing parsed here, every decryption done by the openssl command.
-    // `keys_seen` gets the hexadecimal AES key of each key block.
-    std::string openssl_read(const std::string& file, std::vector<std::string>* keys_seen = nullptr) {
+    // The second reader: framing parsed here, every decryption done by the openssl command;
+    // `aes_keys` gets the hexadecimal AES key of each key block.
+    std::vector<std::string> aes_keys;
+    std::string openssl_read(const std::string& file) {
+        const std::string rsa = "openssl pkeyutl -decrypt -pkeyopt rsa_padding_mode:pkcs1 -inkey ";
         std::string plain, aes_key;
+        aes_keys.clear();
         for (const auto& [type, payload] : blocks_of(kstest::read_file(file))) {
             EXPECT_TRUE(kstest::write_file(dir / "payload", payload));
+            const std::string in = " -in " + quoted(dir / "payload");
             std::string out;
             if (type == 1) {
-                EXPECT_EQ(kstest::run("openssl pkeyutl -decrypt -pkeyopt rsa_padding_mode:pkcs1 -inkey " +
-                                          quoted(test_key("priv.pem")) + " -in " + quoted(dir / "payload"),
-                                      &out),
-                          0);
+                EXPECT_EQ(kstest::run(rsa + quoted(test_key("priv.pem")) + in, &out), 0);
                 EXPECT_EQ(out.size(), 32u);
-                aes_key = ks::hex_encode(out);
-                if (keys_seen) keys_seen->push_back(aes_key);
+                aes_keys.push_back(aes_key = ks::hex_encode(out));
             } else if (type == 2) {
-                const std::string decrypt = kstest::openssl_aes(aes_key, std::string(32, '0'), "-d -in ");
-                EXPECT_EQ(kstest::run(decrypt + quoted(dir / "payload"), &out), 0);
+                EXPECT_EQ(kstest::run(kstest::openssl_aes(aes_key, std::string(32, '0'), "-d") + in, &out), 0);
                 plain += out;
             }
         }
@@ -108,8 +107,7 @@ TEST_F(CryptoLogTest, LayoutOnDisk) {
     EXPECT_EQ(layout(file), types + "1:256 2:16 2:16 ");
     expected += "new key\nsame key\n";
     EXPECT_EQ(read_back(log), expected);
-    std::vector<std::string> aes_keys;
-    EXPECT_EQ(openssl_read(log, &aes_keys), expected);
+    EXPECT_EQ(openssl_read(log), expected);
     ASSERT_EQ(aes_keys.size(), 2u);
     EXPECT_NE(aes_keys[0], aes_keys[1]);
 
@@ -148,9 +146,7 @@ TEST_F(CryptoLogTest, EachProcessStartsItsRunWithItsOwnKey) {
         const std::string file = kstest::read_file(log), expected = "parent 1\nchild 1\nchild 2\nparent 2\nparent 3\n";
         EXPECT_EQ(le32(file, 5), static_cast<uint32_t>(::getpid()));
         EXPECT_EQ(layout(file), "1:256 2:16 1:256 2:16 2:16 1:256 2:16 2:16 ");
-        EXPECT_EQ(read_back(log), expected);
-        std::vector<std::string> aes_keys;
-        EXPECT_EQ(openssl_read(log, &aes_keys), expected);
+        EXPECT_EQ(openssl_read(log), expected);
         ASSERT_EQ(aes_keys.size(), 3u);
         EXPECT_EQ(aes_keys[0], aes_keys[2]);
         EXPECT_EQ(aes_keys[0] != aes_keys[1], own_writer);
