@@ -107,21 +107,19 @@ TEST_F(CryptoTest, AesFormsAgreeWithOpenssl) {
 }
 
 TEST_F(CryptoTest, RefusesBadInputAndKeys) {
-    const Bytes sixteen = pattern(16);
     const unsigned char* k = key.data();
-    unsigned char small[16];
+    unsigned char in[RSA_BLOCK_SIZE] = {1, 2, 3}, out_block[RSA_BLOCK_SIZE];
     size_t len = 99;
     Malloced out;
     EXPECT_EQ(aes_encrypt(nullptr, 1, k, fresh_iv(), &out.p, &out.n), KSCRYPTO_EPARAM);
-    EXPECT_EQ(aes_decrypt(sixteen.data(), 16, k, fresh_iv(), &out.p, nullptr), KSCRYPTO_EPARAM);
-    EXPECT_EQ(aes_encrypt_with_context(sixteen.data(), 16, nullptr, fresh_iv(), &out.p, &out.n), KSCRYPTO_EPARAM);
+    EXPECT_EQ(aes_decrypt(in, 16, k, fresh_iv(), &out.p, nullptr), KSCRYPTO_EPARAM);
+    EXPECT_EQ(aes_encrypt_with_context(in, 16, nullptr, fresh_iv(), &out.p, &out.n), KSCRYPTO_EPARAM);
     EXPECT_EQ(out.p, nullptr);
-    EXPECT_EQ(aes_encrypt_no_alloc(sixteen.data(), 16, encryption.get(), fresh_iv(), small, 16, &len),
-              KSCRYPTO_EBUFSIZE);
+    EXPECT_EQ(aes_encrypt_no_alloc(in, 16, encryption.get(), fresh_iv(), out_block, 16, &len), KSCRYPTO_EBUFSIZE);
     EXPECT_EQ(len, 0u);
-    EXPECT_EQ(aes_encrypt_no_alloc(sixteen.data(), 15, encryption.get(), fresh_iv(), small, 16, &len), 0);
+    EXPECT_EQ(aes_encrypt_no_alloc(in, 15, encryption.get(), fresh_iv(), out_block, 16, &len), 0);
     for (size_t not_whole_blocks : {0u, 17u}) {
-        EXPECT_EQ(aes_decrypt(sixteen.data(), not_whole_blocks, k, fresh_iv(), &out.p, &out.n), KSCRYPTO_EINSIZE);
+        EXPECT_EQ(aes_decrypt(in, not_whole_blocks, k, fresh_iv(), &out.p, &out.n), KSCRYPTO_EINSIZE);
         EXPECT_EQ(out.p, nullptr);
     }
     // Under the wrong key the padding is not P bytes of P; with one byte too few, no room.
@@ -129,8 +127,7 @@ TEST_F(CryptoTest, RefusesBadInputAndKeys) {
     EXPECT_LT(aes_decrypt(enc.data(), enc.size(), other_key.data(), fresh_iv(), &out.p, &out.n), 0);
     EXPECT_EQ(out.p, nullptr);
     EXPECT_EQ(out.n, 0u);
-    Bytes room(39);
-    EXPECT_EQ(aes_decrypt_no_alloc(enc.data(), 48, decryption.get(), fresh_iv(), room.data(), 39, &len),
+    EXPECT_EQ(aes_decrypt_no_alloc(enc.data(), 48, decryption.get(), fresh_iv(), out_block, 39, &len),
               KSCRYPTO_EBUFSIZE);
 
     // Descriptors that cannot be read or written, and a ciphertext file that is not whole blocks.
@@ -144,7 +141,6 @@ TEST_F(CryptoTest, RefusesBadInputAndKeys) {
     EXPECT_EQ(file_form(aes_decrypt_file, path, "/dev/null"), KSCRYPTO_EINSIZE);
     EXPECT_EQ(aes_encrypt_file(sink.get(), -1, k, iv.data()), KSCRYPTO_EPARAM);
 
-    unsigned char in[RSA_BLOCK_SIZE] = {1, 2, 3}, out_block[RSA_BLOCK_SIZE];
     EXPECT_EQ(rsa_encrypt(in, 32, out_block, kstest::test_key("ecpub.pem").c_str()), KSCRYPTO_EKEYTYPE);
     EXPECT_EQ(rsa_decrypt(in, out_block, &len, kstest::test_key("ec.pem").c_str()), KSCRYPTO_EKEYTYPE);
     // Parse errors come back as the crypto library's own (negative) codes: no file, a public key
