@@ -177,9 +177,8 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
         std::string plain, message;
     } cases[] = {
         {"empty", [](std::string) { return std::string(); }, "", "log file shorter than its header"},
-        {"foreign magic", [](std::string f) { return f.replace(0, 4, "KSCX"); }, "",
-         "bad header: not an encrypted log file"},
-        {"newer version", [](std::string f) { return f.replace(4, 1, "\x02"); }, "",
+        {"magic", [](std::string f) { return f.replace(0, 4, "KSCX"); }, "", "bad header: not an encrypted log file"},
+        {"version", [](std::string f) { return f.replace(4, 1, "\x02"); }, "",
          "bad header: unsupported format version 2"},
         {"cut in the last payload", [](std::string f) { return f.substr(0, f.size() - 3); }, "first\n" + second,
          "truncated block" + skipped(third, end - 4)},

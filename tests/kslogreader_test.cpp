@@ -125,11 +125,9 @@ TEST_F(LogReaderTool, FollowsWritersAcrossRotations) {
     const pid_t follower = ::fork();
     ASSERT_GE(follower, 0);
     if (follower == 0) {
-        ks::unique_fd fd(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
-        ::dup2(fd.get(), STDOUT_FILENO);
-        const std::string program = kstest::tool_path("kslogreader"), dir = root / "var/log";
-        ::execl(program.c_str(), program.c_str(), "-f", "--output", "followed.f", root.private_key().c_str(),
-                dir.c_str(), static_cast<char*>(nullptr));
+        const std::string command = "exec " + quoted(kstest::tool_path("kslogreader")) + " -f --output followed.f " +
+                                    key + " " + quoted(root / "var/log") + " >" + quoted(out);
+        ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
         ::_exit(127);
     }
     // One record at a time, each waited for: about eight records a file, so two rotations.
