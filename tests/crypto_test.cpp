@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -37,7 +38,6 @@ struct Malloced {
     unsigned char* p = nullptr;
     size_t n = 0;
     ~Malloced() { std::free(p); }
-    Bytes bytes() const { return Bytes(p, p + n); }
 };
 
 using AesContext = std::unique_ptr<mbedtls_aes_context, decltype(&aes_context_free)>;
@@ -59,7 +59,7 @@ protected:
     Bytes allocating(Form form, const Bytes& in, Key k) {
         Malloced out;
         EXPECT_EQ(form(in.data(), in.size(), k, fresh_iv(), &out.p, &out.n), 0);
-        return out.bytes();
+        return Bytes(out.p, out.p + out.n);
     }
     template <typename Form>
     Bytes no_alloc(Form form, const Bytes& in, mbedtls_aes_context* ctx, size_t room) {
@@ -69,11 +69,11 @@ protected:
         out.resize(len);
         return out;
     }
-    // A file form reading the file `in` through a pipe that dd fills 37 bytes at a time, so
-    // reads return partial blocks; the output lands in the file `out`.
+    // A file form reading the file `in` through a pipe that dd fills 37 bytes at a time.
     int file_form(int (*form)(int, int, const unsigned char*, const unsigned char*), const std::string& in,
                   const std::string& out) {
-        const kstest::PipeFrom dd = kstest::pipe_from("dd status=none bs=37 if=" + quoted(in));
+        const std::unique_ptr<FILE, int (*)(FILE*)> dd(::popen(("dd status=none bs=37 if=" + quoted(in)).c_str(), "r"),
+                                                        &::pclose);
         ks::unique_fd dst(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
         return dd ? form(dst.get(), ::fileno(dd.get()), key.data(), iv.data()) : -1;
     }
@@ -88,7 +88,6 @@ TEST_F(CryptoTest, AesFormsAgreeWithOpenssl) {
         ASSERT_TRUE(kstest::write_file(in, as_string(plain)));
         ASSERT_EQ(kstest::run(openssl + "-in " + quoted(in) + " -out " + quoted(out)), 0);
         const Bytes expected = as_bytes(kstest::read_file(out));
-        ASSERT_EQ(expected.size(), (size / 16 + 1) * 16);
 
         EXPECT_EQ(allocating(aes_encrypt, plain, key.data()), expected);
         // CBC leaves the last ciphertext block as the next IV.
@@ -107,22 +106,20 @@ TEST_F(CryptoTest, AesFormsAgreeWithOpenssl) {
     }
 }
 
-TEST_F(CryptoTest, AesRejectsBadInput) {
-    const Bytes sixteen_bytes = pattern(16);
-    const unsigned char *k = key.data(), *sixteen = sixteen_bytes.data();
-    unsigned char small[16];
+TEST_F(CryptoTest, RefusesBadInputAndKeys) {
+    const unsigned char* k = key.data();
+    unsigned char in[RSA_BLOCK_SIZE] = {1, 2, 3}, out_block[RSA_BLOCK_SIZE];
     size_t len = 99;
     Malloced out;
     EXPECT_EQ(aes_encrypt(nullptr, 1, k, fresh_iv(), &out.p, &out.n), KSCRYPTO_EPARAM);
-    EXPECT_EQ(aes_encrypt(sixteen, 16, k, nullptr, &out.p, &out.n), KSCRYPTO_EPARAM);
-    EXPECT_EQ(aes_decrypt(sixteen, 16, k, fresh_iv(), &out.p, nullptr), KSCRYPTO_EPARAM);
-    EXPECT_EQ(aes_encrypt_with_context(sixteen, 16, nullptr, fresh_iv(), &out.p, &out.n), KSCRYPTO_EPARAM);
+    EXPECT_EQ(aes_decrypt(in, 16, k, fresh_iv(), &out.p, nullptr), KSCRYPTO_EPARAM);
+    EXPECT_EQ(aes_encrypt_with_context(in, 16, nullptr, fresh_iv(), &out.p, &out.n), KSCRYPTO_EPARAM);
     EXPECT_EQ(out.p, nullptr);
-    EXPECT_EQ(aes_encrypt_no_alloc(sixteen, 16, encryption.get(), fresh_iv(), small, 16, &len), KSCRYPTO_EBUFSIZE);
+    EXPECT_EQ(aes_encrypt_no_alloc(in, 16, encryption.get(), fresh_iv(), out_block, 16, &len), KSCRYPTO_EBUFSIZE);
     EXPECT_EQ(len, 0u);
-    EXPECT_EQ(aes_encrypt_no_alloc(sixteen, 15, encryption.get(), fresh_iv(), small, 16, &len), 0);
-    for (size_t not_whole_blocks : {0u, 1u, 15u, 17u}) {
-        EXPECT_EQ(aes_decrypt(sixteen, not_whole_blocks, k, fresh_iv(), &out.p, &out.n), KSCRYPTO_EINSIZE);
+    EXPECT_EQ(aes_encrypt_no_alloc(in, 15, encryption.get(), fresh_iv(), out_block, 16, &len), 0);
+    for (size_t not_whole_blocks : {0u, 17u}) {
+        EXPECT_EQ(aes_decrypt(in, not_whole_blocks, k, fresh_iv(), &out.p, &out.n), KSCRYPTO_EINSIZE);
         EXPECT_EQ(out.p, nullptr);
     }
     // Under the wrong key the padding is not P bytes of P; with one byte too few, no room.
@@ -130,8 +127,7 @@ TEST_F(CryptoTest, AesRejectsBadInput) {
     EXPECT_LT(aes_decrypt(enc.data(), enc.size(), other_key.data(), fresh_iv(), &out.p, &out.n), 0);
     EXPECT_EQ(out.p, nullptr);
     EXPECT_EQ(out.n, 0u);
-    Bytes room(39);
-    EXPECT_EQ(aes_decrypt_no_alloc(enc.data(), 48, decryption.get(), fresh_iv(), room.data(), 39, &len),
+    EXPECT_EQ(aes_decrypt_no_alloc(enc.data(), 48, decryption.get(), fresh_iv(), out_block, 39, &len),
               KSCRYPTO_EBUFSIZE);
 
     // Descriptors that cannot be read or written, and a ciphertext file that is not whole blocks.
@@ -144,21 +140,26 @@ TEST_F(CryptoTest, AesRejectsBadInput) {
     EXPECT_EQ(aes_encrypt_file(read_only.get(), read_only.get(), k, iv.data()), KSCRYPTO_EWRITE);
     EXPECT_EQ(file_form(aes_decrypt_file, path, "/dev/null"), KSCRYPTO_EINSIZE);
     EXPECT_EQ(aes_encrypt_file(sink.get(), -1, k, iv.data()), KSCRYPTO_EPARAM);
+
+    EXPECT_EQ(rsa_encrypt(in, 32, out_block, kstest::test_key("ecpub.pem").c_str()), KSCRYPTO_EKEYTYPE);
+    EXPECT_EQ(rsa_decrypt(in, out_block, &len, kstest::test_key("ec.pem").c_str()), KSCRYPTO_EKEYTYPE);
+    // Parse errors come back as the crypto library's own (negative) codes: no file, a public key
+    // where the private one belongs; then too long an input, a block not made for this key.
+    EXPECT_LT(rsa_encrypt(in, 32, out_block, (dir / "missing.pem").c_str()), 0);
+    EXPECT_LT(rsa_decrypt(in, out_block, &len, pub.c_str()), 0);
+    EXPECT_LT(rsa_encrypt(in, 246, out_block, pub.c_str()), 0);
+    EXPECT_LT(rsa_decrypt(in, out_block, &len, priv.c_str()), 0);
+    EXPECT_EQ(rsa_encrypt(in, 1, out_block, nullptr), KSCRYPTO_EPARAM);
+    EXPECT_EQ(rsa_sign(in, 32, nullptr, &len, priv.c_str()), KSCRYPTO_EPARAM);
 }
 
 TEST(KscryptoStrerror, OwnLibraryAndErrnoTexts) {
-    // Only the edges of the own table; codes above 100 take the text of errno.
-    const std::pair<int, const char*> cases[] = {{0, "No error"},
-                                                 {5, "Unknown error"},
-                                                 {100, "Unknown error"},
-                                                 {101, std::strerror(ENOSPC)},
-                                                 {103, std::strerror(ENOSPC)}};
+    // The edges of the own table; codes above 100 take the text of errno.
     char buffer[64];
-    for (auto [code, text] : cases) {
-        errno = ENOSPC;
-        EXPECT_STREQ(kscrypto_strerror(code, buffer, sizeof buffer), text) << code;
-    }
-    // A crypto library code has its own text.
+    EXPECT_STREQ(kscrypto_strerror(0, buffer, sizeof buffer), "No error");
+    EXPECT_STREQ(kscrypto_strerror(100, buffer, sizeof buffer), "Unknown error");
+    errno = ENOSPC;
+    EXPECT_STREQ(kscrypto_strerror(101, buffer, sizeof buffer), std::strerror(ENOSPC));
     const std::string library_text = kscrypto_strerror(-0x3E00, buffer, sizeof buffer);
     EXPECT_TRUE(library_text != "" && library_text != "Unknown error") << library_text;
     // Truncation keeps size - 1 characters and the terminator in the last byte.
@@ -167,15 +168,8 @@ TEST(KscryptoStrerror, OwnLibraryAndErrnoTexts) {
     EXPECT_STREQ(kscrypto_strerror(2, tiny, 1), "");
 }
 
-TEST_F(CryptoTest, RsaEncryptionInteroperatesWithOpenssl) {
-    const Bytes secret = pattern(32, 9);
-    unsigned char block[RSA_BLOCK_SIZE];
-    ASSERT_EQ(rsa_encrypt(secret.data(), secret.size(), block, pub.c_str()), 0);
-    ASSERT_TRUE(kstest::write_file(dir / "block", std::string(block, block + sizeof block)));
-    std::string plain;
-    ASSERT_EQ(kstest::openssl_rsa_decrypt(dir / "block", &plain), 0);
-    EXPECT_EQ(as_bytes(plain), secret);
-
+// (What rsa_encrypt wraps, openssl decrypts in the encrypted log's tests: every key block.)
+TEST_F(CryptoTest, RsaAgreesWithOpenssl) {
     const std::string message = "a message of forty bytes, more or less..";
     ASSERT_TRUE(kstest::write_file(dir / "msg", message));
     std::string theirs;
@@ -184,22 +178,17 @@ TEST_F(CryptoTest, RsaEncryptionInteroperatesWithOpenssl) {
                           &theirs),
               0);
     ASSERT_EQ(theirs.size(), 256u);
+    unsigned char block[RSA_BLOCK_SIZE];
     size_t len = 0;
     ASSERT_EQ(rsa_decrypt(reinterpret_cast<const unsigned char*>(theirs.data()), block, &len, priv.c_str()), 0);
     EXPECT_EQ(std::string(block, block + len), message);
-}
 
-TEST_F(CryptoTest, RsaSignaturesVerifyBothWays) {
-    const std::string content = "signed\n";
-    // A SHA-256 or MD5 hash is signed with its DigestInfo, any other length as raw bytes.
-    for (const std::string digest : {"sha256", "md5", ""}) {
+    // Signatures both ways: a SHA-256 or MD5 hash is signed with its DigestInfo, any other
+    // length as raw bytes.
+    for (const auto& [digest, length] : {std::pair<std::string, size_t>{"sha256", 32}, {"md5", 16}, {"", 20}}) {
         SCOPED_TRACE(digest);
-        const auto function = digest == "md5" ? ks::HashFunction::MD5 : ks::HashFunction::SHA256;
-        ks::buffer hash;
-        ASSERT_TRUE(ks::hex_decode(digest.empty() ? ks::hex_encode("twenty raw bytes....", 20)
-                                                  : ks::compute_hash(function, content.data(), 0, content.size()),
-                                   hash));
-        ASSERT_TRUE(kstest::write_file(dir / "hash", std::string(hash.begin(), hash.end())));
+        Bytes hash = pattern(length, 11);
+        ASSERT_TRUE(kstest::write_file(dir / "hash", as_string(hash)));
         const std::string args = " -in " + quoted(dir / "hash") + (digest.empty() ? "" : " -pkeyopt digest:" + digest);
 
         unsigned char sig[RSA_BLOCK_SIZE];
@@ -221,32 +210,11 @@ TEST_F(CryptoTest, RsaSignaturesVerifyBothWays) {
     }
 }
 
-TEST_F(CryptoTest, RsaRefusesBadKeysAndArguments) {
-    unsigned char in[RSA_BLOCK_SIZE] = {1, 2, 3}, out[RSA_BLOCK_SIZE];
-    size_t len = 0;
-    const std::string ec = kstest::test_key("ec.pem"), ecpub = kstest::test_key("ecpub.pem"),
-                      missing = dir / "missing.pem";
-    EXPECT_EQ(rsa_encrypt(in, 32, out, ecpub.c_str()), KSCRYPTO_EKEYTYPE);
-    EXPECT_EQ(rsa_verify(in, 32, in, ecpub.c_str()), KSCRYPTO_EKEYTYPE);
-    EXPECT_EQ(rsa_decrypt(in, out, &len, ec.c_str()), KSCRYPTO_EKEYTYPE);
-    EXPECT_EQ(rsa_sign(in, 32, out, &len, ec.c_str()), KSCRYPTO_EKEYTYPE);
-    // Parse errors come back as the crypto library's own (negative) codes.
-    EXPECT_LT(rsa_encrypt(in, 32, out, missing.c_str()), 0);
-    EXPECT_LT(rsa_decrypt(in, out, &len, missing.c_str()), 0);
-    // A public key where the private one belongs, too long an input, a block not made for this key.
-    EXPECT_LT(rsa_decrypt(in, out, &len, pub.c_str()), 0);
-    EXPECT_LT(rsa_encrypt(in, 246, out, pub.c_str()), 0);
-    EXPECT_LT(rsa_decrypt(in, out, &len, priv.c_str()), 0);
-    EXPECT_EQ(rsa_encrypt(in, 1, out, nullptr), KSCRYPTO_EPARAM);
-    EXPECT_EQ(rsa_sign(in, 32, nullptr, &len, priv.c_str()), KSCRYPTO_EPARAM);
-}
-
 TEST(RandomBytes, FillsAndDiffers) {
-    // More than one request of the generator: the tail is filled too, and two calls differ.
-    Bytes a(5000), b(5000);
+    // More than one request of the generator: the tail is filled too. (That two calls differ,
+    // the encrypted log's tests see in every pair of keys.)
+    Bytes a(5000);
     ASSERT_EQ(crypto_gen_random_bytes(a.data(), a.size()), 0);
-    ASSERT_EQ(crypto_gen_random_bytes(b.data(), b.size()), 0);
-    EXPECT_NE(a, b);
     EXPECT_NE(Bytes(a.end() - 32, a.end()), Bytes(32, 0));
     EXPECT_EQ(crypto_gen_random_bytes(nullptr, 4), KSCRYPTO_EPARAM);
     EXPECT_EQ(crypto_gen_random_bytes(a.data(), 0), 0);
@@ -272,7 +240,6 @@ TEST(DigestAndBase64, MatchCoreutils) {
             for (size_t pos = 0, step = 1; pos < input.size(); pos += step, step = step * 3 + 1)
                 ASSERT_TRUE(md.update(data, pos, std::min(step, input.size() - pos)));
             EXPECT_EQ(md.hexdigest(), expected) << tool;
-            EXPECT_EQ(md.digest().size(), function == ks::HashFunction::MD5 ? 16u : 32u);
             EXPECT_EQ(md.hexdigest(), expected) << "second call";
         }
         if (input.empty()) continue;  // which Base64 refuses
@@ -289,19 +256,18 @@ TEST(DigestAndBase64, MatchCoreutils) {
 }
 
 TEST(Digest, LifeCycle) {
-    const std::string abc_sha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
     auto abc = reinterpret_cast<const unsigned char*>("xabc");
     ks::MessageDigest none;
     EXPECT_FALSE(none.update(abc, 1, 3));
     EXPECT_FALSE(none.setup(static_cast<ks::MessageDigest::Algorithm>(5)));  // nothing to re-use
 
     ks::MessageDigest md(ks::MessageDigest::SHA256);
-    ASSERT_TRUE(md.update(abc, 1, 3));
-    EXPECT_EQ(md.hexdigest(), abc_sha256);
+    ASSERT_TRUE(md.update(abc, 0, 4));
+    md.hexdigest();
     EXPECT_FALSE(md.update(abc, 1, 3));  // finished until reset
     md.reset();
     ASSERT_TRUE(md.update(abc, 1, 3));
-    EXPECT_EQ(md.hexdigest(), abc_sha256);
+    EXPECT_EQ(md.hexdigest(), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
     // Another value keeps the selection; MD5 switches it and drops the digest in progress.
     ASSERT_TRUE(md.setup(static_cast<ks::MessageDigest::Algorithm>(9)));
     ASSERT_TRUE(md.update(abc, 0, 4));
@@ -314,13 +280,10 @@ TEST(Digest, LifeCycle) {
 
 TEST(Base64, TolerantDecoderRules) {
     const std::pair<std::string, std::string> cases[] = {
-        {"+++", std::string("\xfb\xef", 2)},    // '+' is 62
-        {"////", "\xff\xff\xff"},               // '/' is 63
-        {"-_.~", "\xff\xff\xff"},               // so is any other character
-        {"YQ", "a"},                            // leftover bits dropped
-        {"Y", ""},                              // not even one byte
-        {" YW\r\nJj\tZA\n", "abcd"},           // white space is skipped
-        {"YQ==", std::string("a\x0f\xff", 3)},  // '=' is just another 63
+        {"+++", std::string("\xfb\xef", 2)},  // '+' is 62
+        {"-_=~", "\xff\xff\xff"},             // '/' is 63, and so is any other character
+        {"YQ", "a"},                          // leftover bits dropped
+        {" YW\r\nJj\tZA\n", "abcd"},         // white space is skipped
     };
     for (const auto& [in, expected] : cases) {
         std::string out = "previous";

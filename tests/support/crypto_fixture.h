@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,12 +31,11 @@ inline std::vector<std::pair<int, std::string>> blocks_of(const std::string& fil
     return blocks;
 }
 
-// Key files made once per test program: the RSA pairs "priv.pem"/"pub.pem" and
-// "other.pem"/"otherpub.pem", and an EC pair "ec.pem"/"ecpub.pem" (a key of the wrong type).
+// Key files made once per test program: the RSA pair "priv.pem"/"pub.pem" and an EC pair
+// "ec.pem"/"ecpub.pem" (a key of the wrong type).
 inline std::string test_key(const char* name) {
     static TempDir keys;
     static const bool made = make_rsa_keypair(keys / "priv.pem", keys / "pub.pem") &&
-                             make_rsa_keypair(keys / "other.pem", keys / "otherpub.pem") &&
                              run("openssl ecparam -name prime256v1 -genkey -noout -out " + quoted(keys / "ec.pem") +
                                  " 2>/dev/null && openssl ec -in " + quoted(keys / "ec.pem") + " -pubout -out " +
                                  quoted(keys / "ecpub.pem") + " 2>/dev/null") == 0;
@@ -46,21 +43,9 @@ inline std::string test_key(const char* name) {
     return keys / name;
 }
 
-// The standard output of a shell command (read it through fileno); closing it waits for the
-// command, which a reader that stopped early has ended with SIGPIPE.
-using PipeFrom = std::unique_ptr<FILE, int (*)(FILE*)>;
-inline PipeFrom pipe_from(const std::string& command) { return PipeFrom(::popen(command.c_str(), "r"), &::pclose); }
-
 // "openssl enc" for AES-256-CBC with a raw key and IV (hexadecimal) and no salt.
 inline std::string openssl_aes(const std::string& key_hex, const std::string& iv_hex, const std::string& args) {
     return "openssl enc -aes-256-cbc -nosalt -K " + key_hex + " -iv " + iv_hex + " " + args;
-}
-
-// Decrypts the RSA PKCS#1 v1.5 block in `file` with "priv.pem"; returns openssl's status.
-inline int openssl_rsa_decrypt(const std::string& file, std::string* plain) {
-    return run("openssl pkeyutl -decrypt -pkeyopt rsa_padding_mode:pkcs1 -inkey " + quoted(test_key("priv.pem")) +
-                   " -in " + quoted(file),
-               plain);
 }
 
 }  // namespace kstest
