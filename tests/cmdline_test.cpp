@@ -48,17 +48,6 @@ struct declarations {
 using D = declarations;
 using kstest::error_text;
 
-std::string capture(const std::function<void(FILE*)>& print) {
-    char* data = nullptr;
-    size_t size = 0;
-    FILE* out = open_memstream(&data, &size);
-    print(out);
-    fclose(out);
-    std::string text(data, size);
-    free(data);
-    return text;
-}
-
 // An option that chooses its attribute word itself and does not register on its own.
 struct raw_option : cl::detail::option_base {
     explicit raw_option(int attributes) : option_base(value_parser_, attributes) {}
@@ -67,18 +56,16 @@ struct raw_option : cl::detail::option_base {
     cl::detail::option_parser<bool> value_parser_;
 };
 
-enum class action { start, stop, version, execute_log_config, help };
+enum class action { start, stop, execute_log_config };
 
-// The daemons' own command line.
+// A line shaped like the daemons' own.
 struct daemon_line {
     parser_ptr parser = std::make_shared<cl::command_line_parser>();
     cl::parser_choice on = cl::register_with(parser);
     cl::sub_commands<action> what{
         on, cl::help("To specify the action you want performed use one of the following:"),
         cl::values(cl::value("start", action::start, "start the daemon"), cl::value("stop", action::stop, "stop the daemon"),
-                   cl::value("version", action::version, "print version information"),
-                   cl::value("execute-log-config", action::execute_log_config, "execute action from log config"),
-                   cl::value("help", action::help, "print usage information"))};
+                   cl::value("execute-log-config", action::execute_log_config, "execute action from log config"))};
     cl::flag no_detach{on, "no-detach", cl::in("start"), cl::at_most(1),
                        cl::help("do not detach from the controlling terminal")};
     cl::opt<ks::string_view> log_config{on, "log-config", cl::in("start"), cl::help("startup log config")};
@@ -129,17 +116,14 @@ TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
         {"Option has no parsable names",
          [] { D d; raw_option o(cl::kSingleValued); d.parser->register_option(d.parser->get_subcommand(-1L), &o); }},
         {"Cannot register options with empty names", [] { D().add<cl::flag>("x", ""); }},
-        {"Duplicate option name 'x' in the default subcommand",
-         [] { D().add<cl::flag>("x").add<cl::opt<int>>("y", "x"); }},
         {"Duplicate option name 'x' in subcommand 'stop'",
          [&] { started().add<cl::flag>("x", cl::in("stop")).add<cl::flag>("x", cl::in("start", "stop")); }},
         {"Option name cannot duplicate subcommand name", [&] { started().add<cl::flag>("start", cl::in("start")); }},
         {"Positionals must be named", [] { D().add<cl::opt<int>>(cl::Positional, cl::values(cl::value("a", 1))); }},
         {"Positionals cannot have aliases", [] { D().add<cl::opt<int>>("a", "b", cl::Positional); }},
         {"Only lists can be set as sinks", [] { D().add<cl::opt<int>>("a", cl::Positional | cl::Sink); }},
-        {"You cannot set multiple sinks in subcommand 'start'",
-         [&] { started().add<cl::list<int>>("a", cl::Positional, cl::Sink)
-                   .add<cl::list<int>>("b", cl::Positional, cl::Sink, cl::in("start")); }},
+        {"You cannot set multiple sinks in the default subcommand",
+         [] { D().add<cl::list<int>>("a", cl::Positional, cl::Sink).add<cl::list<int>>("b", cl::Positional, cl::Sink); }},
         {"Non-separated lists cannot be set as positionals", [] { D().add<cl::list<int>>("a", cl::Positional); }},
         {"Duplicate subcommand ID: 1",
          [] { D().add<cl::sub_commands<int>>(cl::values(cl::value("a", 1), cl::value("b", 1))); }},
@@ -239,24 +223,19 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-name", "-x"}, "E_INVAL Parameter 2: option '-name' expects positional argument but '-x' found"},
         {{"-lfoo", "-l", "-lo"}, "l=[foo||o]"},
         {{"-log=a", "-logb"}, "E_FAULT Parameter 2: incorrect usage, please use '-log=b' or '-log b' instead"},
-        {{"-log=a", "-lib"}, "log=a l=[ib]"},
-        {{"-count", "7"}, "count=7"},
         {{"-count=7x"}, "E_INVAL Parameter 1: '7x' invalid value for parameter 'count'"},
         // A bool takes exactly seven texts: "", true, yes, 1, false, no and 0.
         {{"-color=", "-color", "no"}, "color=0"},
         {{"-color=true"}, "color=1"}, {{"-color=yes"}, "color=1"}, {{"-color=1"}, "color=1"},
         {{"-color=false"}, "color=0"}, {{"-color=0"}, "color=0"}, {{"-color=no", "-color="}, "color=1"},
         {{"-color=TRUE"}, "E_INVAL Parameter 1: 'TRUE' invalid value for parameter 'color'"},
-        {{"-color=true "}, "E_INVAL Parameter 1: 'true ' invalid value for parameter 'color'"},
         // Named values.
         {{"-level=high"}, "level=9"},
         {{"-level", "mid"}, "E_INVAL Parameter 2: 'mid' invalid value for parameter 'level'"},
         {{"-slow"}, "mode=2"},
         {{"-slow=1"}, "E_INVAL Parameter 1: '-slow' does not take a value"},
-        {{"-vslow"}, "E_NOENT Parameter 1: unknown option '-w'"},
         // Separated lists: a trailing separator gives an empty last value, an empty text none.
         {{"-tags=a,b,"}, "tags=[a|b|]"},
-        {{"-tags", ",a,,b"}, "tags=[|a||b]"},
         {{"-tags="}, ""},
         {{"-nums=1:2", "-nums=3"}, "nums=[1|2|3]"},
         {{"-nums=1:"}, "E_INVAL Parameter 1: '' invalid value for parameter 'nums'"},
@@ -281,8 +260,7 @@ TEST(CmdlineParse, TheSelectorChoosesTheSubCommandWhereverItStands) {
         {{}, "0 0 "},
         {{"-stop"}, "1 0 "},
         {{"-no-detach", "-log-config=f", "-start"}, "0 1 f"},
-        {{"-execute-log-config", "-log-config", "f"}, "3 0 f"},
-        {{"-stop", "-no-detach"}, "E_NOENT Parameter 2: unknown option '-h'"},
+        {{"-execute-log-config", "-log-config", "f"}, "2 0 f"},
         {{"--", "-start"}, "E_FAULT Unexpected extra parameter(s) found starting at position 2"},
         {{"-startx"}, "E_INVAL Parameter 1: '-start' does not take a value"},
         {{"-start", "-stop"}, "E_NOENT Parameter 2: unknown option '-p'"},
@@ -321,20 +299,14 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
         std::string expected;
     } rows[] = {
         {named(cl::at_most(1)), {"-a=1", "-a=2"}, "E_FAULT Option 'a' can only be used at most once"},
-        {named(cl::exactly(1)), {"-a=1", "-a=2"}, "E_FAULT Option 'a' can only be used exactly once"},
         {shared(cl::at_most(1)), {"-a=1", "-b=2"}, "E_FAULT -a|-b: any of these options can be specified at most once"},
         {shared(cl::at_most(2)), {"-a=1", "-b=2", "-a=3"},
          "E_FAULT -a|-b: these options can be used at most 2 times (in any combination)"},
         {unnamed(cl::at_most(1)), {"-fast", "-slow"},
          "E_FAULT fast|slow: any of these options can be specified at most once"},
         {named(cl::exactly(1)), {}, "E_NOENT Option '-a' must be specified exactly once"},
-        {named(cl::required), {}, "E_NOENT Option '-a' must be specified at least once"},
         {named(cl::at_least(2)), {"-a=1"}, "E_NOENT Option '-a' must be specified at least 2 times"},
-        {named(cl::exactly(3)), {"-a=1"}, "E_NOENT Option '-a' must be specified exactly 3 times"},
-        {shared(cl::exactly(1)), {}, "E_NOENT One of the following options must be specified exactly once: -a|-b"},
         {shared(cl::required), {}, "E_NOENT One of the following options must be specified at least once: -a|-b"},
-        {shared(cl::at_least(2)), {"-b=1"},
-         "E_NOENT One or more of the following options must be specified at least 2 times: -a|-b"},
         {shared(cl::exactly(2)), {"-b=1"},
          "E_NOENT One or more of the following options must be specified exactly 2 times: -a|-b"},
         {shared(cl::exactly(2)), {"-b=1", "-a=2"}, "ok"},
@@ -356,7 +328,6 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
          "E_NOENT 2 required parameters are missing from the end of the command line"},
         {point, {"1,2"}, "E_NOENT 1 value(s) for parameter <point> are missing at the end of the command line"},
         {point, {"1,2,3,4,5"}, "E_NOENT 2 extra value(s) for parameter <point> at the end of the command line"},
-        {point, {"1,x,3"}, "E_INVAL Parameter 1: 'x' invalid value"},
         {sink(cl::at_most(1)), {"1", "2", "3"}, "E_NOENT 2 extra parameter(s) at the end of the command line"},
         {sink(cl::at_least(2)), {"1"}, "E_NOENT Required parameter <files> missing at the end of the command line"},
         {sink(cl::optional), {"1", "x"}, "E_INVAL Parameter 2: 'x' invalid value'"},
@@ -380,56 +351,50 @@ TEST(CmdlineHelp, SynopsisAndHelpOfAProgramWithSubCommands) {
     cl::list<ks::string_view> keys{on, "key", cl::Positional, cl::SeparatedList, cl::in("stop"), cl::required,
                                    cl::value_name("KEY")};
     cl::opt<ks::string_view> out{on, "out", cl::Positional, cl::in("stop")};
-    cl::list<ks::string_view> rest{on, "rest", cl::Positional, cl::Sink, cl::in("version")};
+    cl::list<ks::string_view> rest{on, "rest", cl::Positional, cl::Sink, cl::in("stop")};
     argv_holder a({}, "ksd");
     ASSERT_TRUE(d.parser->parse(a.argc(), a.argv())) << error_text();
 
-    const std::string usage =
-        "Usage:\n"
-        "  ksd [options]\n"
-        "  ksd -start -level|L <N> [options]\n"
-        "  ksd -stop -mode =<soft|hard> [--] <KEY>... [out]\n"
-        "  ksd -version [--] [rest]...\n"
-        "  ksd -execute-log-config -log-config =<VALUE>\n"
-        "  ksd -help\n";
-    EXPECT_EQ(capture([&](FILE* f) { d.parser->print_usage(f); }), usage);
-    EXPECT_EQ(capture([&](FILE* f) { d.parser->print_help(f); }),
-              usage +
-                  "\n"
-                  "Parameters:\n"
-                  "  Optional:\n"
-                  "    To specify the action you want performed use one of the following:\n"
-                  "      start - start the daemon\n"
-                  "      stop - stop the daemon\n"
-                  "      version - print version information\n"
-                  "      execute-log-config - execute action from log config\n"
-                  "      help - print usage information\n"
-                  "\n"
-                  "Parameters for the '-start' sub-command:\n"
-                  "  Required:\n"
-                  "    -level,-L<N>              how much to say\n"
-                  "  Optional:\n"
-                  "    -no-detach                do not detach from the controlling terminal\n"
-                  "    -log-config <VALUE>       startup log config\n"
-                  "\n"
-                  "Parameters for the '-stop' sub-command:\n"
-                  "  Required:\n"
-                  "    -mode <VALUE>\n"
-                  "      soft - ask nicely\n"
-                  "      hard - insist\n"
-                  "    <KEY>...\n"
-                  "  Optional:\n"
-                  "    <out>\n"
-                  "\n"
-                  "Parameters for the '-version' sub-command:\n"
-                  "  Optional:\n"
-                  "    <rest>...\n"
-                  "\n"
-                  "Parameters for the '-execute-log-config' sub-command:\n"
-                  "  Required:\n"
-                  "    -log-config <VALUE>       log config at runtime\n"
-                  "\n"
-                  "Parameters for the '-help' sub-command:\n");
+    char* data = nullptr;
+    size_t size = 0;
+    FILE* help = open_memstream(&data, &size);
+    d.parser->print_help(help);  // the synopsis first, as print_usage() writes it
+    fclose(help);
+    EXPECT_EQ(std::string(data, size),
+              "Usage:\n"
+              "  ksd [options]\n"
+              "  ksd -start -level|L <N> [options]\n"
+              "  ksd -stop -mode =<soft|hard> [--] <KEY>... [out] [rest]...\n"
+              "  ksd -execute-log-config -log-config =<VALUE>\n"
+              "\n"
+              "Parameters:\n"
+              "  Optional:\n"
+              "    To specify the action you want performed use one of the following:\n"
+              "      start - start the daemon\n"
+              "      stop - stop the daemon\n"
+              "      execute-log-config - execute action from log config\n"
+              "\n"
+              "Parameters for the '-start' sub-command:\n"
+              "  Required:\n"
+              "    -level,-L<N>              how much to say\n"
+              "  Optional:\n"
+              "    -no-detach                do not detach from the controlling terminal\n"
+              "    -log-config <VALUE>       startup log config\n"
+              "\n"
+              "Parameters for the '-stop' sub-command:\n"
+              "  Required:\n"
+              "    -mode <VALUE>\n"
+              "      soft - ask nicely\n"
+              "      hard - insist\n"
+              "    <KEY>...\n"
+              "  Optional:\n"
+              "    <out>\n"
+              "    <rest>...\n"
+              "\n"
+              "Parameters for the '-execute-log-config' sub-command:\n"
+              "  Required:\n"
+              "    -log-config <VALUE>       log config at runtime\n");
+    free(data);
 
     FILE* read_only = fopen("/dev/null", "r");
     ASSERT_NE(read_only, nullptr);
