@@ -35,11 +35,6 @@ void record(const std::string& line) {
     ::close(fd);
 }
 
-bool readable(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, 0) == 1 && p.revents == POLLIN;
-}
-
 // Crashes in a function of its own, so the backtrace has a frame to show; a real fault
 // even under the undefined-behaviour sanitizer.
 __attribute__((noinline, no_sanitize("undefined"))) void crash_now(volatile int* target) { *target = 42; }
@@ -59,8 +54,9 @@ int main(int argc, char** argv) {
     d->on_stop_flag(&g_stop_flag);
     // Runs after the descriptors and the flag were given their stop notice.
     d->on_stop([] {
-        record("callback flag=" + std::to_string(g_stop_flag.load()) +
-               " stop_fd=" + (readable(g_probe_fd[0]) ? "readable" : "empty"));
+        pollfd p{g_probe_fd[0], POLLIN, 0};
+        const bool readable = ::poll(&p, 1, 0) == 1 && p.revents == POLLIN;
+        record("callback flag=" + std::to_string(g_stop_flag.load()) + " stop_fd=" + (readable ? "readable" : "empty"));
     });
     for (int i = 0; i < 3; ++i) {
         const int id = d->add_default_settings_callback([i] {
