@@ -81,8 +81,7 @@ TEST(SysLayer, InterruptedCallsCarryOn) {
          [&] { gate_out.reset(); }, 3},
         {"settings reply", SYS_recvfrom, [&] { return client.recv(reply, sizeof reply, false, true); },
          [&] { (void)!::write(server.get(), "abcd", 4); }, 4},
-        {"write_all", SYS_write, [&] { return write_all(full_out.get(), record, sizeof record, 1); },
-         drain, 10},
+        {"write_all", SYS_write, [&] { return write_all(full_out.get(), record, sizeof record, 1); }, drain, 10},
         {"writev_all", SYS_writev, [&] { return writev_all(full_out.get(), parts, 2); }, drain, 10},
     };
     const pid_t self = static_cast<pid_t>(::syscall(SYS_gettid));
