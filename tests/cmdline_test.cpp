@@ -48,37 +48,16 @@ struct declarations {
 using D = declarations;
 using kstest::error_text;
 
-std::string capture(const std::function<void(FILE*)>& print) {
-    char* data = nullptr;
-    size_t size = 0;
-    FILE* out = open_memstream(&data, &size);
-    print(out);
-    fclose(out);
-    std::string text(data, size);
-    free(data);
-    return text;
-}
+enum class action { start, stop, execute_log_config };
 
-// An option that chooses its attribute word itself and does not register on its own.
-struct raw_option : cl::detail::option_base {
-    explicit raw_option(int attributes) : option_base(value_parser_, attributes) {}
-    bool handle(const ks::string_view&, const ks::string_view&) override { return true; }
-    bool storage_allocated() override { return true; }
-    cl::detail::option_parser<bool> value_parser_;
-};
-
-enum class action { start, stop, version, execute_log_config, help };
-
-// The daemons' own command line.
+// A line shaped like the daemons' own.
 struct daemon_line {
     parser_ptr parser = std::make_shared<cl::command_line_parser>();
     cl::parser_choice on = cl::register_with(parser);
     cl::sub_commands<action> what{
         on, cl::help("To specify the action you want performed use one of the following:"),
         cl::values(cl::value("start", action::start, "start the daemon"), cl::value("stop", action::stop, "stop the daemon"),
-                   cl::value("version", action::version, "print version information"),
-                   cl::value("execute-log-config", action::execute_log_config, "execute action from log config"),
-                   cl::value("help", action::help, "print usage information"))};
+                   cl::value("execute-log-config", action::execute_log_config, "execute action from log config"))};
     cl::flag no_detach{on, "no-detach", cl::in("start"), cl::at_most(1),
                        cl::help("do not detach from the controlling terminal")};
     cl::opt<ks::string_view> log_config{on, "log-config", cl::in("start"), cl::help("startup log config")};
@@ -104,49 +83,42 @@ std::string parse_with(const std::vector<std::string>& args) {
     return line.parser->parse(a.argc(), a.argv()) ? line.dump() : error_text();
 }
 
+// Declarations through the option types (the guards of the detail layer beneath them cannot
+// be reached from there).
 TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
     // Under an emulator the test program cannot be executed again: the fork-only style is all there is.
     if (!std::getenv("KS_TEST_EMULATED")) GTEST_FLAG_SET(death_test_style, "threadsafe");
-    auto started = [] {  // a line with the sub-commands start and stop
-        return std::move(D().add<cl::sub_commands<int>>(cl::values(cl::value("start", 0), cl::value("stop", 1))));
-    };
+    using cl::value, cl::values;
+    using subs = cl::sub_commands<int>;
+    using ints = cl::list<int>;
+    auto started = [] { return std::move(D().add<subs>(values(value("start", 0), value("stop", 1)))); };
     const struct {
         const char* message;
         std::function<void()> declare;
     } rows[] = {
-        {"No type bit set", [] { raw_option o(cl::Positional | cl::Prefix); }},
         {"You must add storage to this option using ks::cl::storage()!", [] { D().add<cl::opt<int, true>>("x"); }},
         {"Option has no names and no named values", [] { D().add<cl::opt<int>>(); }},
-        {"Prefix options must be named", [] { D().add<cl::opt<int>>(cl::Prefix, cl::values(cl::value("a", 1))); }},
+        {"Prefix options must be named", [] { D().add<cl::opt<int>>(cl::Prefix, values(value("a", 1))); }},
         {"cl::SeparatedList can only be used on named lists",
-         [] { D().add<cl::list<int>>(cl::SeparatedList, cl::values(cl::value("a", 1))); }},
+         [] { D().add<ints>(cl::SeparatedList, values(value("a", 1))); }},
         {"cl::SeparatedList can only be used with cl::list<>()", [] { D().add<cl::opt<int>>("x", cl::SeparatedList); }},
         {"Subcommand does not exist: nope", [] { D().add<cl::flag>("x", cl::in("nope")); }},
-        {"You have already defined the subcommands list",
-         [&] { started().add<cl::sub_commands<int>>(cl::values(cl::value("other", 5))); }},
-        {"Subcommand definition must be unnamed",
-         [] { D().add<cl::sub_commands<int>>("s", cl::values(cl::value("a", 1))); }},
-        {"Option has no parsable names",
-         [] { D d; raw_option o(cl::kSingleValued); d.parser->register_option(d.parser->get_subcommand(-1L), &o); }},
+        {"You have already defined the subcommands list", [&] { started().add<subs>(values(value("other", 5))); }},
+        {"Subcommand definition must be unnamed", [] { D().add<subs>("s", values(value("a", 1))); }},
         {"Cannot register options with empty names", [] { D().add<cl::flag>("x", ""); }},
-        {"Duplicate option name 'x' in the default subcommand",
-         [] { D().add<cl::flag>("x").add<cl::opt<int>>("y", "x"); }},
         {"Duplicate option name 'x' in subcommand 'stop'",
          [&] { started().add<cl::flag>("x", cl::in("stop")).add<cl::flag>("x", cl::in("start", "stop")); }},
         {"Option name cannot duplicate subcommand name", [&] { started().add<cl::flag>("start", cl::in("start")); }},
-        {"Positionals must be named", [] { D().add<cl::opt<int>>(cl::Positional, cl::values(cl::value("a", 1))); }},
+        {"Positionals must be named", [] { D().add<cl::opt<int>>(cl::Positional, values(value("a", 1))); }},
         {"Positionals cannot have aliases", [] { D().add<cl::opt<int>>("a", "b", cl::Positional); }},
         {"Only lists can be set as sinks", [] { D().add<cl::opt<int>>("a", cl::Positional | cl::Sink); }},
-        {"You cannot set multiple sinks in subcommand 'start'",
-         [&] { started().add<cl::list<int>>("a", cl::Positional, cl::Sink)
-                   .add<cl::list<int>>("b", cl::Positional, cl::Sink, cl::in("start")); }},
-        {"Non-separated lists cannot be set as positionals", [] { D().add<cl::list<int>>("a", cl::Positional); }},
-        {"Duplicate subcommand ID: 1",
-         [] { D().add<cl::sub_commands<int>>(cl::values(cl::value("a", 1), cl::value("b", 1))); }},
-        {"Duplicate subcommand name: a",
-         [] { D().add<cl::sub_commands<int>>(cl::values(cl::value("a", 1), cl::value("a", 2))); }},
+        {"You cannot set multiple sinks in the default subcommand",
+         [] { D().add<ints>("a", cl::Positional, cl::Sink).add<ints>("b", cl::Positional, cl::Sink); }},
+        {"Non-separated lists cannot be set as positionals", [] { D().add<ints>("a", cl::Positional); }},
+        {"Duplicate subcommand ID: 1", [] { D().add<subs>(values(value("a", 1), value("b", 1))); }},
+        {"Duplicate subcommand name: a", [] { D().add<subs>(values(value("a", 1), value("a", 2))); }},
         {"cl::separator() takes exactly one character",
-         [] { D().add<cl::list<int>>("a", cl::SeparatedList, cl::separator("::")); }},
+         [] { D().add<ints>("a", cl::SeparatedList, cl::separator("::")); }},
     };
     for (const auto& r : rows) {
         EXPECT_DEATH(r.declare(), kstest::death_message(r.message + std::string("\n"))) << r.message;
@@ -190,7 +162,6 @@ struct tool_line {
     cl::opt<ks::string_view> name{on, "name", "n"};
     cl::opt<ks::string_view> log{on, "log"};
     cl::list<ks::string_view> lib{on, "l", cl::Prefix};
-    cl::opt<int> count{on, "count"};
     cl::opt<bool> color{on, "color"};
     cl::list<ks::string_view> tags{on, "tags", cl::SeparatedList};
     cl::list<int> nums{on, "nums", cl::SeparatedList, cl::separator(":")};
@@ -213,7 +184,7 @@ struct tool_line {
             if (o.occurrences() > 0) out += (out.empty() ? "" : " ") + std::string(label) + "=" + text(o.value());
         };
         show(x, "x"), show(y, "y"), show(verbose, "v");
-        show(name, "name"), show(log, "log"), show(lib, "l"), show(count, "count"), show(color, "color");
+        show(name, "name"), show(log, "log"), show(lib, "l"), show(color, "color");
         show(tags, "tags"), show(nums, "nums"), show(level, "level"), show(mode, "mode");
         show(src, "src"), show(port, "port");
         return out;
@@ -239,24 +210,18 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-name", "-x"}, "E_INVAL Parameter 2: option '-name' expects positional argument but '-x' found"},
         {{"-lfoo", "-l", "-lo"}, "l=[foo||o]"},
         {{"-log=a", "-logb"}, "E_FAULT Parameter 2: incorrect usage, please use '-log=b' or '-log b' instead"},
-        {{"-log=a", "-lib"}, "log=a l=[ib]"},
-        {{"-count", "7"}, "count=7"},
-        {{"-count=7x"}, "E_INVAL Parameter 1: '7x' invalid value for parameter 'count'"},
         // A bool takes exactly seven texts: "", true, yes, 1, false, no and 0.
         {{"-color=", "-color", "no"}, "color=0"},
         {{"-color=true"}, "color=1"}, {{"-color=yes"}, "color=1"}, {{"-color=1"}, "color=1"},
         {{"-color=false"}, "color=0"}, {{"-color=0"}, "color=0"}, {{"-color=no", "-color="}, "color=1"},
         {{"-color=TRUE"}, "E_INVAL Parameter 1: 'TRUE' invalid value for parameter 'color'"},
-        {{"-color=true "}, "E_INVAL Parameter 1: 'true ' invalid value for parameter 'color'"},
         // Named values.
         {{"-level=high"}, "level=9"},
         {{"-level", "mid"}, "E_INVAL Parameter 2: 'mid' invalid value for parameter 'level'"},
         {{"-slow"}, "mode=2"},
         {{"-slow=1"}, "E_INVAL Parameter 1: '-slow' does not take a value"},
-        {{"-vslow"}, "E_NOENT Parameter 1: unknown option '-w'"},
         // Separated lists: a trailing separator gives an empty last value, an empty text none.
         {{"-tags=a,b,"}, "tags=[a|b|]"},
-        {{"-tags", ",a,,b"}, "tags=[|a||b]"},
         {{"-tags="}, ""},
         {{"-nums=1:2", "-nums=3"}, "nums=[1|2|3]"},
         {{"-nums=1:"}, "E_INVAL Parameter 1: '' invalid value for parameter 'nums'"},
@@ -281,8 +246,7 @@ TEST(CmdlineParse, TheSelectorChoosesTheSubCommandWhereverItStands) {
         {{}, "0 0 "},
         {{"-stop"}, "1 0 "},
         {{"-no-detach", "-log-config=f", "-start"}, "0 1 f"},
-        {{"-execute-log-config", "-log-config", "f"}, "3 0 f"},
-        {{"-stop", "-no-detach"}, "E_NOENT Parameter 2: unknown option '-h'"},
+        {{"-execute-log-config", "-log-config", "f"}, "2 0 f"},
         {{"--", "-start"}, "E_FAULT Unexpected extra parameter(s) found starting at position 2"},
         {{"-startx"}, "E_INVAL Parameter 1: '-start' does not take a value"},
         {{"-start", "-stop"}, "E_NOENT Parameter 2: unknown option '-p'"},
@@ -321,20 +285,14 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
         std::string expected;
     } rows[] = {
         {named(cl::at_most(1)), {"-a=1", "-a=2"}, "E_FAULT Option 'a' can only be used at most once"},
-        {named(cl::exactly(1)), {"-a=1", "-a=2"}, "E_FAULT Option 'a' can only be used exactly once"},
         {shared(cl::at_most(1)), {"-a=1", "-b=2"}, "E_FAULT -a|-b: any of these options can be specified at most once"},
         {shared(cl::at_most(2)), {"-a=1", "-b=2", "-a=3"},
          "E_FAULT -a|-b: these options can be used at most 2 times (in any combination)"},
         {unnamed(cl::at_most(1)), {"-fast", "-slow"},
          "E_FAULT fast|slow: any of these options can be specified at most once"},
         {named(cl::exactly(1)), {}, "E_NOENT Option '-a' must be specified exactly once"},
-        {named(cl::required), {}, "E_NOENT Option '-a' must be specified at least once"},
         {named(cl::at_least(2)), {"-a=1"}, "E_NOENT Option '-a' must be specified at least 2 times"},
-        {named(cl::exactly(3)), {"-a=1"}, "E_NOENT Option '-a' must be specified exactly 3 times"},
-        {shared(cl::exactly(1)), {}, "E_NOENT One of the following options must be specified exactly once: -a|-b"},
         {shared(cl::required), {}, "E_NOENT One of the following options must be specified at least once: -a|-b"},
-        {shared(cl::at_least(2)), {"-b=1"},
-         "E_NOENT One or more of the following options must be specified at least 2 times: -a|-b"},
         {shared(cl::exactly(2)), {"-b=1"},
          "E_NOENT One or more of the following options must be specified exactly 2 times: -a|-b"},
         {shared(cl::exactly(2)), {"-b=1", "-a=2"}, "ok"},
@@ -356,7 +314,6 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
          "E_NOENT 2 required parameters are missing from the end of the command line"},
         {point, {"1,2"}, "E_NOENT 1 value(s) for parameter <point> are missing at the end of the command line"},
         {point, {"1,2,3,4,5"}, "E_NOENT 2 extra value(s) for parameter <point> at the end of the command line"},
-        {point, {"1,x,3"}, "E_INVAL Parameter 1: 'x' invalid value"},
         {sink(cl::at_most(1)), {"1", "2", "3"}, "E_NOENT 2 extra parameter(s) at the end of the command line"},
         {sink(cl::at_least(2)), {"1"}, "E_NOENT Required parameter <files> missing at the end of the command line"},
         {sink(cl::optional), {"1", "x"}, "E_INVAL Parameter 2: 'x' invalid value'"},
@@ -380,56 +337,50 @@ TEST(CmdlineHelp, SynopsisAndHelpOfAProgramWithSubCommands) {
     cl::list<ks::string_view> keys{on, "key", cl::Positional, cl::SeparatedList, cl::in("stop"), cl::required,
                                    cl::value_name("KEY")};
     cl::opt<ks::string_view> out{on, "out", cl::Positional, cl::in("stop")};
-    cl::list<ks::string_view> rest{on, "rest", cl::Positional, cl::Sink, cl::in("version")};
+    cl::list<ks::string_view> rest{on, "rest", cl::Positional, cl::Sink, cl::in("stop")};
     argv_holder a({}, "ksd");
     ASSERT_TRUE(d.parser->parse(a.argc(), a.argv())) << error_text();
 
-    const std::string usage =
-        "Usage:\n"
-        "  ksd [options]\n"
-        "  ksd -start -level|L <N> [options]\n"
-        "  ksd -stop -mode =<soft|hard> [--] <KEY>... [out]\n"
-        "  ksd -version [--] [rest]...\n"
-        "  ksd -execute-log-config -log-config =<VALUE>\n"
-        "  ksd -help\n";
-    EXPECT_EQ(capture([&](FILE* f) { d.parser->print_usage(f); }), usage);
-    EXPECT_EQ(capture([&](FILE* f) { d.parser->print_help(f); }),
-              usage +
-                  "\n"
-                  "Parameters:\n"
-                  "  Optional:\n"
-                  "    To specify the action you want performed use one of the following:\n"
-                  "      start - start the daemon\n"
-                  "      stop - stop the daemon\n"
-                  "      version - print version information\n"
-                  "      execute-log-config - execute action from log config\n"
-                  "      help - print usage information\n"
-                  "\n"
-                  "Parameters for the '-start' sub-command:\n"
-                  "  Required:\n"
-                  "    -level,-L<N>              how much to say\n"
-                  "  Optional:\n"
-                  "    -no-detach                do not detach from the controlling terminal\n"
-                  "    -log-config <VALUE>       startup log config\n"
-                  "\n"
-                  "Parameters for the '-stop' sub-command:\n"
-                  "  Required:\n"
-                  "    -mode <VALUE>\n"
-                  "      soft - ask nicely\n"
-                  "      hard - insist\n"
-                  "    <KEY>...\n"
-                  "  Optional:\n"
-                  "    <out>\n"
-                  "\n"
-                  "Parameters for the '-version' sub-command:\n"
-                  "  Optional:\n"
-                  "    <rest>...\n"
-                  "\n"
-                  "Parameters for the '-execute-log-config' sub-command:\n"
-                  "  Required:\n"
-                  "    -log-config <VALUE>       log config at runtime\n"
-                  "\n"
-                  "Parameters for the '-help' sub-command:\n");
+    char* data = nullptr;
+    size_t size = 0;
+    FILE* help = open_memstream(&data, &size);
+    d.parser->print_help(help);  // the synopsis first, as print_usage() writes it
+    fclose(help);
+    EXPECT_EQ(std::string(data, size),
+              "Usage:\n"
+              "  ksd [options]\n"
+              "  ksd -start -level|L <N> [options]\n"
+              "  ksd -stop -mode =<soft|hard> [--] <KEY>... [out] [rest]...\n"
+              "  ksd -execute-log-config -log-config =<VALUE>\n"
+              "\n"
+              "Parameters:\n"
+              "  Optional:\n"
+              "    To specify the action you want performed use one of the following:\n"
+              "      start - start the daemon\n"
+              "      stop - stop the daemon\n"
+              "      execute-log-config - execute action from log config\n"
+              "\n"
+              "Parameters for the '-start' sub-command:\n"
+              "  Required:\n"
+              "    -level,-L<N>              how much to say\n"
+              "  Optional:\n"
+              "    -no-detach                do not detach from the controlling terminal\n"
+              "    -log-config <VALUE>       startup log config\n"
+              "\n"
+              "Parameters for the '-stop' sub-command:\n"
+              "  Required:\n"
+              "    -mode <VALUE>\n"
+              "      soft - ask nicely\n"
+              "      hard - insist\n"
+              "    <KEY>...\n"
+              "  Optional:\n"
+              "    <out>\n"
+              "    <rest>...\n"
+              "\n"
+              "Parameters for the '-execute-log-config' sub-command:\n"
+              "  Required:\n"
+              "    -log-config <VALUE>       log config at runtime\n");
+    free(data);
 
     FILE* read_only = fopen("/dev/null", "r");
     ASSERT_NE(read_only, nullptr);

@@ -1,8 +1,9 @@
 // Black-box tests of the daemon framework: real daemon binaries (tests/daemons/ksdaemon_testd,
 // which records its events into a file) started, signalled and stopped the way an operator
-// does, with the settings server and the command-line settings client as real peers.
+// does, with the settings server as a real peer.
 #include "kstest.h"
 
+#include <kssetter/kssetmgmt.h>
 #include <ksutils/process_lock.h>
 
 #include <fcntl.h>
@@ -12,7 +13,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <regex>
@@ -36,13 +36,6 @@ std::string fd_target(pid_t pid, int fd) {
     return std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd), ec).string();
 }
 
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
 // One install root with the settings of the test daemon: its events file, its environment
 // and the processes it started, all of which are killed at the end whatever happened.
 class DaemonTest : public ::testing::Test {
@@ -56,14 +49,18 @@ protected:
     }
 
     std::string events_file() const { return root_ / "events"; }
-    std::vector<std::string> events() const { return lines_of(kstest::read_file(events_file())); }
+    std::vector<std::string> events() const {
+        std::vector<std::string> lines;
+        std::istringstream in(kstest::read_file(events_file()));
+        for (std::string line; std::getline(in, line);) lines.push_back(line);
+        return lines;
+    }
 
     std::string env(const std::string& mode = "normal") const {
         return "KS_INSTALL_ROOT='" + root_.path() + "' KSTEST_EVENTS='" + events_file() + "' KSTEST_MODE=" + mode + " ";
     }
 
-    // Runs the daemon binary with `args`; its exit status, stdout and stderr (merged unless
-    // `stderr_too` is false).
+    // Standard error is merged into the output unless `stderr_too` is false.
     int daemon(const std::string& args, std::string* output = nullptr, const std::string& mode = "normal",
                bool stderr_too = true) {
         if (output) output->clear();
@@ -83,8 +80,7 @@ protected:
     }
 
     bool has_event(const std::string& event) const {
-        const auto all = events();
-        return std::find(all.begin(), all.end(), event) != all.end();
+        return ("\n" + kstest::read_file(events_file())).find("\n" + event + "\n") != std::string::npos;
     }
 
     pid_t pidfile_holder() const {
@@ -94,25 +90,10 @@ protected:
         return lock.holder_pid(pid) == 1 ? pid : -1;
     }
 
-    // Starts `command` in the background, its output in `output_file`; its pid, remembered
-    // for clean-up.
     pid_t background(const std::string& command, const std::string& output_file) {
         std::string pid;
         kstest::run(command + " >'" + output_file + "' 2>&1 & echo $!", &pid);
         return started_.emplace_back(std::atoi(pid.c_str()));
-    }
-
-    // The settings server on this install root, once it answers a request.
-    bool start_settings_server() {
-        const pid_t pid = background("'" + kstest::tool_path("kssetter") + "' -root '" + root_.path() + "'",
-                                     root_ / "kssetter.out");
-        return wait_until([&] { return setmgmt("set /kstest/ready 1") == 0 || !alive(pid); }) && alive(pid);
-    }
-
-    // The command-line settings client on this install root; its standard output only.
-    int setmgmt(const std::string& args, std::string* output = nullptr) {
-        const std::string client = kstest::tool_path("kssetmgmt");
-        return kstest::run("'" + client + "' -root '" + root_.path() + "' " + args + " 2>/dev/null", output);
     }
 
     kstest::InstallRoot root_;
@@ -126,9 +107,7 @@ TEST_F(DaemonTest, CommandLineActionsAndFailures) {
         std::vector<std::string> expected;  // substrings of the merged output
     };
     const Case cases[] = {
-        {"-help", 0, {"Usage:", "Parameters for the '-start' sub-command:", "do not detach from the controlling terminal",
-                      "-log-config <FILE>", "execute action from log config"}},
-        {"-bogus", 1, {"Error: Parameter 1: unknown option", "Usage:"}},
+        {"-help", 0, {"Usage:", "do not detach from the controlling terminal", "-log-config <FILE>"}},
         // The daemon's own declarations: counts and the sub-command an option belongs to.
         {"-execute-log-config", 1, {"Error: Option '-log-config' must be specified exactly once", "Usage:"}},
         {"-start -no-detach -no-detach", 1, {"Error: ", "can only be used at most once", "Usage:"}},
@@ -147,51 +126,6 @@ TEST_F(DaemonTest, CommandLineActionsAndFailures) {
     EXPECT_EQ("VERSIONINFO!\n", version);
 }
 
-TEST_F(DaemonTest, StartDetachesLocksThePidFileAndStops) {
-    std::string out;
-    ASSERT_EQ(0, daemon("-start", &out, "normal LD_LIBRARY_PATH=/opt/x/lib")) << out;
-    EXPECT_EQ("", out);
-    const pid_t pid = wait_running();
-    ASSERT_GT(pid, 0);
-    EXPECT_TRUE(has_event("env LD_LIBRARY_PATH=unset saved=/opt/x/lib")) << "removed, but kept in the saved copy";
-
-    const kstest::ProcStat ids = kstest::proc_stat(pid);
-    EXPECT_NE(ids.session, ::getsid(0)) << "a session of its own";
-    EXPECT_EQ(pid, ids.pgrp) << "a process group of its own";
-    EXPECT_NE(::getpid(), ids.ppid) << "not our child";
-    for (int fd = 0; fd < 3; ++fd) EXPECT_EQ("/dev/null", fd_target(pid, fd)) << "descriptor " << fd;
-    EXPECT_EQ(pid, pidfile_holder());
-    EXPECT_EQ(std::to_string(pid) + "\n", kstest::read_file(root_ / ("var/run/" + kName + ".pid")));
-
-    // A second start is refused by the detached process, through the report pipe.
-    EXPECT_EQ(127, daemon("-start", &out));
-    EXPECT_EQ("Error: Daemon '" + kName + "' is already running with pid " + std::to_string(pid) + "\n", out);
-    EXPECT_TRUE(alive(pid));
-
-    EXPECT_EQ(0, daemon("-stop", &out, "normal", false));
-    EXPECT_TRUE(std::regex_match(out, std::regex("Sending stop signal to " + std::to_string(pid) + " \\.* done\n"))) << out;
-    EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
-    EXPECT_EQ(-1, pidfile_holder());
-    // The stop signal reached every notification, and the run callback returned after them;
-    // the run loop and the stop callback run on different threads, so compare as sets.
-    const auto all = events();
-    const auto exit = std::find(all.begin(), all.end(), "exit 3 pid=" + std::to_string(pid));
-    ASSERT_GE(exit - all.begin(), 2);
-    EXPECT_EQ((std::multiset<std::string>{"callback flag=1 stop_fd=readable", "pipe byte=1"}),
-              std::multiset<std::string>(exit - 2, exit));
-}
-
-// SIGINT stops as SIGTERM does, here for a daemon that only watches a stop flag.
-TEST_F(DaemonTest, InterruptSetsTheStopFlag) {
-    ASSERT_EQ(0, daemon("-start", nullptr, "flag-only"));
-    const pid_t pid = wait_running();
-    ASSERT_GT(pid, 0);
-    ASSERT_EQ(0, ::kill(pid, SIGINT));
-    ASSERT_TRUE(wait_until([&] { return has_event("exit 4 pid=" + std::to_string(pid)); }));
-    EXPECT_TRUE(has_event("flag seen"));
-    EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
-}
-
 TEST_F(DaemonTest, StopGivesUpOnADaemonIgnoringTerm) {
     ASSERT_EQ(0, daemon("-start", nullptr, "ignore-term"));
     const pid_t pid = wait_running();
@@ -203,7 +137,8 @@ TEST_F(DaemonTest, StopGivesUpOnADaemonIgnoringTerm) {
     EXPECT_TRUE(has_event("callback flag=1 stop_fd=readable")) << "the notifications were given";
 }
 
-TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnTerm) {
+// -stop sends SIGTERM; SIGINT (an operator's Ctrl-C) stops the daemon as well.
+TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnInterrupt) {
     const pid_t pid = background(env() + "'" + kDaemon + "' -start -no-detach", root_ / "daemon.out");
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(wait_until([&] { return has_event("run pid=" + std::to_string(pid)); })) << "runs in the started process";
@@ -212,13 +147,12 @@ TEST_F(DaemonTest, NoDetachKeepsTheSessionAndStopsOnTerm) {
     EXPECT_EQ(::getsid(0), ids.session) << "still in our session";
     EXPECT_EQ(root_ / "daemon.out", fd_target(pid, 1)) << "standard output kept";
     EXPECT_EQ(pid, pidfile_holder());
-    ::kill(pid, SIGTERM);
+    ::kill(pid, SIGINT);
     EXPECT_TRUE(wait_until([&] { return has_event("exit 3 pid=" + std::to_string(pid)); }));
 }
 
 TEST_F(DaemonTest, BadStartupEnvironments) {
     struct Case {
-        const char* name;
         std::function<void()> prepare;
         const char* args;
         const char* mode;
@@ -227,38 +161,56 @@ TEST_F(DaemonTest, BadStartupEnvironments) {
     };
     const std::string run_dir = root_ / "var/run";
     const Case cases[] = {
-        {"missing install root", [] {}, "-start", "normal KS_INSTALL_ROOT=/nonexistent/root", 1,
-         "Error: kslog setup failed"},
-        {"var/run not a directory", [&] { kstest::run("rm -rf '" + run_dir + "' && touch '" + run_dir + "'"); }, "-start",
-         "normal", 127, "Error: Failed to open PID file '" + run_dir + "/" + kName + ".pid': Not a directory"},
-        {"var/run not a directory, no detach", [] {}, "-start -no-detach", "normal", 127,
-         "Error: Failed to open PID file"},
-        {"pre-run refuses", [&] { kstest::run("rm -f '" + run_dir + "' && mkdir '" + run_dir + "'"); }, "-start",
-         "fail-prerun", 127, "Error: test daemon refuses to start"},
-        {"start log config not JSON", [&] { kstest::write_file(root_ / "bad.json", "{\"action\": "); },
-         "-start -log-config=bad.json", "normal", 1, "Error: Failed to execute log config 'bad.json'"},
+        {[] {}, "-start", "normal KS_INSTALL_ROOT=/nonexistent/root", 1, "Error: kslog setup failed"},
+        {[&] { kstest::run("rm -rf '" + run_dir + "' && touch '" + run_dir + "'"); }, "-start", "normal", 127,
+         "Error: Failed to open PID file '" + run_dir + "/" + kName + ".pid': Not a directory"},
+        {[] {}, "-start -no-detach", "normal", 127, "Error: Failed to open PID file"},
+        {[&] { kstest::run("rm -f '" + run_dir + "' && mkdir '" + run_dir + "'"); }, "-start", "fail-prerun", 127,
+         "Error: test daemon refuses to start"},
+        {[&] { kstest::write_file(root_ / "bad.json", "{\"action\": "); }, "-start -log-config=bad.json", "normal", 1,
+         "Error: Failed to execute log config 'bad.json'"},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.expected);
         c.prepare();
         std::string out;
         const std::string command = env(c.mode) + "'" + kDaemon + "' " + c.args + " 2>&1";
-        const int status = kstest::run("cd '" + root_.path() + "' && " + command, &out);
-        EXPECT_EQ(c.status, status) << c.name << "\n" << out;
-        EXPECT_NE(out.find(c.expected), std::string::npos) << c.name << "\n" << out;
-        EXPECT_EQ(-1, pidfile_holder()) << c.name;
+        EXPECT_EQ(c.status, kstest::run("cd '" + root_.path() + "' && " + command, &out)) << out;
+        EXPECT_NE(out.find(c.expected), std::string::npos) << out;
+        EXPECT_EQ(-1, pidfile_holder());
     }
     for (const auto& line : events()) EXPECT_EQ(std::string::npos, line.find("run pid")) << line;
 }
 
-TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
-    ASSERT_TRUE(start_settings_server());
+// The daemon's whole life, with the settings server running: start, refused second start,
+// default-settings callbacks, a log configuration at run time, stop.
+TEST_F(DaemonTest, LifeFromDetachedStartToStop) {
+    const pid_t server = background(kstest::quoted(kstest::tool_path("kssetter")) + " -root " + kstest::quoted(root_.path()),
+                                    root_ / "kssetter.out");
+    ASSERT_EQ(0, ks::setMgmt::init(ks::setMgmt::LogChannel::optional));
+    ASSERT_TRUE(wait_until([&] { return ks::setMgmt::setKey("/kstest/ready", "1") == 0 || !alive(server); }));
     kstest::write_file(root_ / "start.json",
                        R"({"action":"update","channels":{"default":[{"file":"$INSTALL_PATH/var/log/$IDENTITY","level":"info"}]}})");
     std::string out;
-    ASSERT_EQ(0, daemon("-start -log-config='" + root_ / "start.json" + "'", &out)) << out;
+    ASSERT_EQ(0, daemon("-start -log-config='" + root_ / "start.json" + "'", &out, "normal LD_LIBRARY_PATH=/opt/x/lib"))
+        << out;
+    EXPECT_EQ("", out);
     const pid_t pid = wait_running();
     ASSERT_GT(pid, 0);
-    const std::vector<std::string> round{"default 0", "default 1", "default 2"};
+    EXPECT_TRUE(has_event("env LD_LIBRARY_PATH=unset saved=/opt/x/lib")) << "removed, but kept in the saved copy";
+
+    const kstest::ProcStat ids = kstest::proc_stat(pid);
+    EXPECT_NE(ids.session, ::getsid(0)) << "a session of its own";
+    EXPECT_EQ(pid, ids.pgrp) << "a process group of its own";
+    EXPECT_NE(::getpid(), ids.ppid) << "not our child";
+    for (int fd = 0; fd < 3; ++fd) EXPECT_EQ("/dev/null", fd_target(pid, fd)) << "descriptor " << fd;
+    EXPECT_EQ(pid, pidfile_holder());
+
+    // A second start is refused by the detached process, through the report pipe.
+    EXPECT_EQ(127, daemon("-start", &out));
+    EXPECT_EQ("Error: Daemon '" + kName + "' is already running with pid " + std::to_string(pid) + "\n", out);
+    EXPECT_TRUE(alive(pid));
+
     auto default_rounds = [&] {
         std::vector<std::string> seen;
         for (const auto& line : events())
@@ -266,18 +218,18 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
         return seen;
     };
     ASSERT_TRUE(wait_until([&] { return default_rounds().size() >= 3; }));
-
     // The subscription is made by the settings thread; change the key until it is seen.
     bool changed = false;
     for (int attempt = 0; attempt < 10 && !changed; ++attempt) {
-        ASSERT_EQ(0, setmgmt("set /default_settings v" + std::to_string(attempt)));
+        ASSERT_EQ(0, ks::setMgmt::setKey("/default_settings", "v" + std::to_string(attempt)));
         changed = wait_until([&] { return default_rounds().size() >= 6; }, std::chrono::milliseconds(1000));
     }
     ASSERT_TRUE(changed);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const auto seen = default_rounds();
     ASSERT_EQ(0u, seen.size() % 3);
-    for (size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(round[i % 3], seen[i]) << "every callback once, in id order";
+    for (size_t i = 0; i < seen.size(); ++i)
+        EXPECT_EQ("default " + std::to_string(i % 3), seen[i]) << "every callback once, in id order";
 
     // A valid configuration reaches the running daemon through the settings server: the new
     // output it names appears. (Reading it back is the log reader's own test.)
@@ -294,15 +246,24 @@ TEST_F(DaemonTest, SettingsThreadAppliesLogConfigsAndDefaultSettings) {
     kstest::write_file(root_ / "bad.json", "not json");
     EXPECT_EQ(127, daemon("-execute-log-config -log-config='" + root_ / "bad.json" + "'", &out));
     EXPECT_EQ("Error: Static log config validation failed for '" + root_ / "bad.json" + "'. Please check logs.\n", out);
-    std::string key;
-    setmgmt("get /tmp/daemon/" + kName + "/logging/config", &key);
-    EXPECT_EQ(config, key) << "the daemon's key still names the valid file";
+    EXPECT_EQ(config, ks::setMgmt::getKeyValue("/tmp/daemon/" + kName + "/logging/config", ""))
+        << "the daemon's key still names the valid file";
     EXPECT_EQ(127, daemon("-execute-log-config -log-config=/no/such/file.json", &out));
     EXPECT_NE(out.find("Error: Failed to resolve path '/no/such/file.json'"), std::string::npos) << out;
 
     // Stopping joins a settings thread that holds a subscription.
-    EXPECT_EQ(0, daemon("-stop", &out, "normal", false)) << out;
+    EXPECT_EQ(0, daemon("-stop", &out, "normal", false));
+    EXPECT_TRUE(std::regex_match(out, std::regex("Sending stop signal to " + std::to_string(pid) + " \\.* done\n"))) << out;
     EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
+    EXPECT_EQ(-1, pidfile_holder());
+    ks::setMgmt::uninit();
+    // The stop signal reached every notification, and the run callback returned after them;
+    // the run loop and the stop callback run on different threads, so compare as sets.
+    const auto all = events();
+    const auto exit = std::find(all.begin(), all.end(), "exit 3 pid=" + std::to_string(pid));
+    ASSERT_GE(exit - all.begin(), 2);
+    EXPECT_EQ((std::multiset<std::string>{"callback flag=1 stop_fd=readable", "pipe byte=1"}),
+              std::multiset<std::string>(exit - 2, exit));
 }
 
 TEST_F(DaemonTest, CrashLeavesAReportAndAStalePidFileThatDoesNotBlockAStart) {

@@ -39,21 +39,6 @@ long blocked_in(pid_t tid) {
     return nr;
 }
 
-// Fills the pipe behind `write_end` to the brim, leaving the descriptor blocking.
-void fill(int write_end) {
-    ::fcntl(write_end, F_SETFL, O_NONBLOCK);
-    static const char chunk[4096] = {};
-    while (::write(write_end, chunk, sizeof chunk) > 0) {
-    }
-    ::fcntl(write_end, F_SETFL, 0);
-}
-
-void drain(int read_end) {
-    char chunk[4096];
-    while (::read(read_end, chunk, sizeof chunk) > 0) {
-    }
-}
-
 TEST(SysLayer, InterruptedCallsCarryOn) {
     // Under qemu-user /proc shows the emulator, never the emulated call the test waits for.
     if (std::getenv("KS_TEST_EMULATED")) GTEST_SKIP() << "no /proc view of emulated system calls";
@@ -65,8 +50,14 @@ TEST(SysLayer, InterruptedCallsCarryOn) {
     ASSERT_EQ(0, ::pipe2(fds, O_CLOEXEC));
     ks::unique_fd gate_in(fds[0]), gate_out(fds[1]);  // the child's standard input
     ASSERT_EQ(0, ::pipe2(fds, O_CLOEXEC));
-    ks::unique_fd full_in(fds[0]), full_out(fds[1]);
+    ks::unique_fd full_in(fds[0]), full_out(fds[1]);  // filled to the brim before each write
     ::fcntl(full_in.get(), F_SETFL, O_NONBLOCK);
+    const std::string brim(::fcntl(full_out.get(), F_GETPIPE_SZ), '\0');
+    auto drain = [&] {
+        char chunk[4096];
+        while (::read(full_in.get(), chunk, sizeof chunk) > 0) {
+        }
+    };
     ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
     ks::unique_fd server(fds[1]);
     ks::setMgmt::Connection client;
@@ -90,15 +81,14 @@ TEST(SysLayer, InterruptedCallsCarryOn) {
          [&] { gate_out.reset(); }, 3},
         {"settings reply", SYS_recvfrom, [&] { return client.recv(reply, sizeof reply, false, true); },
          [&] { (void)!::write(server.get(), "abcd", 4); }, 4},
-        {"write_all", SYS_write, [&] { return write_all(full_out.get(), record, sizeof record, 1); },
-         [&] { drain(full_in.get()); }, 10},
-        {"writev_all", SYS_writev, [&] { return writev_all(full_out.get(), parts, 2); },
-         [&] { drain(full_in.get()); }, 10},
+        {"write_all", SYS_write, [&] { return write_all(full_out.get(), record, sizeof record, 1); }, drain, 10},
+        {"writev_all", SYS_writev, [&] { return writev_all(full_out.get(), parts, 2); }, drain, 10},
     };
     const pid_t self = static_cast<pid_t>(::syscall(SYS_gettid));
     const pthread_t caller = ::pthread_self();
     for (const auto& c : cases) {
-        fill(full_out.get());
+        drain();
+        ASSERT_EQ(static_cast<ssize_t>(brim.size()), ::write(full_out.get(), brim.data(), brim.size()));
         std::atomic<bool> returned{false};  // a call that failed before it blocked
         std::thread helper([&] {
             while (!returned && blocked_in(self) != c.syscall) std::this_thread::sleep_for(1ms);

@@ -1,7 +1,7 @@
 // A daemon for the black-box tests of ks::daemon::Instance. It records what happens to it,
 // one line per event, into the file named by KSTEST_EVENTS, and behaves as KSTEST_MODE says:
-//   normal       stop pipe + stop flag + stop callback; three default-settings callbacks
-//   flag-only    only a stop flag, polled by the run loop
+//   normal       stop pipe, descriptor, flag and callback, three default-settings callbacks
+//                (every mode has them), and a run callback that returns on the stop byte
 //   ignore-term  stop notifications arrive, but the run callback never returns
 //   crash        writes through a null pointer once running
 //   fail-prerun  the pre-run callback refuses to start
@@ -35,23 +35,9 @@ void record(const std::string& line) {
     ::close(fd);
 }
 
-bool readable(int fd) {
-    pollfd p{fd, POLLIN, 0};
-    return ::poll(&p, 1, 0) == 1 && p.revents == POLLIN;
-}
-
 // Crashes in a function of its own, so the backtrace has a frame to show; a real fault
 // even under the undefined-behaviour sanitizer.
 __attribute__((noinline, no_sanitize("undefined"))) void crash_now(volatile int* target) { *target = 42; }
-
-int run_normal() {
-    for (pollfd p{g_stop_fd, POLLIN, 0}; ::poll(&p, 1, -1) != 1;) {
-    }
-    char byte = 0;
-    (void)!::read(g_stop_fd, &byte, 1);
-    record(std::string("pipe byte=") + byte);
-    return 3;
-}
 
 }  // namespace
 
@@ -60,35 +46,30 @@ int main(int argc, char** argv) {
     const std::string mode = std::getenv("KSTEST_MODE") ? std::getenv("KSTEST_MODE") : "normal";
     auto d = ks::daemon::instance(argc, argv);
 
-    if (mode == "flag-only") {
-        d->on_stop_flag(&g_stop_flag);
-    } else {
-        g_stop_fd = d->on_stop_pipe();
-        if (::pipe2(g_probe_fd, O_CLOEXEC) == 0) {
-            d->on_stop_fd(g_probe_fd[1]);
-            d->protect_fd(g_probe_fd[0]);
-        }
-        d->on_stop_flag(&g_stop_flag);
-        // Runs after the descriptors and the flag were given their stop notice.
-        d->on_stop([] {
-            record("callback flag=" + std::to_string(g_stop_flag.load()) +
-                   " stop_fd=" + (readable(g_probe_fd[0]) ? "readable" : "empty"));
-        });
+    g_stop_fd = d->on_stop_pipe();
+    if (::pipe2(g_probe_fd, O_CLOEXEC) == 0) {
+        d->on_stop_fd(g_probe_fd[1]);
+        d->protect_fd(g_probe_fd[0]);
     }
-    if (mode == "normal") {
-        for (int i = 0; i < 3; ++i) {
-            const int id = d->add_default_settings_callback([i] {
-                record("default " + std::to_string(i));
+    d->on_stop_flag(&g_stop_flag);
+    // Runs after the descriptors and the flag were given their stop notice.
+    d->on_stop([] {
+        pollfd p{g_probe_fd[0], POLLIN, 0};
+        const bool readable = ::poll(&p, 1, 0) == 1 && p.revents == POLLIN;
+        record("callback flag=" + std::to_string(g_stop_flag.load()) + " stop_fd=" + (readable ? "readable" : "empty"));
+    });
+    for (int i = 0; i < 3; ++i) {
+        const int id = d->add_default_settings_callback([i] {
+            record("default " + std::to_string(i));
+            return true;
+        });
+        if (i == 1) {
+            // Removed and added again: ids keep increasing, so order follows the ids.
+            d->remove_default_settings_callback(id);
+            d->add_default_settings_callback(d->get_load_settings_function([] {
+                record("default 1");
                 return true;
-            });
-            if (i == 1) {
-                // Removed and added again: ids keep increasing, so order follows the ids.
-                d->remove_default_settings_callback(id);
-                d->add_default_settings_callback(d->get_load_settings_function([] {
-                    record("default 1");
-                    return true;
-                }));
-            }
+            }));
         }
     }
     if (mode == "fail-prerun") {
@@ -108,12 +89,12 @@ int main(int argc, char** argv) {
         if (mode == "ignore-term") {
             for (;;) ::pause();
         }
-        if (mode == "flag-only") {
-            while (g_stop_flag.load() == 0) ::usleep(10 * 1000);
-            record("flag seen");
-            return 4;
+        for (pollfd p{g_stop_fd, POLLIN, 0}; ::poll(&p, 1, -1) != 1;) {
         }
-        return run_normal();
+        char byte = 0;
+        (void)!::read(g_stop_fd, &byte, 1);
+        record(std::string("pipe byte=") + byte);
+        return 3;
     });
     const int status = d->run();
     record("exit " + std::to_string(status) + " pid=" + std::to_string(::getpid()));
