@@ -134,58 +134,45 @@ std::string in_private_namespace(const kstest::TempDir& dir, const std::function
     return kstest::read_file(out / "result");
 }
 
-std::string query() {
-    const char* root = kspath_default_install_path();
-    return root ? root : "(null)";
-}
-
-TEST(Path, InstallRootSearchOrder) {
+// The install root is the target of the "/etc/kestrum-box" link less its "/etc", else the
+// "kestrum-box" user's home, else /opt/kestrum. Each step changes the fake /etc or /opt and
+// searches again.
+TEST(Path, InstallRootSearchOrderAndUserHomes) {
     kstest::TempDir dir;
-    const std::string etc = dir / "etc", opt = dir / "opt", app = dir / "data/app";
-    ASSERT_EQ(kstest::run("mkdir -p '" + etc + "' '" + opt + "' '" + app + "/etc'"), 0);
-    const std::string user_line = "kestrum-box:x:999:999::/home/ksbox:/bin/false\n";
-    struct Case {
-        const char* name;
-        std::string link;     // target of /etc/kestrum-box, "" for none
-        std::string passwd;   // contents of /etc/passwd
-        bool opt_root;        // whether /opt/kestrum exists
-        std::string expected;
-    } cases[] = {
-        {"link wins", app + "/etc", user_line, true, app},
-        {"link without /etc falls to user", app, user_line, true, "/home/ksbox"},
-        {"link to missing dir falls to user, whose home is not checked", dir / "missing/etc",
-         "root:x:0:0:root:/root:/bin/sh\n" + user_line, false, "/home/ksbox"},
-        {"opt fallback", "", "root:x:0:0:root:/root:/bin/sh\n", true, "/opt/kestrum"},
-    };
-    for (const Case& c : cases) {
-        kstest::run("rm -rf '" + etc + "'/* '" + opt + "'/*");
-        ASSERT_TRUE(kstest::write_file(etc + "/passwd", c.passwd));
-        ASSERT_TRUE(c.link.empty() || symlink(c.link.c_str(), (etc + "/kestrum-box").c_str()) == 0);
-        ASSERT_TRUE(!c.opt_root || kstest::run("mkdir '" + opt + "/kestrum'") == 0);
-        const std::string got = in_private_namespace(dir, query);
-        if (got == "SKIP") GTEST_SKIP() << "no private mount namespace here";
-        EXPECT_EQ(got, c.expected) << c.name;
-    }
-}
-
-// Homes come from /etc/passwd. With no link, no user and no /opt/kestrum there is no root,
-// paths under it fail, and the failure is not cached, so a root that appears later is found.
-// Setting the current root again forgets it.
-TEST(Path, UserHomesAndAMissingRootSearchedAgain) {
-    kstest::TempDir dir;
-    ASSERT_EQ(0, kstest::run("mkdir '" + dir / "etc" + "' '" + dir / "opt" + "'"));
+    const std::string app = dir / "data/app";
+    ASSERT_EQ(0, kstest::run("mkdir -p '" + dir / "etc" + "' '" + dir / "opt/kestrum" + "' '" + app + "/etc'"));
     ASSERT_TRUE(kstest::write_file(dir / "etc/passwd",
-                                   "#alice:x:1:1::/commented:/bin/sh\n"
+                                   "#kestrum-box:x:1:1::/commented:/bin/sh\n"
                                    "bob:x:2:2:Bob:/home/bob:/bin/sh\n"
                                    "short:x:3\n"
-                                   "alice:x:1:1::/home/alice:/bin/sh\n"
+                                   "kestrum-box:x:999:999::/home/ksbox:/bin/false\n"
                                    "carol:x:4:4::/home/carol:/bin/sh"));  // no newline: stops the search
-    const std::string got = in_private_namespace(dir, [] {
+    const std::pair<std::string, std::string> steps[] = {  // the change, the root found then
+        {"ln -s '" + app + "/etc' /etc/kestrum-box", app},
+        {"ln -sfn '" + app + "' /etc/kestrum-box", "/home/ksbox"},                      // no "/etc" at the end
+        {"ln -sfn '" + dir / "missing/etc" + "' /etc/kestrum-box", "/home/ksbox"},  // the home is not checked
+        {"echo 'root:x:0:0:root:/root:/bin/sh' > /etc/passwd", "/opt/kestrum"},
+        {"rmdir /opt/kestrum", "(null)"},
+    };
+    std::string expected = "bob=/home/bob;kestrum-box=/home/ksbox;short=-1;carol=-1;nobody=-1;";
+    for (const auto& step : steps) expected += step.second + ";";
+    const std::string got = in_private_namespace(dir, [&] {
+        const auto query = [] {
+            const char* root = kspath_default_install_path();
+            return std::string(root ? root : "(null)");
+        };
         std::string out;
-        for (const char* user : {"bob", "alice", "short", "carol", "nobody"}) {
+        for (const char* user : {"bob", "kestrum-box", "short", "carol", "nobody"}) {
             char home[4096] = "";
             out += std::string(user) + "=" + (get_userhome(user, home) == 0 ? home : "-1") + ";";
         }
+        for (const auto& step : steps) {
+            kstest::run(step.first);
+            kspath_set_install_path(nullptr);
+            out += query() + ";";
+        }
+        // Without a root, paths under it fail; the failure is not cached, so a root that
+        // appears later is found. Setting the current root again forgets it.
         kspath_set_install_path("/some/root");
         out += query() + ",";
         kspath_set_install_path("/some/root");
@@ -198,8 +185,7 @@ TEST(Path, UserHomesAndAMissingRootSearchedAgain) {
         return out + "|" + common.str();
     });
     if (got == "SKIP") GTEST_SKIP() << "no private mount namespace here";
-    EXPECT_EQ(got, "bob=/home/bob;alice=/home/alice;short=-1;carol=-1;nobody=-1;"
-                   "/some/root,(null)|fail:x|/opt/kestrum|/opt/kestrum/etc/logging");
+    EXPECT_EQ(got, expected + "/some/root,(null)|fail:x|/opt/kestrum|/opt/kestrum/etc/logging");
 }
 
 }  // namespace
