@@ -1,7 +1,7 @@
 // Interfaces read from our own settings server on a temporary install root: the list and
 // its text form, listeners woken by the refresh key through the service thread and through
-// the event-loop handle, reference counting; kernel queries on lo and on an interface of our own
-// (a dummy interface, or one end of a veth pair) in a network namespace the test creates.
+// the event-loop handle, reference counting; kernel queries on an interface of our own (a
+// dummy interface, or one end of a veth pair) in a network namespace the test creates.
 #include <ksutils/netutl.h>
 
 #include <gtest/gtest.h>
@@ -67,28 +67,6 @@ protected:
     void TearDown() override { sm::deleteKey("/network/interfaces"); }
 };
 
-TEST_F(NetMgmtTest, LoadsWanAndLanInterfacesFromSettings) {
-    ASSERT_EQ(0, nm::init(false));
-    std::vector<nm::Interface> wan, lan;
-    EXPECT_EQ(0, nm::get_wan_interfaces(wan));
-    EXPECT_EQ(0, nm::get_lan_interfaces(lan));
-    EXPECT_EQ((std::vector<std::string>{kEth0, "name=wlan0, type=wan, mac=00:00:00:00:00:00, ipv4=[], ipv6=[], is_guest=0"}),
-              texts(wan));
-    // "WAN" is not "wan"; bad ipv4 entries are skipped; eth2 has no type at all.
-    EXPECT_EQ((std::vector<std::string>{"name=eth1, type=lan, mac=00:00:00:00:00:00, ipv4=[5.6.7.8/16], ipv6=[], is_guest=1"}),
-              texts(lan));
-    EXPECT_EQ(fmt::format("{}", wan[0]), kEth0);
-
-    nm::Interface first;
-    EXPECT_EQ(0, nm::get_wan_interface_with_ipv4(first));
-    EXPECT_EQ("eth0", first.name);
-    nm::update({wan[1], lan[0]});
-    EXPECT_EQ(-1, nm::get_wan_interface_with_ipv4(first)) << "wlan0 has no IPv4";
-    nm::update({});
-    EXPECT_EQ(-1, nm::get_wan_interfaces(wan));
-    EXPECT_EQ(0, nm::uninit());
-}
-
 TEST_F(NetMgmtTest, ServiceThreadCallsListenersUntilTheLastUninit) {
     Calls wan, lan;
     ASSERT_EQ(0, nm::init(true));
@@ -119,26 +97,48 @@ TEST_F(NetMgmtTest, ServiceThreadCallsListenersUntilTheLastUninit) {
         << "the thread stopped after the last uninit";
 }
 
-TEST_F(NetMgmtTest, EventLoopHandle) {
+// Without a thread the list is loaded at once; the handle loads it at its first get_fd.
+TEST_F(NetMgmtTest, TheListAndTheEventLoopHandle) {
+    ASSERT_EQ(0, nm::init(false));
+    std::vector<nm::Interface> wan, lan;
+    EXPECT_EQ(0, nm::get_wan_interfaces(wan));
+    EXPECT_EQ(0, nm::get_lan_interfaces(lan));
+    const std::vector<std::string> wan_texts{
+        kEth0, "name=wlan0, type=wan, mac=00:00:00:00:00:00, ipv4=[], ipv6=[], is_guest=0"};
+    EXPECT_EQ(wan_texts, texts(wan));
+    // "WAN" is not "wan"; bad ipv4 entries are skipped; eth2 has no type at all.
+    EXPECT_EQ((std::vector<std::string>{"name=eth1, type=lan, mac=00:00:00:00:00:00, ipv4=[5.6.7.8/16], ipv6=[], is_guest=1"}),
+              texts(lan));
+    EXPECT_EQ(fmt::format("{}", wan[0]), kEth0);
+    nm::Interface first;
+    EXPECT_EQ(0, nm::get_wan_interface_with_ipv4(first));
+    EXPECT_EQ("eth0", first.name);
+    nm::update({wan[1], lan[0]});
+    EXPECT_EQ(-1, nm::get_wan_interface_with_ipv4(first)) << "wlan0 has no IPv4";
+    nm::update({});
+    EXPECT_EQ(-1, nm::get_wan_interfaces(wan));
+    EXPECT_EQ(0, nm::uninit());
+
     const nm::unique_netmgmt owner(nm::init_eventloop());
     nm::netmgmt_t* handle = owner.get();
     ASSERT_NE(nullptr, handle);
-    Calls wan;
-    nm::set_on_if_change(handle, nm::InterfaceType::wan, wan.callback());
+    Calls heard;
+    nm::set_on_if_change(handle, nm::InterfaceType::wan, heard.callback());
     const int fd = nm::get_fd(handle);
     ASSERT_GE(fd, 0);
-    ASSERT_EQ(1u, wan.seen.size()) << "the first get_fd loads and calls the listeners";
-    EXPECT_EQ(kEth0, wan.seen[0][0]);
+    ASSERT_EQ(1u, heard.seen.size()) << "the first get_fd loads and calls the listeners";
+    EXPECT_EQ(wan_texts, heard.seen[0]);
 
     ASSERT_EQ(0, sm::deleteKey("/network/interfaces/config/eth0"));
     ASSERT_EQ(0, sm::setKey("/network/interfaces/config_refresh", "1"));
     pollfd p{fd, POLLIN, 0};
     ASSERT_EQ(1, ::poll(&p, 1, 5000));
     EXPECT_TRUE(nm::read_fd(handle));
-    ASSERT_EQ(2u, wan.seen.size());
-    EXPECT_EQ(1u, wan.seen[1].size());
+    ASSERT_EQ(2u, heard.seen.size());
+    EXPECT_EQ(1u, heard.seen[1].size());
 
-    std::vector<nm::Interface> out(1), lan;
+    std::vector<nm::Interface> out(1);
+    lan.clear();
     nm::get_ifaces(handle, static_cast<nm::InterfaceType>(2), out);
     EXPECT_EQ(1u, out.size()) << "an invalid type leaves the output alone";
     nm::get_ifaces(handle, nm::InterfaceType::lan, lan);
@@ -150,9 +150,7 @@ TEST(NetMgmtParse, IpLists) {
         const char* text;
         bool v6;
         const char* printed;
-    } cases[] = {{"", false, "[]"},
-                 {"192.168.1.2/24,10.0.0.1/8", false, "[10.0.0.1/8, 192.168.1.2/24]"},
-                 {"1.2.3.4/8,,1.2.3.4/8", false, "[1.2.3.4/8]"},
+    } cases[] = {{"1.2.3.4/8,,1.2.3.4/8", false, "[1.2.3.4/8]"},
                  {"a/b/c,1.2.3.4/24/8,1.2.3.4/99999999999,x/8", false, "[(invalid)/8]"},
                  // Prefixes past 255 or below 0 mean a host, not a wrapped-around length.
                  {"1.2.3.4/300,5.6.7.8/-1", false, "[1.2.3.4/32, 5.6.7.8/32]"},
@@ -166,17 +164,13 @@ TEST(NetMgmtParse, IpLists) {
     }
 }
 
-TEST(KernelQueries, LoopbackAndAnInterfaceOfOurOwn) {
-    std::string text;
-    EXPECT_TRUE(ks::is_interface_up("lo"));
-    EXPECT_TRUE(ks::get_ip_address("lo", text));
-    EXPECT_EQ("127.0.0.1", text);
-
+TEST(KernelQueries, AnInterfaceOfOurOwn) {
     kstest::NetNamespace ns;
     if (!ns.entered()) GTEST_SKIP() << "network namespaces are refused here: " << std::strerror(errno);
     // One end of a veth pair where the kernel has no dummy driver.
     ASSERT_EQ(0, kstest::run("{ ip link add d0 type dummy 2>/dev/null || ip link add d0 type veth peer name d1; } && "
                              "ip link set d0 address 0a:1b:2c:3d:4e:5f"));
+    std::string text;
     EXPECT_FALSE(ks::is_interface_up("d0"));
     EXPECT_FALSE(ks::get_ip_address("d0", text)) << "no address yet";
     ASSERT_EQ(0, kstest::run("ip link set d0 up && ip addr add 10.9.8.7/24 dev d0"));
