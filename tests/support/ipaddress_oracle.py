@@ -1,11 +1,7 @@
-"""Independent answers for the address tests, from Python's ipaddress module.
-
-One answer line per case line, in the C++ test's own format, to compare line by line:
-  P text            -> "v4 TEXT ll=0" | "v6 TEXT ll=B" | "invalid"
-  M bits prefix     -> the netmask of prefix for a 32- or 128-bit address
-  N text            -> "prefix=N netmask=B"
-  S text net prefix -> "in=B subnet=TEXT"
-  C hex             -> the RFC 1071 checksum of the bytes, big-endian, as a number
+"""Independent answers for the address tests, from Python's ipaddress module: one answer line
+per case line, in the C++ test's own format, to compare line by line. Cases: P text (parse),
+M bits prefix (netmask), N text (prefix length, netmask or not), S text net prefix (in the
+subnet, subnet address), C hex (RFC 1071 checksum of the bytes, big-endian, as a number).
 """
 import ipaddress
 import sys
