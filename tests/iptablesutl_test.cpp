@@ -57,17 +57,11 @@ protected:
     void SetUp() override {
         if (!ns_.entered()) GTEST_SKIP() << "network namespaces are refused here (unshare: " << strerror(errno) << ")";
         ASSERT_TRUE(log_.started());
-        for (const std::string prog : {"iptables", "ip6tables"}) {
-            for (const std::string& name : {prog, prog + "-save", prog + "-restore"})
-                ASSERT_EQ(0, link_program(name));
-            ASSERT_EQ(0, kstest::run(prog + " -N FWTEST && " + prog + " -N WHITELIST"));
-        }
+        // The machine's programs under their names in the install root's "bin", and the chains.
+        ASSERT_EQ(0, kstest::run("set -e; for p in iptables ip6tables; do for n in $p $p-save $p-restore; do "
+                                 "ln -s \"$(command -v $n)\" '" + (log_.root() / "bin") + "'; done; "
+                                 "$p -N FWTEST; $p -N WHITELIST; done"));
         ASSERT_TRUE(macaddr::parse_str("0A:1b:2C:3d:4E:5f", mac_));
-    }
-
-    // The machine's program under the same name in the install root's "bin".
-    int link_program(const std::string& name) {
-        return kstest::run("ln -s \"$(command -v " + name + ")\" '" + (log_.root() / "bin/") + name + "'");
     }
 
     kstest::NetNamespace ns_;
