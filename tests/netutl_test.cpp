@@ -8,7 +8,6 @@
 
 #include <dirent.h>
 
-#include <condition_variable>
 #include <mutex>
 
 #include "kssetter_fixture.h"
@@ -34,19 +33,19 @@ int threads() {
 // What listeners were called with, for waiting on another thread.
 struct Calls {
     std::mutex mutex;
-    std::condition_variable cv;
     std::vector<std::vector<std::string>> seen;
 
     nm::InterfaceCallback callback() {
         return [this](const std::vector<nm::Interface>& list) {
             std::lock_guard<std::mutex> lock(mutex);
             seen.push_back(texts(list));
-            cv.notify_all();
         };
     }
     bool wait_for(size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return cv.wait_for(lock, limit, [&] { return seen.size() >= count; });
+        return kstest::wait_until([&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            return seen.size() >= count;
+        }, limit);
     }
 };
 
