@@ -160,10 +160,8 @@ TEST(KernelQueries, AnInterfaceOfOurOwn) {
     EXPECT_FALSE(ks::get_ip_address("d0", text)) << "no address yet";
     ASSERT_EQ(0, kstest::run("ip link set d0 up && ip addr add 10.9.8.7/24 dev d0"));
     EXPECT_TRUE(ks::is_interface_up("d0"));
-    EXPECT_TRUE(ks::get_ip_address("d0", text));
-    EXPECT_EQ("10.9.8.7", text);
-    EXPECT_TRUE(ks::get_mac_address("d0", text));
-    EXPECT_EQ("0A:1B:2C:3D:4E:5F", text);
+    EXPECT_TRUE(ks::get_ip_address("d0", text) && text == "10.9.8.7") << text;
+    EXPECT_TRUE(ks::get_mac_address("d0", text) && text == "0A:1B:2C:3D:4E:5F") << text;
     for (const char* missing : {"nosuch0", "a-name-longer-than-the-kernel-allows"}) {
         EXPECT_FALSE(ks::is_interface_up(missing));
         EXPECT_FALSE(ks::get_mac_address(missing, text));
