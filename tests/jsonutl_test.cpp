@@ -49,12 +49,10 @@ TEST(JsonLoad, ErrorsCarryTheirPosition) {
 }
 
 TEST(JsonArrays, FromVectorsAndResponseStatus) {
-    const ks::json_ptr texts = ks::to_json_array(std::vector<std::string>{"a", std::string("b\0c", 3)});
-    const ks::json_ptr numbers = ks::to_json_array(std::vector<int64_t>{1, -2, INT64_MAX});
-    ks::unique_c_ptr<char> dumped(json_dumps(texts.get(), JSON_COMPACT));
-    EXPECT_STREQ(R"(["a","b\u0000c"])", dumped.get());
-    dumped.reset(json_dumps(numbers.get(), JSON_COMPACT));
-    EXPECT_STREQ("[1,-2,9223372036854775807]", dumped.get());
+    const auto dumped = [](const ks::json_ptr& j) { return ks::unique_c_ptr<char>(json_dumps(j.get(), JSON_COMPACT)); };
+    EXPECT_STREQ(R"(["a","b\u0000c"])",
+                 dumped(ks::to_json_array(std::vector<std::string>{"a", std::string("b\0c", 3)})).get());
+    EXPECT_STREQ("[1,-2,9223372036854775807]", dumped(ks::to_json_array(std::vector<int64_t>{1, -2, INT64_MAX})).get());
 
     const struct {
         const char* response;

@@ -96,18 +96,9 @@ TEST(Path, DirectoriesTempFilesAndRefusals) {
     EXPECT_TRUE(file.unlink());
 }
 
-TEST(Path, CpathInternsEqualTexts) {
-    const char* a = ks::path::cpath(ks::path("/x", "y"));
-    EXPECT_EQ(a, ks::path::cpath(ks::path("/x/y")));
-    EXPECT_NE(a, ks::path::cpath(ks::path("/x/z")));
-    EXPECT_STREQ(a, "/x/y");
-    RootGuard root("/r");
-    EXPECT_STREQ(ks::path::cpath(ks::common_path::log, "f"), "/r/var/log/f");
-}
-
-// An installed-file constant names the file under the root in force when it is read, however
-// it is read.
-TEST(Path, InstallPathsFollowTheRoot) {
+// Standard directories and installed-file constants name the files under the root in force
+// when they are read, however they are read; cpath interns equal texts.
+TEST(Path, NamesFollowTheRootAndCpathInternsThem) {
     for (const std::string root : {"/first/root", "/second"}) {
         RootGuard guard(root.c_str());
         const ks::path& bound = ks::kBoxIptables;
@@ -115,7 +106,12 @@ TEST(Path, InstallPathsFollowTheRoot) {
         printed << ks::kBoxIptables;
         EXPECT_EQ(std::vector<std::string>(3, root + "/bin/iptables"),
                   (std::vector<std::string>{bound.str(), printed.str(), fmt::format("{}", ks::kBoxIptables)}));
+        EXPECT_EQ(root + "/var/log/f", ks::path::cpath(ks::common_path::log, "f"));
     }
+    const char* a = ks::path::cpath(ks::path("/x", "y"));
+    EXPECT_EQ(a, ks::path::cpath(ks::path("/x/y")));
+    EXPECT_NE(a, ks::path::cpath(ks::path("/x/z")));
+    EXPECT_STREQ(a, "/x/y");
 }
 
 // Runs `body` in a child inside a private mount namespace where dir's "etc" and "opt" are
