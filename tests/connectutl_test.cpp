@@ -171,10 +171,8 @@ TEST(Socket, LoopbackStreamsAndDatagrams) {
 
         // Small buffers and no reader yet: the first send cannot take 4 MiB and must stop short.
         const int small = 64 << 10;
-        for (int fd : {client.fd(), peer.fd()}) {
-            ASSERT_EQ(0, ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small));
-            ASSERT_EQ(0, ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
-        }
+        ASSERT_EQ(0, ::setsockopt(client.fd(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small));
+        ASSERT_EQ(0, ::setsockopt(peer.fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
         ASSERT_TRUE(client.set_blocking(false));
         ks::buffer_view rest;
         const long first = client.send(ks::buffer_view(payload), rest);
