@@ -48,6 +48,7 @@ TEST_F(CategoryTest, ThousandCategoriesRoundTrip) {
     EXPECT_EQ(all, t.decode(t.encode(all)));
     EXPECT_EQ(some, t.decode(t.encode(some)));
     t.uninit();
+    EXPECT_TRUE(t.nameToIndex.empty() && t.indexToName.empty() && t.wordCount == 0);
 }
 
 TEST_F(CategoryTest, EdgeCasesAndLogTexts) {
