@@ -1,7 +1,5 @@
-// Firewall rules applied by the real iptables/ip6tables inside a network namespace of the
-// test's own, read back with "-S": idempotence, address families, MAC case, log texts, and
-// chain names that try to reach the shell; the same for batches applied through the restore
-// programs.
+// Firewall rules, one device at a time and in batches, applied by the real iptables and
+// ip6tables in a network namespace of the test's own and read back with "-S".
 #include <ksutils/error.h>
 #include <ksutils/iptablesutl.h>
 
@@ -11,28 +9,29 @@
 
 #include <algorithm>
 #include <functional>
-#include <sstream>
 
 #include "kslogcapture.h"
 
 namespace {
 
-using ks::sockutl::address;
 using ks::sockutl::macaddr;
 
-// Every rule of both programs as "-S" prints them, sorted, for one chain.
+// Every rule of both programs for one chain as "-S" prints them, sorted.
 std::string rules(const std::string& chain) {
-    std::string out, all;
-    for (const char* prog : {"iptables", "ip6tables"}) {
-        out.clear();
-        kstest::run(std::string(prog) + " -S " + chain + " 2>&1", &out);
-        std::vector<std::string> lines;
-        std::istringstream in(out);
-        for (std::string l; std::getline(in, l);)
-            if (l.rfind("-A ", 0) == 0) lines.push_back(l);
-        std::sort(lines.begin(), lines.end());
-        all += std::string(prog) + ":";
-        for (const auto& l : lines) all += "\n  " + l;
+    std::string out;
+    kstest::run("for p in iptables ip6tables; do echo \"$p:\"; $p -S " + chain +
+                    " 2>&1 | grep '^-A ' | LC_ALL=C sort | sed 's/^/  /'; done",
+                &out);
+    return out;
+}
+
+// The same text for these rules of chain FWTEST.
+std::string expected(std::vector<std::string> v4, std::vector<std::string> v6) {
+    std::string all;
+    for (auto* rules : {&v4, &v6}) {
+        std::sort(rules->begin(), rules->end());
+        all += rules == &v4 ? "iptables:" : "ip6tables:";
+        for (const auto& r : *rules) all += "\n  -A FWTEST " + r;
         all += "\n";
     }
     return all;
@@ -40,7 +39,7 @@ std::string rules(const std::string& chain) {
 
 ks::ip_set ips(std::initializer_list<const char*> texts) {
     ks::ip_set set;
-    for (const char* t : texts) set.insert(address(ks::string_view(t)));
+    for (const char* t : texts) set.insert(ks::sockutl::address(ks::string_view(t)));
     return set;
 }
 
@@ -53,24 +52,16 @@ protected:
         return out;
     }
     static void SetUpTestSuite() { host_before_ = host_rules(); }
-    static void TearDownTestSuite() {
-        EXPECT_EQ(host_before_, host_rules());
-    }
+    static void TearDownTestSuite() { EXPECT_EQ(host_before_, host_rules()); }
 
     void SetUp() override {
         if (!ns_.entered()) GTEST_SKIP() << "network namespaces are refused here (unshare: " << strerror(errno) << ")";
         ASSERT_TRUE(log_.started());
-        for (const std::string prog : {"iptables", "ip6tables"}) {
-            for (const std::string& name : {prog, prog + "-save", prog + "-restore"})
-                ASSERT_EQ(0, link_program(name));
-            ASSERT_EQ(0, kstest::run(prog + " -N FWTEST && " + prog + " -N WHITELIST"));
-        }
+        // The machine's programs under their names in the install root's "bin", and the chains.
+        ASSERT_EQ(0, kstest::run("set -e; for p in iptables ip6tables; do for n in $p $p-save $p-restore; do "
+                                 "ln -s \"$(command -v $n)\" '" + (log_.root() / "bin") + "'; done; "
+                                 "$p -N FWTEST; $p -N WHITELIST; done"));
         ASSERT_TRUE(macaddr::parse_str("0A:1b:2C:3d:4E:5f", mac_));
-    }
-
-    // The machine's program under the same name in the install root's "bin".
-    int link_program(const std::string& name) {
-        return kstest::run("ln -s \"$(command -v " + name + ")\" '" + (log_.root() / "bin/") + name + "'");
     }
 
     kstest::NetNamespace ns_;
@@ -79,61 +70,77 @@ protected:
     static inline std::string host_before_;
 };
 
-// The "-S" text of both programs holding these rules.
-std::string expected(std::vector<std::string> v4, std::vector<std::string> v6) {
-    std::string all;
-    for (auto* rules : {&v4, &v6}) {
-        std::sort(rules->begin(), rules->end());
-        all += rules == &v4 ? "iptables:" : "ip6tables:";
-        for (const auto& r : *rules) all += "\n  -A FWTEST " + r;
-        all += "\n";
-    }
-    return all;
-}
-
+// Per-device calls and batches, each applied twice: the second round changes nothing.
 TEST_F(FirewallTest, EachStepLeavesExactlyOneCopyOfEachRule) {
     const std::string drop = "-m mac --mac-source 0a:1b:2c:3d:4e:5f -j DROP";
+    const std::string allow = "-m mac --mac-source 0a:1b:2c:3d:4e:5f -j WHITELIST";
     const std::string v4 = "-d 192.168.1.5/32 -j DROP", v6 = "-d fd00::5/128 -j DROP";
     const ks::ip_set mixed = ips({"192.168.1.5", "fd00::5"}), other = ips({"10.0.0.1", "fd00::9", "fd00::a"});
     const std::string mixed_rules = expected({drop, v4}, {drop, v6});
+    macaddr m[4];
+    const auto mac = [](int i) { return "02:00:00:00:00:0" + std::to_string(i); };
+    for (int i = 0; i < 4; ++i) ASSERT_TRUE(macaddr::parse_str(ks::string_view(mac(i)), m[i]));
+    const auto drop_m = [&](int i) { return "-m mac --mac-source " + mac(i) + " -j DROP"; };
+    const auto allow_m = [&](int i) { return "-m mac --mac-source " + mac(i) + " -j WHITELIST"; };
+    ks::firewall_batch fill, change, clear;
+    fill.block(m[0], ips({"192.168.1.5", "fd00::5"}), "FWTEST");
+    fill.block(m[1], ips({"10.0.0.1"}), "FWTEST");
+    fill.block(m[2], ips({"fd00::2", "fd00::3"}), "FWTEST");
+    fill.whitelist(m[3], "FWTEST");
+    change.unblock(m[0], ips({"192.168.1.5", "fd00::5"}), "FWTEST");
+    change.unblock(m[2], ips({"fd00::3"}), "FWTEST");
+    change.block(m[1], ips({"10.0.0.1", "fd00::1"}), "FWTEST");
+    change.unwhitelist(m[3], "FWTEST");
+    change.whitelist(m[0], "FWTEST");
+    change.block(m[3], {}, "FWTEST");
+    change.unblock(m[3], {}, "FWTEST");
+    clear.unblock(mac_, ips({"192.168.1.9", "fd00::9"}), "FWTEST");
+    clear.unblock(m[1], ips({"10.0.0.1", "fd00::1"}), "FWTEST");
+    clear.unblock(m[2], ips({"fd00::2"}), "FWTEST");
+    clear.unwhitelist(m[0], "FWTEST");
+    const std::string changed_v4 = "-d 10.0.0.1/32 -j DROP", changed_v6 = "-d fd00::1/128 -j DROP";
     const struct {
         const char* what;
         std::function<bool()> op;
         std::string expected;
     } steps[] = {
-        {"whitelist", [&] { return ks::whitelist_mac(mac_, "FWTEST"); },
-         expected({"-m mac --mac-source 0a:1b:2c:3d:4e:5f -j WHITELIST"},
-                  {"-m mac --mac-source 0a:1b:2c:3d:4e:5f -j WHITELIST"})},
+        {"whitelist", [&] { return ks::whitelist_mac(mac_, "FWTEST"); }, expected({allow}, {allow})},
         {"unwhitelist", [&] { return ks::unwhitelist_mac(mac_, "FWTEST"); }, expected({}, {})},
-        {"block, no ips", [&] { return ks::block_device(mac_, {}, "FWTEST"); }, expected({drop}, {drop})},
-        {"unblock, no ips", [&] { return ks::unblock_device(mac_, {}, "FWTEST"); }, expected({}, {})},
-        {"block, v4 only", [&] { return ks::block_device(mac_, ips({"192.168.1.5"}), "FWTEST"); },
-         expected({drop, v4}, {drop})},
-        {"block, v6 only", [&] { return ks::block_device(mac_, ips({"fd00::5"}), "FWTEST"); }, mixed_rules},
-        {"block, mixed (already there)", [&] { return ks::block_device(mac_, mixed, "FWTEST"); }, mixed_rules},
+        {"block", [&] { return ks::block_device(mac_, mixed, "FWTEST"); }, mixed_rules},
         {"update, same set", [&] { return ks::update_blocked_ip(mixed, mixed, "FWTEST"); }, mixed_rules},
         {"update, other set", [&] { return ks::update_blocked_ip(mixed, other, "FWTEST"); },
          expected({drop, "-d 10.0.0.1/32 -j DROP"}, {drop, "-d fd00::9/128 -j DROP", "-d fd00::a/128 -j DROP"})},
         {"unblock, other set", [&] { return ks::unblock_device(mac_, other, "FWTEST"); }, expected({}, {})},
+        {"batch: block v4+v6, v4 only, v6 only; whitelist", [&] { return fill.apply(); },
+         expected({drop_m(0), drop_m(1), drop_m(2), allow_m(3), v4, changed_v4},
+                  {drop_m(0), drop_m(1), drop_m(2), allow_m(3), v6, "-d fd00::2/128 -j DROP", "-d fd00::3/128 -j DROP"})},
+        {"batch: unblock some, block others, swap whitelist, undo within the batch", [&] { return change.apply(); },
+         expected({drop_m(1), allow_m(0), changed_v4}, {drop_m(1), allow_m(0), changed_v6, "-d fd00::2/128 -j DROP"})},
+        {"block, for a batch to remove", [&] { return ks::block_device(mac_, ips({"192.168.1.9", "fd00::9"}), "FWTEST"); },
+         expected({drop, drop_m(1), allow_m(0), changed_v4, "-d 192.168.1.9/32 -j DROP"},
+                  {drop, drop_m(1), allow_m(0), changed_v6, "-d fd00::2/128 -j DROP", "-d fd00::9/128 -j DROP"})},
+        {"batch: remove what calls and batches added", [&] { return clear.apply(); }, expected({}, {})},
     };
     for (const auto& step : steps)
         for (int round = 1; round <= 2; ++round) {
             EXPECT_TRUE(step.op()) << step.what << ", round " << round << ": " << ks::_get_kserrno().message_view();
             EXPECT_EQ(step.expected, rules("FWTEST")) << step.what << ", round " << round;
         }
-    EXPECT_EQ("iptables:\nip6tables:\n", rules("WHITELIST"));
+    // A missing restore program is found before either family changes.
+    ASSERT_EQ(0, ::unlink((log_.root() / "bin/ip6tables-restore").c_str()));
+    EXPECT_FALSE(fill.apply());
+    EXPECT_EQ(ks::E_NOENT, ks::_get_kserrno().code);
+    EXPECT_EQ(expected({}, {}), rules("FWTEST"));
 }
 
 TEST_F(FirewallTest, LogsWhatItDoesAndWhyItFailed) {
+    // In a missing chain, removing is only a failed check (nothing to remove); adding fails.
     const std::string out = log_.during([&] {
-        EXPECT_TRUE(ks::whitelist_mac(mac_, "FWTEST"));
-        EXPECT_TRUE(ks::block_device(mac_, ips({"192.168.1.5"}), "FWTEST"));
-        EXPECT_TRUE(ks::unblock_device(mac_, {}, "FWTEST"));
-        EXPECT_TRUE(ks::update_blocked_ip({}, ips({"fd00::5"}), "FWTEST"));
-        // A missing chain: removing from it is only a failed check (nothing to remove); adding fails.
+        EXPECT_FALSE(ks::whitelist_mac(mac_, "NOSUCHCHAIN"));
         EXPECT_TRUE(ks::unwhitelist_mac(mac_, "NOSUCHCHAIN"));
-        EXPECT_FALSE(ks::block_device(mac_, {}, "NOSUCHCHAIN"));
-        EXPECT_FALSE(ks::update_blocked_ip({}, ips({"10.0.0.1"}), "NOSUCHCHAIN"));
+        EXPECT_TRUE(ks::unblock_device(mac_, {}, "NOSUCHCHAIN"));
+        EXPECT_FALSE(ks::block_device(mac_, ips({"192.168.1.5"}), "NOSUCHCHAIN"));
+        EXPECT_FALSE(ks::update_blocked_ip({}, ips({"fd00::5"}), "NOSUCHCHAIN"));
         EXPECT_EQ(ks::E_SYSTEM, ks::_get_kserrno().code);
         ks::firewall_batch batch;
         batch.unwhitelist(mac_, "NOSUCHCHAIN");
@@ -143,15 +150,16 @@ TEST_F(FirewallTest, LogsWhatItDoesAndWhyItFailed) {
         EXPECT_EQ(ks::E_SYSTEM, ks::_get_kserrno().code);
     });
     for (const char* record : {
+             "Adding whitelist rule for mac 0a:1b:2c:3d:4e:5f in chain NOSUCHCHAIN",
+             "Failed to whitelist device with mac=\"0a:1b:2c:3d:4e:5f\": *",
+             "Removing whitelist rule for mac 0a:1b:2c:3d:4e:5f in chain NOSUCHCHAIN",
+             "Removing block rule for mac 0a:1b:2c:3d:4e:5f, ips [] from chain NOSUCHCHAIN",
+             "Adding block rule for mac 0a:1b:2c:3d:4e:5f, ips [192.168.1.5] in chain NOSUCHCHAIN",
+             "Failed to block device with mac=\"0a:1b:2c:3d:4e:5f\": *",
+             "Updating block rule ips from [] to [fd00::5] in chain NOSUCHCHAIN",
+             "Failed to update ips: *",
              "Adding block rule for mac 0a:1b:2c:3d:4e:5f, ips [fd00::7] in chain NOSUCHCHAIN",
              "Failed to unwhitelist device with mac=\"0a:1b:2c:3d:4e:5f\": *iptables-restore failed with status 1: *",
-             "Adding whitelist rule for mac 0a:1b:2c:3d:4e:5f in chain FWTEST",
-             "Adding block rule for mac 0a:1b:2c:3d:4e:5f, ips [192.168.1.5] in chain FWTEST",
-             "Removing block rule for mac 0a:1b:2c:3d:4e:5f, ips [] from chain FWTEST",
-             "Updating block rule ips from [] to [fd00::5] in chain FWTEST",
-             "Removing whitelist rule for mac 0a:1b:2c:3d:4e:5f in chain NOSUCHCHAIN",
-             "Failed to block device with mac=\"0a:1b:2c:3d:4e:5f\": *",
-             "Failed to update ips: *",
          })
         EXPECT_TRUE(kstest::has_record(out, record)) << record << "\n" << out;
 }
@@ -159,15 +167,11 @@ TEST_F(FirewallTest, LogsWhatItDoesAndWhyItFailed) {
 TEST_F(FirewallTest, ChainNamesThatReachTheShellAreRefusedBeforeAnythingRuns) {
     const std::string marker = log_.root() / "injected";
     const std::string touch = "touch " + marker;
-    for (const std::string& chain :
-         {"FWTEST;" + touch, "$(" + touch + ")", "`" + touch + "`", "FWTEST " + touch, "FWTEST\n" + touch,
-          std::string("FWTEST|sh"), std::string(""), std::string("-F"), std::string(29, 'A')}) {
+    for (const std::string& chain : {"FWTEST;" + touch, "$(" + touch + ")", "`" + touch + "`", "FWTEST\n" + touch,
+                                     std::string(""), std::string("-F"), std::string(29, 'A')}) {
+        // The per-device calls share one script builder; a batch checks its chains on its own.
         for (const auto& op : std::vector<std::function<bool()>>{
-                 [&] { return ks::whitelist_mac(mac_, chain); },
-                 [&] { return ks::unwhitelist_mac(mac_, chain); },
                  [&] { return ks::block_device(mac_, ips({"192.168.1.5"}), chain); },
-                 [&] { return ks::unblock_device(mac_, ips({"192.168.1.5"}), chain); },
-                 [&] { return ks::update_blocked_ip({}, ips({"fd00::1"}), chain); },
                  [&] {
                      ks::firewall_batch batch;
                      batch.block(mac_, ips({"192.168.1.5"}), "FWTEST");
@@ -185,67 +189,6 @@ TEST_F(FirewallTest, ChainNamesThatReachTheShellAreRefusedBeforeAnythingRuns) {
     // The longest name allowed passes the check and reaches iptables, which has no such chain.
     EXPECT_FALSE(ks::whitelist_mac(mac_, std::string(28, 'A')));
     EXPECT_EQ(ks::E_SYSTEM, ks::_get_kserrno().code);
-}
-
-TEST_F(FirewallTest, BatchesEndWithExactlyTheRulesAskedForWhenAppliedTwice) {
-    macaddr m[4];
-    const auto mac = [](int i) { return "02:00:00:00:00:0" + std::to_string(i); };
-    for (int i = 0; i < 4; ++i) ASSERT_TRUE(macaddr::parse_str(ks::string_view(mac(i)), m[i]));
-    const auto drop = [&](int i) { return "-m mac --mac-source " + mac(i) + " -j DROP"; };
-    const auto allow = [&](int i) { return "-m mac --mac-source " + mac(i) + " -j WHITELIST"; };
-    const struct {
-        const char* what;
-        std::function<void(ks::firewall_batch&)> fill;
-        std::string expected;
-    } steps[] = {
-        {"block v4+v6, v4 only, v6 only; whitelist",
-         [&](ks::firewall_batch& b) {
-             b.block(m[0], ips({"192.168.1.5", "fd00::5"}), "FWTEST");
-             b.block(m[1], ips({"10.0.0.1"}), "FWTEST");
-             b.block(m[2], ips({"fd00::2", "fd00::3"}), "FWTEST");
-             b.whitelist(m[3], "FWTEST");
-         },
-         expected({drop(0), drop(1), drop(2), allow(3), "-d 192.168.1.5/32 -j DROP", "-d 10.0.0.1/32 -j DROP"},
-                  {drop(0), drop(1), drop(2), allow(3), "-d fd00::5/128 -j DROP", "-d fd00::2/128 -j DROP",
-                   "-d fd00::3/128 -j DROP"})},
-        {"unblock some, block others, swap whitelist, undo within the batch",
-         [&](ks::firewall_batch& b) {
-             b.unblock(m[0], ips({"192.168.1.5", "fd00::5"}), "FWTEST");
-             b.unblock(m[2], ips({"fd00::3"}), "FWTEST");
-             b.block(m[1], ips({"10.0.0.1", "fd00::1"}), "FWTEST");
-             b.unwhitelist(m[3], "FWTEST");
-             b.whitelist(m[0], "FWTEST");
-             b.block(m[3], {}, "FWTEST");
-             b.unblock(m[3], {}, "FWTEST");
-         },
-         expected({drop(1), allow(0), "-d 10.0.0.1/32 -j DROP"},
-                  {drop(1), allow(0), "-d fd00::1/128 -j DROP", "-d fd00::2/128 -j DROP"})},
-        {"v6 address only", [&](ks::firewall_batch& b) { b.unblock(m[2], ips({"fd00::2"}), "FWTEST"); },
-         expected({drop(1), allow(0), "-d 10.0.0.1/32 -j DROP"}, {drop(1), allow(0), "-d fd00::1/128 -j DROP"})},
-    };
-    for (const auto& step : steps) {
-        ks::firewall_batch batch;
-        step.fill(batch);
-        for (int round = 1; round <= 2; ++round) {
-            EXPECT_TRUE(batch.apply()) << step.what << ", round " << round << ": " << ks::_get_kserrno().message_view();
-            EXPECT_EQ(step.expected, rules("FWTEST")) << step.what << ", round " << round;
-        }
-    }
-    // Rules the per-device calls made are found and removed by a batch, and a missing restore
-    // program is found before either family changes.
-    ASSERT_TRUE(ks::block_device(mac_, ips({"192.168.1.9", "fd00::9"}), "FWTEST"));
-    ks::firewall_batch batch;
-    batch.unblock(mac_, ips({"192.168.1.9", "fd00::9"}), "FWTEST");
-    batch.unblock(m[1], ips({"10.0.0.1", "fd00::1"}), "FWTEST");
-    batch.unwhitelist(m[0], "FWTEST");
-    ASSERT_EQ(0, ::unlink((log_.root() / "bin/ip6tables-restore").c_str()));
-    const std::string before = rules("FWTEST");
-    EXPECT_FALSE(batch.apply());
-    EXPECT_EQ(ks::E_NOENT, ks::_get_kserrno().code);
-    EXPECT_EQ(before, rules("FWTEST"));
-    ASSERT_EQ(0, link_program("ip6tables-restore"));
-    EXPECT_TRUE(batch.apply()) << ks::_get_kserrno().message_view();
-    EXPECT_EQ(expected({}, {}), rules("FWTEST"));
 }
 
 }  // namespace
