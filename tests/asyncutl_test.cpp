@@ -51,7 +51,6 @@ struct Harness {
             return accept;
         });
     }
-    // Ticks until `done` holds or `limit` has passed.
     void spin(std::chrono::milliseconds limit, const std::function<bool()>& done = [] { return false; }) {
         for (auto end = clock_type::now() + limit; !done() && clock_type::now() < end;) loop.tick(10ms);
     }
@@ -70,8 +69,10 @@ Request request(int attempt, std::function<bool(const void*)> handler = nullptr,
     return r;
 }
 
-TEST(RequestRuntime, RefusedSendIsRetriedAfterTheBackOff) {
+TEST(RequestRuntime, SendsRetriesAnswersAndGroups) {
     Harness h;
+    int completed = 0;
+    // A refused send is retried after the back-off; attempt 0 is sent at once, and never again.
     h.accept = false;
     ASSERT_GE(h.runtime.run(request(1), nullptr), 0);
     h.spin(8s, [&] { return h.sends.size() >= 2; });
@@ -79,13 +80,7 @@ TEST(RequestRuntime, RefusedSendIsRetriedAfterTheBackOff) {
     EXPECT_GE(h.sends[1] - h.sends[0], 2s);
     h.runtime.cancel();
     EXPECT_FALSE(h.loop.tick(0ms)) << "no timer left";
-}
-
-TEST(RequestRuntime, SendsAnswersAndGroups) {
-    Harness h;
-    int completed = 0;
-    // attempt 0: sent at once, and a refused send is never repeated.
-    h.accept = false;
+    h.sends.clear();
     ASSERT_GE(h.runtime.run(request(0), [&] { return ++completed; }), 0);
     h.spin(300ms);
     EXPECT_EQ(1u, h.sends.size());

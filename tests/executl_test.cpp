@@ -68,32 +68,8 @@ TEST(ExecCommand, WaitedResultsAndTheirErrors) {
     EXPECT_EQ("", ks::command_to_str(nullptr));
 }
 
-TEST(ExecCommand, BackgroundChildGetsItsOwnGroupAndDetachedOneItsOwnSession) {
-    kstest::TempDir dir;
-    const char* sleeper[] = {"sleep", "30", nullptr};
-    ks::exec_command_ctx ctx;
-    ctx.wait = false;
-    ASSERT_EQ(0, ks::exec_command(sleeper, ctx));
-    EXPECT_FALSE(ctx.has_result);
-    ASSERT_GT(ctx.pid, 0);
-    EXPECT_TRUE(kstest::wait_until([&] { return kstest::proc_stat(ctx.pid).pgrp == ctx.pid; }));
-    EXPECT_EQ(::getsid(0), kstest::proc_stat(ctx.pid).session);
-    ::kill(ctx.pid, SIGKILL);
-    ::waitpid(ctx.pid, nullptr, 0);
-
-    const std::string out = dir / "ids";
-    const std::string script = "echo $$ > " + out + ".tmp && mv " + out + ".tmp " + out + "; sleep 30";
-    const char* detached[] = {"sh", "-c", script.c_str(), nullptr};
-    ctx.detach = true;
-    ASSERT_EQ(0, ks::exec_command(detached, ctx));
-    ASSERT_TRUE(kstest::wait_until([&] { return ::access(out.c_str(), F_OK) == 0; }));
-    const pid_t grandchild = std::stoi(kstest::read_file(out));
-    EXPECT_NE(::getsid(0), kstest::proc_stat(grandchild).session) << "left our session";
-    EXPECT_EQ(0, kstest::zombie_children()) << "the intermediate child is collected";
-    ::kill(grandchild, SIGKILL);
-}
-
-TEST(ExecCommand, ChildSeesExactlyTheDescriptorsItWasGiven) {
+// What the child inherits: the descriptors it was given, and a group or session of its own.
+TEST(ExecCommand, ChildSeesItsDescriptorsGroupAndSession) {
     kstest::TempDir dir;
     const std::string listing = dir / "fds", kept = dir / "kept";
     const int out = ::open(listing.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
@@ -108,6 +84,27 @@ TEST(ExecCommand, ChildSeesExactlyTheDescriptorsItWasGiven) {
     EXPECT_EQ("0 /dev/null\n1 " + listing + "\n2 /dev/null\n" + std::to_string(keep) + " " + kept + "\n",
               kstest::read_file(listing));
     for (int fd : {out, keep, stray}) ::close(fd);
+
+    const char* sleeper[] = {"sleep", "30", nullptr};
+    ks::exec_command_ctx background;
+    background.wait = false;
+    ASSERT_EQ(0, ks::exec_command(sleeper, background));
+    EXPECT_FALSE(background.has_result);
+    ASSERT_GT(background.pid, 0);
+    EXPECT_TRUE(kstest::wait_until([&] { return kstest::proc_stat(background.pid).pgrp == background.pid; }));
+    EXPECT_EQ(::getsid(0), kstest::proc_stat(background.pid).session);
+    ::kill(background.pid, SIGKILL);
+    ::waitpid(background.pid, nullptr, 0);
+
+    const std::string ids = dir / "ids", script = "echo $$ > " + ids + ".tmp && mv " + ids + ".tmp " + ids + "; sleep 30";
+    const char* detached[] = {"sh", "-c", script.c_str(), nullptr};
+    background.detach = true;
+    ASSERT_EQ(0, ks::exec_command(detached, background));
+    ASSERT_TRUE(kstest::wait_until([&] { return ::access(ids.c_str(), F_OK) == 0; }));
+    const pid_t grandchild = std::stoi(kstest::read_file(ids));
+    EXPECT_NE(::getsid(0), kstest::proc_stat(grandchild).session) << "left our session";
+    EXPECT_EQ(0, kstest::zombie_children()) << "the intermediate child is collected";
+    ::kill(grandchild, SIGKILL);
 }
 
 TEST(ExecScript, StatusesOutputsAndTimeLimit) {

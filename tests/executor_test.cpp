@@ -89,19 +89,15 @@ TEST(Executor, DispatchRules) {
     ks::Executor loop;
     EXPECT_FALSE(loop.tick(10ms)) << "nothing registered";
 
-    // Readable only by error or hang-up: never dispatched, still registered.
-    for (bool watch_read_end : {true, false}) {
-        int p[2];
-        ASSERT_EQ(::pipe2(p, O_NONBLOCK | O_CLOEXEC), 0);
-        const int watched = p[watch_read_end ? 0 : 1];
-        int calls = 0;
-        ASSERT_EQ(loop.add(watched, EPOLLIN, [&] { return ++calls, 0; }), 0);
-        ::close(p[watch_read_end ? 1 : 0]);  // EPOLLHUP on the read end, EPOLLERR on the write end
-        EXPECT_TRUE(loop.tick(0ms));
-        EXPECT_EQ(calls, 0) << (watch_read_end ? "EPOLLHUP" : "EPOLLERR");
-        EXPECT_EQ(loop.del(watched), 0);
-        ::close(watched);
-    }
+    // Readable only by hang-up (a pipe's read end without writer): never dispatched, still
+    // registered.
+    int p[2];
+    ASSERT_EQ(::pipe2(p, O_NONBLOCK | O_CLOEXEC), 0);
+    ::close(p[1]);
+    ASSERT_EQ(loop.add(p[0], EPOLLIN, [] { return ADD_FAILURE(), 0; }), 0);
+    EXPECT_TRUE(loop.tick(0ms));
+    EXPECT_EQ(loop.del(p[0]), 0);
+    ::close(p[0]);
 
     // Readable and writable at once: one call per tick; only -1 unregisters, closing nothing.
     for (int result : {0, 1, 42, -2, -1}) {
@@ -191,7 +187,6 @@ TEST(Executor, TimersFollowTheCallbackResultAndTheHelpers) {
     EXPECT_EQ(loop.del(once), 0);
     EXPECT_FALSE(is_open(once));
 
-    // The helpers on their own.
     EXPECT_EQ(ks::timer_init(static_cast<ks::timer_type>(2)), -1);
     EXPECT_EQ(ks::_get_kserrno().code, ks::E_INVAL);
     const int fd = ks::timer_init(ks::timer_type::realtime);
@@ -210,14 +205,11 @@ TEST(Executor, TimersFollowTheCallbackResultAndTheHelpers) {
 }
 
 TEST(EpollEventsToString, ModifiersThenEvents) {
-    const std::pair<unsigned, const char*> cases[] = {
-        {0, "MODS: (none), EVENTS: (none)"},
-        {EPOLLHUP | EPOLLERR | EPOLLPRI | EPOLLRDHUP | EPOLLOUT | EPOLLIN, "MODS: (none), EVENTS: IN OUT RDHUP PRI ERR HUP"},
-        // Unnamed bits (MSG, RDNORM) are left out.
-        {EPOLLEXCLUSIVE | EPOLLWAKEUP | EPOLLONESHOT | EPOLLET | EPOLLMSG | EPOLLRDNORM,
-         "MODS: ET ONESHOT WAKEUP EXCLUSIVE, EVENTS: (none)"},
-    };
-    for (const auto& [events, text] : cases) EXPECT_STREQ(ks::epoll_events_to_string(events), text) << events;
+    EXPECT_STREQ(ks::epoll_events_to_string(0), "MODS: (none), EVENTS: (none)");
+    // Every named bit, and two unnamed ones (MSG, RDNORM) that are left out.
+    const unsigned all = EPOLLEXCLUSIVE | EPOLLWAKEUP | EPOLLONESHOT | EPOLLET | EPOLLHUP | EPOLLERR | EPOLLPRI |
+                         EPOLLRDHUP | EPOLLOUT | EPOLLIN | EPOLLMSG | EPOLLRDNORM;
+    EXPECT_STREQ(ks::epoll_events_to_string(all), "MODS: ET ONESHOT WAKEUP EXCLUSIVE, EVENTS: IN OUT RDHUP PRI ERR HUP");
     const char* mine = ks::epoll_events_to_string(EPOLLIN);
     std::thread([] { ks::epoll_events_to_string(EPOLLOUT); }).join();
     EXPECT_STREQ(mine, "MODS: (none), EVENTS: IN") << "the buffer belongs to the calling thread";

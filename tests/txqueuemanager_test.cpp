@@ -26,7 +26,6 @@ struct Connection : kstest::SocketPair {
         const int small = 4096;
         ::setsockopt(ours, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     }
-    // Reads `n` bytes in small, slow pieces.
     std::string read_slowly(size_t n) const {
         std::string got;
         char chunk[3000];
