@@ -54,9 +54,13 @@ struct Harness {
     void spin(std::chrono::milliseconds limit, const std::function<bool()>& done = [] { return false; }) {
         for (auto end = clock_type::now() + limit; !done() && clock_type::now() < end;) loop.tick(10ms);
     }
-    void answer(bool verdict) {
-        auto [fn, ctx] = pending.front();
-        pending.erase(pending.begin());
+    // The transport answers the request for `uri` that it holds.
+    void answer(const std::string& uri, bool verdict) {
+        const auto held = std::find_if(pending.begin(), pending.end(),
+                                       [&](const auto& p) { return static_cast<const Request*>(p.second)->uri == uri; });
+        ASSERT_NE(pending.end(), held) << uri;
+        const auto [fn, ctx] = *held;
+        pending.erase(held);
         fn(ctx, &verdict);
     }
 };
@@ -86,57 +90,38 @@ TEST(RequestRuntime, SendsRetriesAnswersAndGroups) {
     EXPECT_EQ(1u, h.sends.size());
     h.runtime.cancel();
 
-    // A response the handler refuses makes a new send; the group completes once, after its
-    // last request.
+    // The transport reads each request through its context. A response the handler refuses
+    // makes a new send; a group completes once, after its last request; a request cancelled
+    // while the transport holds it stays readable, and its late answer runs nothing.
     h.accept = true;
     h.sends.clear();
+    int handled = 0, cancelled_completed = 0;
     std::list<Request> group;
-    group.push_back(request(0, [](const void* r) { return *static_cast<const bool*>(r); }));
-    group.push_back(request(0, [](const void*) { return true; }));
-    ASSERT_GE(h.runtime.run(std::move(group), [&] { return ++completed; }), 0);
-    h.spin(50ms);
-    ASSERT_EQ(2u, h.pending.size());
-    h.answer(false);
-    h.spin(50ms);
-    EXPECT_EQ(3u, h.sends.size()) << "sent again after the refused response";
-    h.answer(true);  // the second request
-    EXPECT_EQ(0, completed);
-    h.answer(true);  // the first, again
-    EXPECT_EQ(1, completed);
-    EXPECT_EQ(0u, h.runtime.outstanding());
-    EXPECT_EQ(0u, h.runtime.groups());
-}
-
-// The transport reads the request through its context; a request cancelled while the
-// transport holds it stays readable, and its late answer runs nothing.
-TEST(RequestRuntime, ContextIsTheRequestAndOutlivesItsCancel) {
-    Harness h;
-    const auto seen = [](void* ctx) {
-        const auto* r = static_cast<const Request*>(ctx);
-        return fmt::format("{} {} {}", r->id, r->tag, r->uri);
-    };
-    int handled = 0, completed = 0;
-    std::list<Request> first;
-    first.push_back(request(0, nullptr, "svc://a"));
-    first.push_back(request(0, nullptr, "svc://b"));
-    ASSERT_EQ(0, h.runtime.run(std::move(first), nullptr));
-    ASSERT_EQ(1, h.runtime.run(request(0, [&](const void*) { return ++handled; }, "svc://c"),
-                               [&] { return ++completed; }));
+    group.push_back(request(0, [](const void* r) { return *static_cast<const bool*>(r); }, "svc://a"));
+    group.push_back(request(0, nullptr, "svc://b"));
+    ASSERT_EQ(2, h.runtime.run(std::move(group), [&] { return ++completed; }));
+    ASSERT_EQ(3, h.runtime.run(request(0, [&](const void*) { return ++handled; }, "svc://c"),
+                               [&] { return ++cancelled_completed; }));
     h.spin(50ms);
     std::set<std::string> sent;
-    for (const auto& p : h.pending) sent.insert(seen(p.second));
-    EXPECT_EQ((std::set<std::string>{"0 0 svc://a", "1 0 svc://b", "2 1 svc://c"}), sent);
-
-    h.runtime.cancel(1);
-    const auto late = std::find_if(h.pending.begin(), h.pending.end(),
-                                   [](const auto& p) { return static_cast<const Request*>(p.second)->id == 2; });
-    ASSERT_NE(h.pending.end(), late);
-    EXPECT_EQ("2 1 svc://c", seen(late->second)) << "still held by the transport";
-    const bool yes = true;
-    late->first(late->second, &yes);
+    for (const auto& [fn, ctx] : h.pending) {
+        const auto* r = static_cast<const Request*>(ctx);
+        sent.insert(fmt::format("{} {} {}", r->id, r->tag, r->uri));
+    }
+    EXPECT_EQ((std::set<std::string>{"2 2 svc://a", "3 2 svc://b", "4 3 svc://c"}), sent);
+    h.runtime.cancel(3);
+    h.answer("svc://c", true);  // found by its uri: still readable
     EXPECT_EQ(0, handled);
+    h.answer("svc://a", false);
+    h.spin(50ms);
+    EXPECT_EQ(4u, h.sends.size()) << "sent again after the refused response";
+    h.answer("svc://b", true);
     EXPECT_EQ(0, completed);
-    EXPECT_EQ(2u, h.runtime.outstanding());
+    h.answer("svc://a", true);
+    EXPECT_EQ(1, completed);
+    EXPECT_EQ(0, cancelled_completed);
+    EXPECT_EQ(0u, h.runtime.outstanding());
+    EXPECT_EQ(0u, h.runtime.groups());
 }
 
 TEST(RequestRuntime, MistakesAreRefusedAndLogged) {

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <random>
@@ -107,14 +106,13 @@ TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
         for (char& c : s) c = uniform(0, 15) == 0 ? '\n' : static_cast<char>(uniform(1, 255));  // no NUL
         return s;
     };
-    std::deque<char> model;  // what the buffer must hold, oldest first
-    std::string in_flight;   // written by the peer, not received yet
+    std::string model;      // what the buffer must hold, oldest first
+    std::string in_flight;  // written by the peer, not received yet
     size_t capacity = kInitial, refused = 0;
     auto room = [&] {  // grows the model like the buffer: doubling, only when full
         if (model.size() < capacity) return true;
         return capacity < kMaximum ? (capacity *= 2, true) : (++refused, false);
     };
-    auto take = [&](size_t n) { model.erase(model.begin(), model.begin() + static_cast<long>(n)); };
 
     for (int step = 0; step < 40000; ++step) {
         SCOPED_TRACE(step);
@@ -124,19 +122,16 @@ TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
             const std::string data = random_bytes(uniform(0, 100));
             const size_t taken = room() ? std::min(data.size(), capacity - model.size()) : 0;
             ASSERT_EQ(put(b, data), taken);
-            model.insert(model.end(), data.begin(), data.begin() + static_cast<long>(taken));
+            model += data.substr(0, taken);
         } else if (op == 'G') {
-            const std::string message = get(b);
-            const auto delimiter = std::find(model.begin(), model.end(), '\n');
-            ASSERT_EQ(message, delimiter == model.end() ? "<null>" : std::string(model.begin(), delimiter));
-            if (delimiter != model.end()) take(delimiter - model.begin() + 1);
+            const size_t delimiter = model.find('\n');
+            ASSERT_EQ(get(b), delimiter == std::string::npos ? "<null>" : model.substr(0, delimiter));
+            if (delimiter != std::string::npos) model.erase(0, delimiter + 1);
         } else if (op == 'S') {
             const long sent = b.send(sp.ours, MSG_NOSIGNAL);
-            const std::string arrived = sp.drain_peer();
             ASSERT_EQ(sent > 0, !model.empty());
-            ASSERT_EQ(arrived.size(), static_cast<size_t>(std::max(sent, 0L)));
-            ASSERT_TRUE(std::equal(arrived.begin(), arrived.end(), model.begin()));
-            take(arrived.size());
+            ASSERT_EQ(sp.drain_peer(), model.substr(0, static_cast<size_t>(std::max(sent, 0L))));
+            model.erase(0, static_cast<size_t>(std::max(sent, 0L)));
         } else if (op == 'W') {
             const std::string data = random_bytes(uniform(1, 120));
             ASSERT_EQ(::write(sp.peer, data.data(), data.size()), static_cast<ssize_t>(data.size()));
@@ -149,7 +144,7 @@ TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
             } else {
                 ASSERT_GT(got, 0);
                 ASSERT_LE(static_cast<size_t>(got), in_flight.size());
-                model.insert(model.end(), in_flight.begin(), in_flight.begin() + got);
+                model += in_flight.substr(0, static_cast<size_t>(got));
                 in_flight.erase(0, static_cast<size_t>(got));
             }
         }
