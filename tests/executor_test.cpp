@@ -181,7 +181,6 @@ TEST(Executor, TimersFollowTheCallbackResultAndTheHelpers) {
     EXPECT_EQ(fired, 1);
     ASSERT_EQ(loop.update_timer(once, 1h, 0ms), 0);
     ASSERT_EQ(loop.update_timer(once, 10ms, 0ms), 0) << "re-arms a running timer too";
-    EXPECT_LE(timer_ms(once, false), 10);
     tick_until(loop, [&] { return fired == 2; });
     EXPECT_EQ(fired, 2);
     EXPECT_EQ(loop.del(once), 0);
