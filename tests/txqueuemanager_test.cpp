@@ -145,9 +145,10 @@ TEST(TxQueueManager, RemoveDuringSendsReleasesOnceAndSendsNothingAfter) {
         const int large = 1 << 20;  // long sends: remove() is likely to land in one
         ::setsockopt(c.ours, SOL_SOCKET, SO_SNDBUF, &large, sizeof large);
         std::atomic<bool> stop{false};
-        std::thread reader([&] {
+        std::thread reader([&] {  // the socket does not block: poll, until the end of the stream
             char sink[65536];
-            while (!stop && ::recv(c.peer, sink, sizeof sink, 0) > 0) continue;
+            for (pollfd p{c.peer, POLLIN, 0}; !stop && ::poll(&p, 1, 10) >= 0;)
+                if (::recv(c.peer, sink, sizeof sink, 0) == 0) break;
         });
         for (int i = 0; i < 16; ++i, ++queued) ASSERT_TRUE(m.add(c.ours, released.buffer(bytes)));
         std::this_thread::sleep_for(std::chrono::microseconds(20 * round));
