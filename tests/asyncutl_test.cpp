@@ -14,6 +14,7 @@
 
 namespace {
 
+using namespace std::chrono_literals;
 using ks::async::Request;
 using ks::async::RequestRuntime;
 using clock_type = std::chrono::steady_clock;
@@ -23,7 +24,7 @@ TEST(Request, BackOffTable) {
         int attempt;
         long long ms;
         int next;
-    } cases[] = {{0, 0, 0}, {1, 2000, 2}, {9, 512000, 10}, {10, 1024000, 10}, {30, 1024000, 30}, {62, 1024000, 62}};
+    } cases[] = {{0, 0, 0}, {1, 2000, 2}, {9, 512000, 10}, {10, 1024000, 10}, {62, 1024000, 62}};
     for (const auto& c : cases) {
         Request r;
         r.attempt = c.attempt;
@@ -50,13 +51,17 @@ struct Harness {
             return accept;
         });
     }
-    void spin(std::chrono::milliseconds how_long) {
-        for (auto end = clock_type::now() + how_long; clock_type::now() < end;) loop.tick(std::chrono::milliseconds(10));
+    void spin(std::chrono::milliseconds limit, const std::function<bool()>& done = [] { return false; }) {
+        for (auto end = clock_type::now() + limit; !done() && clock_type::now() < end;) loop.tick(10ms);
     }
-    void answer(const void* response) {
-        auto [fn, ctx] = pending.front();
-        pending.erase(pending.begin());
-        fn(ctx, response);
+    // The transport answers the request for `uri` that it holds.
+    void answer(const std::string& uri, bool verdict) {
+        const auto held = std::find_if(pending.begin(), pending.end(),
+                                       [&](const auto& p) { return static_cast<const Request*>(p.second)->uri == uri; });
+        ASSERT_NE(pending.end(), held) << uri;
+        const auto [fn, ctx] = *held;
+        pending.erase(held);
+        fn(ctx, &verdict);
     }
 };
 
@@ -68,95 +73,66 @@ Request request(int attempt, std::function<bool(const void*)> handler = nullptr,
     return r;
 }
 
-TEST(RequestRuntime, RefusedSendIsRetriedAfterTheBackOff) {
-    Harness h;
-    h.accept = false;
-    ASSERT_GE(h.runtime.run(request(1), nullptr), 0);
-    for (auto end = clock_type::now() + std::chrono::seconds(8); h.sends.size() < 2 && clock_type::now() < end;)
-        h.loop.tick(std::chrono::milliseconds(100));
-    ASSERT_EQ(2u, h.sends.size());
-    EXPECT_GE(h.sends[1] - h.sends[0], std::chrono::seconds(2));
-    h.runtime.cancel();
-    EXPECT_FALSE(h.loop.tick(std::chrono::milliseconds(0))) << "no timer left";
-}
-
-TEST(RequestRuntime, SendsAnswersAndGroups) {
+TEST(RequestRuntime, SendsRetriesAnswersAndGroups) {
     Harness h;
     int completed = 0;
-    // attempt 0: sent at once, and a refused send is never repeated.
+    // A refused send is retried after the back-off; attempt 0 is sent at once, and never again.
     h.accept = false;
+    ASSERT_GE(h.runtime.run(request(1), nullptr), 0);
+    h.spin(8s, [&] { return h.sends.size() >= 2; });
+    ASSERT_EQ(2u, h.sends.size());
+    EXPECT_GE(h.sends[1] - h.sends[0], 2s);
+    h.runtime.cancel();
+    EXPECT_FALSE(h.loop.tick(0ms)) << "no timer left";
+    h.sends.clear();
     ASSERT_GE(h.runtime.run(request(0), [&] { return ++completed; }), 0);
-    h.spin(std::chrono::milliseconds(300));
+    h.spin(300ms);
     EXPECT_EQ(1u, h.sends.size());
     h.runtime.cancel();
 
-    // A response the handler refuses makes a new send; the group completes once, after its
-    // last request.
+    // The transport reads each request through its context. A response the handler refuses
+    // makes a new send; a group completes once, after its last request; a request cancelled
+    // while the transport holds it stays readable, and its late answer runs nothing.
     h.accept = true;
     h.sends.clear();
-    int verdicts = 0;
+    int handled = 0, cancelled_completed = 0;
     std::list<Request> group;
-    group.push_back(request(0, [&](const void* r) { return ++verdicts, *static_cast<const bool*>(r); }));
-    group.push_back(request(0, [](const void*) { return true; }));
-    const int tag = h.runtime.run(std::move(group), [&] { return ++completed; });
-    h.spin(std::chrono::milliseconds(50));
-    ASSERT_EQ(2u, h.pending.size());
-    const bool no = false, yes = true;
-    h.answer(&no);
-    h.spin(std::chrono::milliseconds(50));
-    EXPECT_EQ(3u, h.sends.size()) << "sent again after the refused response";
-    h.answer(&yes);  // the second request
+    group.push_back(request(0, [](const void* r) { return *static_cast<const bool*>(r); }, "svc://a"));
+    group.push_back(request(0, nullptr, "svc://b"));
+    ASSERT_EQ(2, h.runtime.run(std::move(group), [&] { return ++completed; }));
+    ASSERT_EQ(3, h.runtime.run(request(0, [&](const void*) { return ++handled; }, "svc://c"),
+                               [&] { return ++cancelled_completed; }));
+    h.spin(50ms);
+    std::set<std::string> sent;
+    for (const auto& [fn, ctx] : h.pending) {
+        const auto* r = static_cast<const Request*>(ctx);
+        sent.insert(fmt::format("{} {} {}", r->id, r->tag, r->uri));
+    }
+    EXPECT_EQ((std::set<std::string>{"2 2 svc://a", "3 2 svc://b", "4 3 svc://c"}), sent);
+    h.runtime.cancel(3);
+    h.answer("svc://c", true);  // found by its uri: still readable
+    EXPECT_EQ(0, handled);
+    h.answer("svc://a", false);
+    h.spin(50ms);
+    EXPECT_EQ(4u, h.sends.size()) << "sent again after the refused response";
+    h.answer("svc://b", true);
     EXPECT_EQ(0, completed);
-    h.answer(&yes);  // the first, again
+    h.answer("svc://a", true);
     EXPECT_EQ(1, completed);
+    EXPECT_EQ(0, cancelled_completed);
     EXPECT_EQ(0u, h.runtime.outstanding());
     EXPECT_EQ(0u, h.runtime.groups());
-    EXPECT_GE(tag, 0);
-}
-
-// The transport reads the request through its context; a request cancelled while the
-// transport holds it stays readable, and its late answer runs nothing.
-TEST(RequestRuntime, ContextIsTheRequestAndOutlivesItsCancel) {
-    Harness h;
-    const auto seen = [](void* ctx) {
-        const auto* r = static_cast<const Request*>(ctx);
-        return fmt::format("{} {} {}", r->id, r->tag, r->uri);
-    };
-    int handled = 0, completed = 0;
-    std::list<Request> first;
-    first.push_back(request(0, nullptr, "svc://a"));
-    first.push_back(request(0, nullptr, "svc://b"));
-    ASSERT_EQ(0, h.runtime.run(std::move(first), nullptr));
-    ASSERT_EQ(1, h.runtime.run(request(0, [&](const void*) { return ++handled; }, "svc://c"),
-                               [&] { return ++completed; }));
-    h.spin(std::chrono::milliseconds(50));
-    std::set<std::string> sent;
-    for (const auto& p : h.pending) sent.insert(seen(p.second));
-    EXPECT_EQ((std::set<std::string>{"0 0 svc://a", "1 0 svc://b", "2 1 svc://c"}), sent);
-
-    h.runtime.cancel(1);
-    const auto late = std::find_if(h.pending.begin(), h.pending.end(),
-                                   [](const auto& p) { return static_cast<const Request*>(p.second)->id == 2; });
-    ASSERT_NE(h.pending.end(), late);
-    EXPECT_EQ("2 1 svc://c", seen(late->second)) << "still held by the transport";
-    const bool yes = true;
-    late->first(late->second, &yes);
-    EXPECT_EQ(0, handled);
-    EXPECT_EQ(0, completed);
-    EXPECT_EQ(2u, h.runtime.outstanding());
 }
 
 TEST(RequestRuntime, MistakesAreRefusedAndLogged) {
     kstest::LogCapture log("asyncutl_test");
     Harness h;
-    Request empty = request(0);
-    empty.uri.clear();
     std::list<Request> mixed;
     mixed.push_back(request(0));
-    mixed.push_back(std::move(empty));
+    mixed.push_back(request(0, nullptr, ""));
     const std::string out = log.during([&] {
         EXPECT_EQ(-1, h.runtime.run(std::move(mixed), nullptr));
-        h.spin(std::chrono::milliseconds(50));
+        h.spin(50ms);
         h.runtime.cancel(7);
         h.runtime.cancel_request(99);
         Request stray = request(0);

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <random>
@@ -58,7 +57,10 @@ TEST(ConnectionBuffer, DescriptorIoAndLogRecords) {
          "*]: [sb-ctl] put 2 bytes, new count = 6, capacity = 8\n"},
         {"at maximum", [&] { return long(put(out, "ijk")) * 10 + long(put(out, "l")); }, 20,
          "put on full connection buffer\n*error [cbuffer.cpp:*]: [sb-ctl] cannot exceed maximum capacity of connection buffer\n"},
-        {"send failure", [&] { return out.send(-1, 0); }, -1, "error [cbuffer.cpp:*]: [sb-ctl] failed to send\n"},
+        {"send failure", [&] {  // errno is the system call's, and nothing is taken out
+             const long sent = out.send(-1, 0);
+             return errno == EBADF && out.count == 8 ? sent : -2;
+         }, -1, "error [cbuffer.cpp:*]: [sb-ctl] failed to send\n"},
         {"send", [&] {  // the bytes of the ring grown while wrapped, in order
              const long n = out.send(sp.ours, MSG_NOSIGNAL);
              return sp.drain_peer() == "cdefghij" ? n : -2;
@@ -77,10 +79,6 @@ TEST(ConnectionBuffer, DescriptorIoAndLogRecords) {
              return in.recv(sp.ours, 0);
          }, 0,
          "]: [rb-ctl] recv 1 bytes, new count = 1, capacity = 4\n* info [cbuffer.cpp:*]: [rb-ctl] connection closed by peer\n"},
-        {"send to a closed peer", [&] {
-             const long sent = put(out, "m") == 1 ? out.send(sp.ours, MSG_NOSIGNAL) : -2;
-             return errno == EPIPE && out.count == 1 ? sent : -2;
-         }, -1, "failed to send\n"},
     };
     for (const auto& c : cases) {
         long result = 0;
@@ -98,7 +96,6 @@ TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
     constexpr size_t kInitial = 8, kMaximum = 500;
     kstest::SocketPair sp;
     ks::ConnectionBuffer b(Type::receive, "model");
-    EXPECT_EQ(put(b, "abc"), 0u) << "no storage yet";
     EXPECT_FALSE(b.init(0, 16));
     ASSERT_TRUE(b.init(kInitial, kMaximum));
     EXPECT_FALSE(b.init(4, 8)) << "a second init would lose the storage";
@@ -109,14 +106,13 @@ TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
         for (char& c : s) c = uniform(0, 15) == 0 ? '\n' : static_cast<char>(uniform(1, 255));  // no NUL
         return s;
     };
-    std::deque<char> model;  // what the buffer must hold, oldest first
-    std::string in_flight;   // written by the peer, not received yet
-    size_t capacity = kInitial, refused = 0, wrapped_messages = 0;
+    std::string model;      // what the buffer must hold, oldest first
+    std::string in_flight;  // written by the peer, not received yet
+    size_t capacity = kInitial, refused = 0;
     auto room = [&] {  // grows the model like the buffer: doubling, only when full
         if (model.size() < capacity) return true;
         return capacity < kMaximum ? (capacity *= 2, true) : (++refused, false);
     };
-    auto take = [&](size_t n) { model.erase(model.begin(), model.begin() + static_cast<long>(n)); };
 
     for (int step = 0; step < 40000; ++step) {
         SCOPED_TRACE(step);
@@ -126,20 +122,16 @@ TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
             const std::string data = random_bytes(uniform(0, 100));
             const size_t taken = room() ? std::min(data.size(), capacity - model.size()) : 0;
             ASSERT_EQ(put(b, data), taken);
-            model.insert(model.end(), data.begin(), data.begin() + static_cast<long>(taken));
+            model += data.substr(0, taken);
         } else if (op == 'G') {
-            const bool wrapped = b.count > 0 && b.head >= b.tail;
-            const std::string message = get(b);
-            const auto delimiter = std::find(model.begin(), model.end(), '\n');
-            ASSERT_EQ(message, delimiter == model.end() ? "<null>" : std::string(model.begin(), delimiter));
-            if (delimiter != model.end()) take(delimiter - model.begin() + 1), wrapped_messages += wrapped;
+            const size_t delimiter = model.find('\n');
+            ASSERT_EQ(get(b), delimiter == std::string::npos ? "<null>" : model.substr(0, delimiter));
+            if (delimiter != std::string::npos) model.erase(0, delimiter + 1);
         } else if (op == 'S') {
             const long sent = b.send(sp.ours, MSG_NOSIGNAL);
-            const std::string arrived = sp.drain_peer();
             ASSERT_EQ(sent > 0, !model.empty());
-            ASSERT_EQ(arrived.size(), static_cast<size_t>(std::max(sent, 0L)));
-            ASSERT_TRUE(std::equal(arrived.begin(), arrived.end(), model.begin()));
-            take(arrived.size());
+            ASSERT_EQ(sp.drain_peer(), model.substr(0, static_cast<size_t>(std::max(sent, 0L))));
+            model.erase(0, static_cast<size_t>(std::max(sent, 0L)));
         } else if (op == 'W') {
             const std::string data = random_bytes(uniform(1, 120));
             ASSERT_EQ(::write(sp.peer, data.data(), data.size()), static_cast<ssize_t>(data.size()));
@@ -152,16 +144,14 @@ TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
             } else {
                 ASSERT_GT(got, 0);
                 ASSERT_LE(static_cast<size_t>(got), in_flight.size());
-                model.insert(model.end(), in_flight.begin(), in_flight.begin() + got);
+                model += in_flight.substr(0, static_cast<size_t>(got));
                 in_flight.erase(0, static_cast<size_t>(got));
             }
         }
         ASSERT_EQ(b.count, model.size());
         ASSERT_EQ(b.capacity, capacity);
     }
-    EXPECT_EQ(b.capacity, 512u);
-    EXPECT_GT(refused, 0u);
-    EXPECT_GT(wrapped_messages, 100u);
+    EXPECT_GT(refused, 0u) << "the maximum was reached";
 }
 
 TEST(ConnectionBuffer, ProducerAndConsumerOnTwoThreads) {

@@ -16,7 +16,6 @@
 #include "kslogcapture.h"
 
 using namespace std::chrono_literals;
-using Type = ks::Executor::EventType;
 using kstest::has_record;
 
 namespace {
@@ -58,7 +57,6 @@ TEST(Executor, RegistrationResultsAndLogRecords) {
         {"too large", [&] { return loop->add(1024, EPOLLIN, nop); }, -1, "error [*]: BUG: Can not register fd=1024"},
         {"duplicate", [&] { return loop->add(efd, EPOLLOUT, nop); }, -1, "error [*]: BUG: fd=" + fd + " already tracked"},
         {"refused by the kernel", [&] { return loop->add(file, EPOLLIN, nop); }, -1, "trace [*]: epoll: Add fd="},
-        {"mod", [&] { return loop->mod(efd, EPOLLIN, nullptr); }, 0, "trace [*]: epoll: Modify fd=" + fd},
         {"mod unknown", [&] { return loop->mod(efd + 2, EPOLLIN, nop); }, -1,
          "error [*]: fd=" + next + " was not registered with this executor instance"},
         {"mod too large", [&] { return loop->mod(5000, EPOLLIN, nop); }, -1, "error [*]: fd=5000 was not registered"},
@@ -77,11 +75,8 @@ TEST(Executor, RegistrationResultsAndLogRecords) {
         EXPECT_TRUE(has_record(text, c.record)) << c.what << ":\n" << text;
     }
     EXPECT_EQ(loop->count, 2) << "the refused descriptor is not counted";
-    EXPECT_EQ(loop->events[file].type, Type::none);
 
-    // The first registration survived the duplicate; the destructor reports each leftover once.
-    ASSERT_TRUE(ks::eventfd_notify(efd));
-    EXPECT_TRUE(loop->tick(1000ms));
+    // The destructor reports each leftover once.
     const std::string text = log.during([&] { loop.reset(); });
     const std::string bug = "error [executorutl.cpp:*]: BUG: Please executor->del() all file descriptors on cleanup.";
     EXPECT_TRUE(has_record(text, bug + "\n*" + bug)) << text;
@@ -94,19 +89,15 @@ TEST(Executor, DispatchRules) {
     ks::Executor loop;
     EXPECT_FALSE(loop.tick(10ms)) << "nothing registered";
 
-    // Readable only by error or hang-up: never dispatched, still registered.
-    for (bool watch_read_end : {true, false}) {
-        int p[2];
-        ASSERT_EQ(::pipe2(p, O_NONBLOCK | O_CLOEXEC), 0);
-        const int watched = p[watch_read_end ? 0 : 1];
-        int calls = 0;
-        ASSERT_EQ(loop.add(watched, EPOLLIN, [&] { return ++calls, 0; }), 0);
-        ::close(p[watch_read_end ? 1 : 0]);  // EPOLLHUP on the read end, EPOLLERR on the write end
-        EXPECT_TRUE(loop.tick(0ms));
-        EXPECT_EQ(calls, 0) << (watch_read_end ? "EPOLLHUP" : "EPOLLERR");
-        EXPECT_EQ(loop.del(watched), 0);
-        ::close(watched);
-    }
+    // Readable only by hang-up (a pipe's read end without writer): never dispatched, still
+    // registered.
+    int p[2];
+    ASSERT_EQ(::pipe2(p, O_NONBLOCK | O_CLOEXEC), 0);
+    ::close(p[1]);
+    ASSERT_EQ(loop.add(p[0], EPOLLIN, [] { return ADD_FAILURE(), 0; }), 0);
+    EXPECT_TRUE(loop.tick(0ms));
+    EXPECT_EQ(loop.del(p[0]), 0);
+    ::close(p[0]);
 
     // Readable and writable at once: one call per tick; only -1 unregisters, closing nothing.
     for (int result : {0, 1, 42, -2, -1}) {
@@ -139,12 +130,9 @@ TEST(Executor, DispatchRules) {
     EXPECT_FALSE(loop.tick(1000ms));
     EXPECT_EQ(last, label + "!");
     ::close(efd);
-}
 
-// Whichever of two ready descriptors runs first deletes the other, or replaces its callback:
-// the rest of the batch sees the table as it is now.
-TEST(Executor, DeleteAndReAddInsideABatch) {
-    ks::Executor loop;
+    // Whichever of two ready descriptors runs first deletes the other, or replaces its
+    // callback: the rest of the batch sees the table as it is now.
     const int fds[2] = {new_eventfd(), new_eventfd()};
     for (bool re_add : {true, false}) {
         std::string calls;
@@ -168,7 +156,7 @@ TEST(Executor, DeleteAndReAddInsideABatch) {
     for (int fd : fds) ::close(fd);
 }
 
-TEST(Executor, TimersFollowTheCallbackResult) {
+TEST(Executor, TimersFollowTheCallbackResultAndTheHelpers) {
     ks::Executor loop;
     // A one-hour period: the first call can only come from the immediate first expiry.
     const int results[] = {500, 0, -1};
@@ -184,7 +172,6 @@ TEST(Executor, TimersFollowTheCallbackResult) {
     }
     EXPECT_EQ(loop.count, 0);
     EXPECT_FALSE(ks::timer_is_running(tfd)) << "-1 closed the timer";
-    EXPECT_EQ(ks::_get_kserrno().code, ks::E_SYSTEM);
 
     // One-shot: silent but registered until update_timer re-arms it; del closes it.
     int fired = 0;
@@ -194,14 +181,11 @@ TEST(Executor, TimersFollowTheCallbackResult) {
     EXPECT_EQ(fired, 1);
     ASSERT_EQ(loop.update_timer(once, 1h, 0ms), 0);
     ASSERT_EQ(loop.update_timer(once, 10ms, 0ms), 0) << "re-arms a running timer too";
-    EXPECT_LE(timer_ms(once, false), 10);
     tick_until(loop, [&] { return fired == 2; });
     EXPECT_EQ(fired, 2);
     EXPECT_EQ(loop.del(once), 0);
     EXPECT_FALSE(is_open(once));
-}
 
-TEST(TimerHelpers, ArmStopAndClose) {
     EXPECT_EQ(ks::timer_init(static_cast<ks::timer_type>(2)), -1);
     EXPECT_EQ(ks::_get_kserrno().code, ks::E_INVAL);
     const int fd = ks::timer_init(ks::timer_type::realtime);
@@ -220,14 +204,11 @@ TEST(TimerHelpers, ArmStopAndClose) {
 }
 
 TEST(EpollEventsToString, ModifiersThenEvents) {
-    const std::pair<unsigned, const char*> cases[] = {
-        {0, "MODS: (none), EVENTS: (none)"},
-        {EPOLLET | EPOLLIN | EPOLLOUT, "MODS: ET, EVENTS: IN OUT"},
-        {EPOLLHUP | EPOLLERR | EPOLLPRI | EPOLLRDHUP | EPOLLOUT | EPOLLIN, "MODS: (none), EVENTS: IN OUT RDHUP PRI ERR HUP"},
-        {EPOLLEXCLUSIVE | EPOLLWAKEUP | EPOLLONESHOT | EPOLLET, "MODS: ET ONESHOT WAKEUP EXCLUSIVE, EVENTS: (none)"},
-        {EPOLLMSG | EPOLLRDNORM | EPOLLONESHOT, "MODS: ONESHOT, EVENTS: (none)"},  // unnamed bits are left out
-    };
-    for (const auto& [events, text] : cases) EXPECT_STREQ(ks::epoll_events_to_string(events), text) << events;
+    EXPECT_STREQ(ks::epoll_events_to_string(0), "MODS: (none), EVENTS: (none)");
+    // Every named bit, and two unnamed ones (MSG, RDNORM) that are left out.
+    const unsigned all = EPOLLEXCLUSIVE | EPOLLWAKEUP | EPOLLONESHOT | EPOLLET | EPOLLHUP | EPOLLERR | EPOLLPRI |
+                         EPOLLRDHUP | EPOLLOUT | EPOLLIN | EPOLLMSG | EPOLLRDNORM;
+    EXPECT_STREQ(ks::epoll_events_to_string(all), "MODS: ET ONESHOT WAKEUP EXCLUSIVE, EVENTS: IN OUT RDHUP PRI ERR HUP");
     const char* mine = ks::epoll_events_to_string(EPOLLIN);
     std::thread([] { ks::epoll_events_to_string(EPOLLOUT); }).join();
     EXPECT_STREQ(mine, "MODS: (none), EVENTS: IN") << "the buffer belongs to the calling thread";

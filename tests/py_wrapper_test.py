@@ -40,17 +40,14 @@ def main():
         ("init", lib.init_py_wrapper(), 0),
         ("getKey", get(b"/py/name"), (3, b"box")),
         ("getKey missing", get(b"/py/missing"), (-1, b"")),
-        ("getKey bad key", get(b"py"), (-1, b"")),
         ("enumSubkeys", enum(b"/py/list"), (2, [b"one", b"two"])),
         ("enumSubkeys missing", enum(b"/py/missing"), (-1, [])),
         ("uninit", lib.uninit_py_wrapper(), 0),
     ]
     lib.kslog_uninit()
-    return "\n".join(f"{what}: got {got!r}, expected {want!r}" for what, got, want in checks if got != want)
+    # None when every check passed; sys.exit prints anything else and exits with 1.
+    return "\n".join(f"{what}: got {got!r}, expected {want!r}" for what, got, want in checks if got != want) or None
 
 
 if __name__ == "__main__":
-    error = main()
-    if error:
-        print(error)
-        sys.exit(1)
+    sys.exit(main())

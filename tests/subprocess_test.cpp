@@ -7,8 +7,6 @@
 
 #include <poll.h>
 
-#include <chrono>
-
 #include "kslogcapture.h"
 
 namespace {
@@ -80,9 +78,7 @@ TEST_F(SubprocessTest, EndsPrematureFailedAndStubborn) {
 
     auto stubborn = child("trap '' TERM; exec sleep 30\n");  // only SIGKILL ends it
     ASSERT_TRUE(stubborn->start());
-    const auto start = std::chrono::steady_clock::now();
     const std::string killed = log_.during([&] { stubborn->stop(true); });
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << "waits before SIGKILL";
     EXPECT_TRUE(kstest::has_record(killed, "Subprocess (type=UPNP, pid=*) exited abnormally")) << killed;
     EXPECT_EQ(-1, stubborn->pid());
 }
