@@ -13,7 +13,7 @@
 // one run, whose measurements are cut in slices taken in turns (floor, Redis, ours), and each
 // row gives the median and the range of five runs.
 //
-// Usage: kssetmgmt_bench [ROUND_TRIPS]   (default 100000 per measurement)
+// Usage: kssetmgmt_bench [ROUND_TRIPS [CLIENTS...]]   (default 100000 per measurement; 1, 4 and 8 clients)
 // Runs kssetter from the build tree (../tools/kssetter next to this program) on a
 // temporary install root, and redis-server/redis-benchmark from PATH when installed.
 #include <kssetter/kssetmgmt.h>
@@ -242,6 +242,9 @@ std::string exeDir() {
 
 int main(int argc, char** argv) {
     const long total = argc > 1 ? std::atol(argv[1]) : 100000;
+    std::vector<int> clientCounts;
+    for (int i = 2; i < argc; ++i) clientCounts.push_back(std::atoi(argv[i]));
+    if (clientCounts.empty()) clientCounts = {1, 4, 8};
     const long durableTotal = std::max(total / 50, 2000L);
     char templ[] = "/tmp/kssetmgmt_bench.XXXXXX";
     if (!::mkdtemp(templ)) return 1;
@@ -279,7 +282,7 @@ int main(int argc, char** argv) {
                         total, durableTotal, kRuns, kSlices);
             std::printf("%-24s %7s %10s %10s %21s %21s %10s %21s\n", "request", "clients", "kssetter/s", "redis/s",
                         "vs redis", "vs redis-benchmark", "floor/s", "vs floor");
-            for (int clients : {1, 4, 8}) {
+            for (int clients : clientCounts) {
                 // Keys and requests made before the clock starts, so that the loops measure round trips.
                 std::vector<std::string> tmpKeys, durableKeys, redisGets, redisSets;
                 for (int t = 0; t < clients; ++t) {
