@@ -23,12 +23,11 @@ int64_t answer(int fd) {
     return readAll(fd, &result, 8) ? result : kClosed;
 }
 
+// Whether the server answers a new client.
 bool serverAnswers() {
+    ks::storage::DebugInfo debug;
     bool ok = false;
-    inThread([&] {
-        ks::storage::DebugInfo debug;
-        ok = sm::getDebugInfo(debug) == 0;
-    });
+    inThread([&] { ok = sm::getDebugInfo(debug) == 0; });
     return ok;
 }
 
@@ -38,8 +37,7 @@ using KssetterTest = WithServer;
 
 TEST_F(KssetterTest, MalformedFrames) {
     const std::string key = "/bad/key", plainKey = '\0' + key;
-    // One row per way the server answers; which frames and bodies are malformed is the
-    // decoders' business (protocol_test).
+    // One row per way the server answers; the malformed bodies themselves: protocol_test.
     const std::tuple<const char*, std::string, int64_t> cases[] = {  // name, bytes, answer
         {"text garbage", "GARBAGE GARBAGE GARBAGE\n", kClosed},
         {"set type 7", frame(CMD_SET, setBody(plainKey, 7, "v")), kResultParseError},
