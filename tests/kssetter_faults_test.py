@@ -2,17 +2,17 @@
 """The settings server under injected I/O errors, one failing system call per run.
 
 A small workload (persistent sets and deletes, overwrites, a "/tmp" set, two clients at once)
-runs against the real server under strace, which fails the Nth call of one system call on the
-settings files with ENOSPC or EIO, that call alone or every call from it on; every N that the
-start-up, the workload and the stop reach is run. Started again without faults, the server
-must hold each acknowledged write's last value and no refused one, must never have died of
-anything but the stop it was sent, and must leave a settings file that passes its checksum.
+runs under strace, which fails the Nth call of one system call on the settings files with
+ENOSPC or EIO, alone or from it on, for every N the run reaches. Refusals must name the error;
+started again without faults, the server must hold each acknowledged write's last value and
+no refused one, and leave a settings file that passes its checksum. Without faults, each
+rewrite must sync the shadow before its rename and the directory after it.
 
-Usage: kssetter_faults_test.py KSSETTER KSSETMGMT
-Exit status 0 when every run kept every acknowledged write, 1 otherwise, 77 without strace or
-on an emulated target.
+Usage: kssetter_faults_test.py KSSETTER KSSETMGMT (exit 77 without strace or on an emulated target)
 """
+import errno
 import hashlib
+import itertools
 import os
 import re
 import shutil
@@ -27,54 +27,33 @@ import time
 # settings file's rewrite (open the shadow, write, fsync, rename, open and fsync the directory);
 # and those that read both back at start-up.
 SYSCALLS = ["write", "fdatasync", "openat", "fsync", "rename", "ftruncate", "read"]
-ERRNOS = ["ENOSPC", "EIO"]
-SETTINGS = ["etc/storage.data", "etc/storage.data.shadow", "etc/storage.data.journal",
-            "etc/storage.data.journal.damaged", "etc"]
+SETTINGS = ["etc"] + ["etc/storage.data" + suffix for suffix in ["", ".shadow", ".journal", ".journal.damaged"]]
 
-# Steps of the workload; the operations of one step run at once, each from its own client.
-# Every persistent value is used once, so a refused one is recognised wherever it shows.
-WORKLOAD = [
-    [("set", "/p/a", "a1")],
-    [("set", "/p/b", "b1")],
-    [("set", "/tmp/v", "t1")],
-    [("set", "/p/a", "a2")],
-    [("delete", "/p/pre1")],
-    [("get", "/p/a")],
-    "pause",  # long enough for the rewrite that follows a change
-    [("set", "/p/a", "a3"), ("set", "/p/c", "c1")],
-    [("get", "/tmp/v"), ("get", "/p/c")],
-    [("set", "/p/b", "b2"), ("delete", "/p/pre2")],
-]
-KEYS = ["/p/pre1", "/p/pre2", "/p/a", "/p/b", "/p/c"]
+# The operations of one step (joined by " & ") run at once, each from its own client. Every
+# persistent value is used once, so a refused one is recognised wherever it shows.
+WORKLOAD = ["set /p/a a1", "set /p/b b1", "set /tmp/v t1", "set /p/a a2", "delete /p/pre1", "get /p/a",
+            "pause",  # long enough for the rewrite that follows a change
+            "set /p/a a3 & set /p/c c1", "get /tmp/v & get /p/c", "set /p/b b2 & delete /p/pre2"]
 
 
 class Server:
     """kssetter on `root`, under strace when `strace` (its options) is given."""
 
     def __init__(self, root, strace=None):
-        self.root = root
         command = [KSSETTER, "-root", root]
         if strace:
             command = ["strace", "-f", "-qq"] + strace + ["--"] + command
         with open(os.path.join(root, "..", "server.err"), "ab") as err:
             self.proc = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err)
-        self.pid = self.proc.pid
-        self.ready = self._wait_listening()
-        if strace and self.ready:  # signals go to the server, not to strace
-            with open(f"/proc/{self.proc.pid}/task/{self.proc.pid}/children") as children:
-                self.pid = int(children.read().split()[0])
-
-    def _wait_listening(self):
-        path = os.path.join(self.root, "var/run/kssetmgmt.skt")
+        self.pid, self.ready = self.proc.pid, False
         deadline = time.monotonic() + 20
-        while time.monotonic() < deadline and self.proc.poll() is None:
+        while not self.ready and time.monotonic() < deadline and self.alive():
             with socket.socket(socket.AF_UNIX) as s:
-                try:
-                    s.connect(path)
-                    return True
-                except OSError:
-                    time.sleep(0.005)
-        return False
+                self.ready = s.connect_ex(os.path.join(root, "var/run/kssetmgmt.skt")) == 0
+            time.sleep(0.005)
+        if strace and self.ready:  # signals go to the server, not to strace
+            with open(f"/proc/{self.pid}/task/{self.pid}/children") as children:
+                self.pid = int(children.read().split()[0])
 
     def alive(self):
         return self.proc.poll() is None
@@ -91,68 +70,59 @@ class Server:
 
 
 def client(root, op):
-    """Starts the command-line client for one operation."""
-    command, key = op[0], op[1]
-    return subprocess.Popen([KSSETMGMT, "-root", root, command, key] + list(op[2:]), stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE, text=True)
+    """Starts the command-line client for one operation (command, key, value...)."""
+    return subprocess.Popen([KSSETMGMT, "-root", root, *op], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                            text=True)
 
 
-def run_workload(root, model, refused, problems):
-    """Runs WORKLOAD, applying what was acknowledged to `model`; returns the refusals."""
+def outcome(proc):
+    """A client's output (None when it failed) and its error text."""
+    out, err = proc.communicate(timeout=30)
+    return (out if proc.returncode == 0 else None), err.strip()
+
+
+def run_workload(root, model, refused, problems, error):
+    """Runs WORKLOAD, applying what was acknowledged to `model`; returns the refusals, which
+    must name `error`."""
     refusals = 0
     for step in WORKLOAD:
         if step == "pause":
             time.sleep(0.25)
             continue
-        started = [(op, client(root, op)) for op in step]
-        for op, proc in started:
-            out, err = proc.communicate(timeout=30)
-            command, key = op[0], op[1]
+        for op, proc in [(op, client(root, op)) for op in (text.split() for text in step.split(" & "))]:
+            (command, key), value = op[:2], (op[2] if op[0] == "set" else None)
+            got, err = outcome(proc)
             if command == "get":
-                expected = model.get(key)
-                got = out if proc.returncode == 0 else None
-                if got != expected:
-                    problems.append(f"get {key} gave {got!r}, expected {expected!r}: {err.strip()}")
-            elif proc.returncode == 0:
-                model[key] = op[2] if command == "set" else None
-            elif "E_SYSTEM" in err and not key.startswith("/tmp/"):
+                if got != model.get(key):
+                    problems.append(f"get {key} gave {got!r}, expected {model.get(key)!r}: {err}")
+            elif got is not None:
+                model[key] = value
+            elif error and f"{os.strerror(getattr(errno, error))} (E_SYSTEM)" in err and not key.startswith("/tmp/"):
                 refusals += 1
-                refused.add(op[2] if command == "set" else None)
+                refused.add(value)
             else:
-                problems.append(f"{command} {key}: neither acknowledged nor refused: {err.strip()}")
+                problems.append(f"{command} {key}: neither acknowledged nor refused: {err}")
     return refusals
 
 
-def checksum_ok(path):
-    """The settings file's first line is "/tmp/hash=s|" and the SHA-256 of the rest."""
-    with open(path, "rb") as f:
-        data = f.read()
-    head = b"/tmp/hash=s|"
-    return (data.startswith(head) and data[76:77] == b"\n"
-            and hashlib.sha256(data[77:]).hexdigest().encode() == data[len(head):76])
-
-
 def check_restart(root, model, refused, problems):
-    """Starts the server without faults: every key as the model says. Counts the lost keys."""
+    """Starts the server without faults: every key as the model says."""
     server = Server(root)
     if not server.ready:
         problems.append(f"the server did not start again (exit {server.stop()})")
-        return 0
-    lost = 0
-    for key in KEYS:
-        proc = client(root, ("get", key))
-        out, _ = proc.communicate(timeout=30)
-        got = out if proc.returncode == 0 else None
+        return
+    for key in [key for key in model if not key.startswith("/tmp/")]:
+        got, _ = outcome(client(root, ("get", key)))
         if got != model[key]:
-            shown = " (a refused change)" if got in refused else ""
-            problems.append(f"{key} is {got!r}{shown}, acknowledged {model[key]!r}")
-            lost += 1
-    status = server.stop()
-    if status != 0:
+            refusal = " (a refused change)" if got in refused else ""
+            problems.append(f"{key} is {got!r}{refusal}, acknowledged {model[key]!r}")
+    if (status := server.stop()) != 0:
         problems.append(f"the server exited {status} on a clean stop")
-    if not checksum_ok(os.path.join(root, "etc/storage.data")):
+    with open(os.path.join(root, "etc/storage.data"), "rb") as f:
+        data = f.read()
+    # The first line is "/tmp/hash=s|" and the SHA-256 of the rest.
+    if data[:77] != b"/tmp/hash=s|" + hashlib.sha256(data[77:]).hexdigest().encode() + b"\n":
         problems.append("the settings file fails its checksum after a clean stop")
-    return lost
 
 
 def prepare(workdir):
@@ -172,40 +142,39 @@ def prepare(workdir):
 
 
 def run(workdir, template, initial, syscall=None, error=None, when=""):
-    """One run, with the calls of `syscall` that strace's `when` names failing with `error`.
-    Returns (reached, refusals, lost, problems, calls): calls counts each traced system call,
-    for the run without faults."""
-    root = os.path.join(workdir, "root")
+    """One run, the calls of `syscall` that strace's `when` names failing with `error`: whether
+    one was reached, the refusals, the problems, and how often each traced call was made."""
+    root, trace = os.path.join(workdir, "root"), os.path.join(workdir, "trace")
     shutil.rmtree(root, ignore_errors=True)
     shutil.copytree(template, root)
-    trace = os.path.join(workdir, "trace")
-    strace = ["-o", trace, "-e", "trace=" + (syscall or ",".join(SYSCALLS))]
-    for path in SETTINGS:
-        strace += ["-P", os.path.join(root, path)]
+    strace = ["-o", trace, "-y", "-e", "trace=" + (syscall or ",".join(SYSCALLS))]
+    strace += [arg for path in SETTINGS for arg in ("-P", os.path.join(root, path))]
     if syscall:
         strace += ["-e", f"inject={syscall}:error={error}:when={when}"]
     model, refused, problems = dict(initial), set(), []
     server = Server(root, strace)
-    refusals = 0
-    if server.ready:
-        refusals = run_workload(root, model, refused, problems)
-        if not server.alive():
-            problems.append(f"the server ended during the workload (exit {server.stop()})")
-        else:
-            status = server.stop()
-            if status != 0:
-                problems.append(f"the server exited {status} on the stop")
-    else:
-        status = server.stop()
-        if status != 1:  # a start-up that cannot read the settings exits 1
-            problems.append(f"the server ended during start-up with {status}")
+    refusals = run_workload(root, model, refused, problems, error) if server.ready else 0
+    alive = server.alive()
+    status = server.stop()
+    if server.ready and not alive:
+        problems.append(f"the server ended during the workload (exit {status})")
+    elif status != (0 if server.ready else 1):  # a start-up that cannot read the settings exits 1
+        problems.append(f"the server exited {status} {'on the stop' if server.ready else 'during start-up'}")
     with open(trace) as f:
         lines = f.read().splitlines()
     names = [m.group(1) for m in (re.match(r"\d+ +(\w+)\(", line) for line in lines) if m]
     calls = {name: names.count(name) for name in SYSCALLS}
     reached = any(line.endswith("(INJECTED)") for line in lines)
-    lost = check_restart(root, model, refused, problems)
-    return reached, refusals, lost, problems, calls
+    if not syscall:
+        # Until the shadow is synced a rename may put an empty file in place after a power
+        # loss; until the directory is, the rename itself may be lost.
+        shadow, etc = os.path.join(root, "etc/storage.data.shadow"), os.path.join(root, "etc")
+        marks = {f"fsync(<{shadow}>": "S", f'rename("{shadow}"': "R", f"fsync(<{etc}>": "D"}
+        steps = "".join(mark for line in lines for text, mark in marks.items() if text in re.sub(r"\(\d+<", "(<", line))
+        if "SRD" not in steps or not re.fullmatch("(D|SRD)*", steps):
+            problems.append(f"rewrites not synced around the rename (S shadow, R rename, D directory): {steps}")
+    check_restart(root, model, refused, problems)
+    return reached, refusals, problems, calls
 
 
 def main():
@@ -214,29 +183,25 @@ def main():
         return 77
     with tempfile.TemporaryDirectory() as workdir:
         template, initial = prepare(workdir)
-        _, refusals, lost, problems, calls = run(workdir, template, initial)
-        if refusals or lost or problems:
+        _, _, problems, calls = run(workdir, template, initial)
+        if problems:
             print("the workload fails without faults:", *problems, sep="\n  ")
             return 1
         print("calls without faults:", ", ".join(f"{name} {calls[name]}" for name in SYSCALLS))
         failed = False
-        for syscall in SYSCALLS:
-            for error in ERRNOS:
-                for suffix in ["", "+"]:  # the Nth call alone, every call from the Nth on
-                    runs = total_refused = total_lost = 0
-                    messages = []
-                    # A failure changes what follows (retries, rewrites), so N goes on until a
-                    # run no longer reaches it.
-                    for n in range(1, 2 * calls[syscall] + 10):
-                        reached, refusals, lost, problems, _ = run(workdir, template, initial, syscall, error,
-                                                                   f"{n}{suffix}")
-                        if not reached and not problems:
-                            break
-                        runs, total_refused, total_lost = runs + 1, total_refused + refusals, total_lost + lost
-                        messages += [f"  {syscall}#{n}{suffix} {error}: {p}" for p in problems]
-                    print(f"{syscall}#N{suffix} {error}: {runs} runs, {total_refused} refused, {total_lost} lost",
-                          *messages, sep="\n")
-                    failed |= runs == 0 or bool(messages)
+        # The Nth call alone ("") or every call from the Nth on ("+"). A failure changes what
+        # follows (retries, rewrites), so N goes on until a run no longer reaches it.
+        for syscall, error, suffix in itertools.product(SYSCALLS, ["ENOSPC", "EIO"], ["", "+"]):
+            runs = refused = 0
+            messages = []
+            for n in range(1, 2 * calls[syscall] + 10):
+                reached, refusals, problems, _ = run(workdir, template, initial, syscall, error, f"{n}{suffix}")
+                if not reached and not problems:
+                    break
+                runs, refused = runs + 1, refused + refusals
+                messages += [f"  {syscall}#{n}{suffix} {error}: {p}" for p in problems]
+            print(f"{syscall}#N{suffix} {error}: {runs} runs, {refused} refused", *messages, sep="\n")
+            failed |= runs == 0 or bool(messages)
         return 1 if failed else 0
 
 

@@ -1,16 +1,8 @@
-// The settings server under bad and heavy clients: malformed frames, clients that vanish
-// mid-request or never read their notifications, hundreds of clients at once, and a stop
-// while clients are writing, after which every acknowledged write must be in the file.
+// The settings server under bad clients: malformed frames, clients that vanish mid-request
+// or never read what they asked for, and a second server started beside it.
 #include "kssetter_fixture.h"
 
 #include "kssetter/kssetmgmt/protocol.h"
-
-#include <kssetter/ksstorage.h>
-
-#include <atomic>
-#include <cstdio>
-#include <map>
-#include <mutex>
 
 using namespace kssetter_test;
 using namespace ks::setter;
@@ -31,12 +23,11 @@ int64_t answer(int fd) {
     return readAll(fd, &result, 8) ? result : kClosed;
 }
 
+// Whether the server answers a new client.
 bool serverAnswers() {
+    ks::storage::DebugInfo debug;
     bool ok = false;
-    inThread([&] {
-        ks::storage::DebugInfo debug;
-        ok = sm::getDebugInfo(debug) == 0;
-    });
+    inThread([&] { ok = sm::getDebugInfo(debug) == 0; });
     return ok;
 }
 
@@ -46,17 +37,13 @@ using KssetterTest = WithServer;
 
 TEST_F(KssetterTest, MalformedFrames) {
     const std::string key = "/bad/key", plainKey = '\0' + key;
-    // One row per way the server answers; which frames and bodies are malformed is the
-    // decoders' business (protocol_test).
+    // One row per way the server answers; the malformed bodies themselves: protocol_test.
     const std::tuple<const char*, std::string, int64_t> cases[] = {  // name, bytes, answer
         {"text garbage", "GARBAGE GARBAGE GARBAGE\n", kClosed},
         {"set type 7", frame(CMD_SET, setBody(plainKey, 7, "v")), kResultParseError},
         {"lock byte without lock", frame(CMD_GET, "\1" + key), kResultLockLost},
         {"relative key", frame(CMD_GET, "\0bad"s), kResultInvalidOperation},
-        {"key with newline", frame(CMD_SET, setBody("\0/a\nb"s, 0, "v")), kResultInvalidOperation},
-        {"unlock not held", frame(CMD_UNLOCK, plainKey), kResultInvalidOperation},
-        // A request after a subscription, on the notification stream.
-        {"request on a stream", frame(CMD_NOTIFY, key) + frame(CMD_GET, plainKey), kClosed},
+        {"request on the notification stream", frame(CMD_NOTIFY, key) + frame(CMD_GET, plainKey), kClosed},
     };
     for (const auto& [name, bytes, expected] : cases) {
         SCOPED_TRACE(name);
@@ -68,8 +55,7 @@ TEST_F(KssetterTest, MalformedFrames) {
         EXPECT_EQ(expected, got);
         EXPECT_TRUE(serverAnswers());
     }
-    std::string value;
-    EXPECT_EQ(-1, sm::getKey(key, value));  // none of them stored anything
+    EXPECT_TRUE(sm::keyDeleted(key));  // none of them stored anything
 }
 
 TEST_F(KssetterTest, ClientVanishingMidRequest) {
@@ -124,68 +110,6 @@ TEST_F(KssetterTest, SlowSubscriberIsDropped) {
     EXPECT_LT(received, kChanges * (8 + key.size()));
     sm::cancelNotification(healthy);
     EXPECT_TRUE(serverAnswers());
-}
-
-TEST_F(KssetterTest, TwoHundredConcurrentClients) {
-    constexpr int kClients = 200, kRounds = 20;
-    sm::NotifyHandle* watcher = sm::setNotification("/many/shared", false);
-    ASSERT_NE(nullptr, watcher);
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kClients; ++t) {
-        threads.emplace_back([t, &failures] {
-            const std::string mine = "/many/c" + std::to_string(t);
-            for (int i = 0; i < kRounds; ++i) {
-                const std::string v = std::to_string(i);
-                ks::storage::NodeInfo info;
-                std::vector<std::string> names;
-                bool ok = sm::setKey(mine + "/v", v) == 0 && sm::getKeyValue(mine + "/v", "") == v &&
-                          sm::statKey(mine + "/v", info) == 0 && info.size == v.size() &&
-                          sm::enumSubkeys(mine, names) == 1 && sm::setKey("/many/shared", v) == 0;
-                if (i % 5 == 4) ok = ok && sm::deleteKey(mine + "/v") == 0 && sm::keyDeleted(mine + "/v");
-                if (!ok) ++failures;
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
-    EXPECT_EQ(0, failures.load());
-    EXPECT_EQ(kClients * kRounds, collect(watcher, kClients * kRounds));
-    sm::cancelNotification(watcher);
-}
-
-TEST_F(KssetterTest, StopKeepsEveryAcknowledgedWrite) {
-    std::mutex m;
-    std::map<std::string, std::string> acknowledged;
-    std::atomic<bool> started{false};
-    std::vector<std::thread> writers;
-    for (int t = 0; t < 4; ++t) {
-        writers.emplace_back([t, &m, &acknowledged, &started] {
-            for (int i = 0;; ++i) {
-                const std::string key = "/durable/w" + std::to_string(t) + "/k" + std::to_string(i % 50);
-                const std::string value = "v" + std::to_string(i) + "\nline two";
-                if (sm::setKey(key, value) != 0) return;  // the server has gone
-                std::lock_guard<std::mutex> g(m);
-                acknowledged[key] = value;
-                if (i == 20) started = true;
-            }
-        });
-    }
-    while (!started) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(0, server.stop());
-    for (auto& w : writers) w.join();
-    ASSERT_FALSE(acknowledged.empty());
-
-    EXPECT_EQ(0, ks::storage::Store::checkHash(storagePath()));
-    ks::storage::Store saved;
-    ASSERT_EQ(0, saved.load(storagePath()));
-    for (const auto& [key, value] : acknowledged) {
-        std::string got;
-        EXPECT_GE(saved.getKey(key, got), 0) << key;
-        EXPECT_EQ(value, got) << key;
-    }
-    server.start();
-    for (const auto& [key, value] : acknowledged) EXPECT_EQ(value, sm::getKeyValue(key, "")) << key;
 }
 
 TEST_F(KssetterTest, SecondServerRefusesToStart) {

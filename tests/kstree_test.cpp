@@ -1,5 +1,4 @@
-// Settings tree node: equality, copies, and trees deeper than any stack would allow for a
-// recursive walk. The record text and pruning are checked through the store (ksstorage_test).
+// Settings tree node: equality, copies, and trees deeper than a recursive walk could go.
 #include <kssetter/kstree.h>
 
 #include <gtest/gtest.h>
