@@ -200,7 +200,11 @@ int64_t Connection::recvAtLeast(unsigned char* out, unsigned long least, unsigne
             if (Clock::now() - start > kReplyPoll) break;
             sched_yield();
         }
-        if (got >= least) return static_cast<int64_t>(got);
+        if (got >= least) {
+            // A yield that let other work run for long does not make the reply quick.
+            t_repliesComeQuickly = Clock::now() - start <= kReplyPoll;
+            return static_cast<int64_t>(got);
+        }
     }
     while (got < least) {
         const ssize_t n = sys::recv_some(fd, out + got, most - got, MSG_NOSIGNAL);
