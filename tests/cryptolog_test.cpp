@@ -1,24 +1,12 @@
-// The encrypted log format: bytes on disk, a second reader built from the openssl command
-// line alone, several processes sharing one file, and damaged files.
-#include <kscryptolog.h>
-#include <ksutils/crypto.h>
+// The encrypted log format: bytes on disk, an openssl-only second reader, shared and damaged files.
 #include <ksutils/error.h>
-#include <ksutils/miscutl.h>
-#include <ksutils/unique_fd.h>
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
 #include <signal.h>
-#include <time.h>
 #include <sys/wait.h>
-#include <unistd.h>
+#include <time.h>
 
-#include <random>
-#include <cstdint>
 #include <functional>
-#include <string>
-#include <vector>
+#include <random>
 
 #include "kslog_fixture.h"
 
@@ -54,8 +42,7 @@ protected:
         return crypto_log_writer_encrypt(w ? w : writer.get(), fd.get(), record.data(), record.size());
     }
 
-    // Our reader's plain text; `message` gets the error of a read that was not whole, and
-    // without it the read must be whole.
+    // Our reader's plain text; `message` gets the error of a read that was not whole (else it must be).
     std::string read_back(const std::string& file, std::string* message = nullptr) {
         bool whole = false;
         const std::string plain = kslogtest::decrypt(file, test_key("priv.pem"), &whole);
@@ -64,8 +51,7 @@ protected:
         return plain;
     }
 
-    // The second reader: framing parsed here, every decryption done by the openssl command;
-    // `aes_keys` gets the hexadecimal AES key of each key block.
+    // The second reader: framing parsed here, decryption by openssl; `aes_keys` gets each key block's key.
     std::vector<std::string> aes_keys;
     std::string openssl_read(const std::string& file) {
         const std::string rsa = "openssl pkeyutl -decrypt -pkeyopt rsa_padding_mode:pkcs1 -inkey ";
@@ -126,9 +112,8 @@ TEST_F(CryptoLogTest, LayoutOnDisk) {
 }
 
 TEST_F(CryptoLogTest, EachProcessStartsItsRunWithItsOwnKey) {
-    // The other process either makes its own writer or uses the one inherited over fork;
-    // both times its records must follow a key block and the header must name it. The parent
-    // then appends with O_APPEND: its header rewrite must still land at offset 0.
+    // Own writer or one inherited over fork, the child's records follow a key block and the header names
+    // it; the parent's header rewrite lands at offset 0 even through O_APPEND.
     for (bool own_writer : {true, false}) {
         SCOPED_TRACE(own_writer ? "own writer" : "inherited writer");
         ::unlink(log.c_str());
@@ -143,10 +128,10 @@ TEST_F(CryptoLogTest, EachProcessStartsItsRunWithItsOwnKey) {
         ASSERT_EQ(append("parent 2\n", O_APPEND), 0);
         ASSERT_EQ(append("parent 3\n"), 0);
 
-        const std::string file = kstest::read_file(log), expected = "parent 1\nchild 1\nchild 2\nparent 2\nparent 3\n";
+        const std::string file = kstest::read_file(log);
         EXPECT_EQ(le32(file, 5), static_cast<uint32_t>(::getpid()));
         EXPECT_EQ(layout(file), "1:256 2:16 1:256 2:16 2:16 1:256 2:16 2:16 ");
-        EXPECT_EQ(openssl_read(log), expected);
+        EXPECT_EQ(openssl_read(log), "parent 1\nchild 1\nchild 2\nparent 2\nparent 3\n");
         ASSERT_EQ(aes_keys.size(), 3u);
         EXPECT_EQ(aes_keys[0], aes_keys[2]);
         EXPECT_EQ(aes_keys[0] != aes_keys[1], own_writer);
@@ -170,8 +155,7 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
                std::to_string(to);
     };
 
-    // Each damage, the text read and the whole error message.
-    const struct {
+    const struct {  // damage, the text read, the whole error message
         const char* name;
         std::function<std::string(std::string)> damage;
         std::string plain, message;
@@ -209,9 +193,8 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
     }
 }
 
-// A writer killed in the middle of a block leaves it torn, the next process's key block right
-// behind it. Cut at every byte of a key block and of a record: all else is read, and exactly
-// the torn bytes are reported.
+// A writer killed mid-block leaves it torn with the next process's key block behind it: cut at every
+// byte of a key block and of a record, all else is read and exactly the torn bytes are reported.
 TEST_F(CryptoLogTest, ReaderResumesAfterABlockTornAtAnyByte) {
     ks::CryptoLogWriter torn(test_key("pub.pem").c_str()), next(test_key("pub.pem").c_str());
     ASSERT_EQ(append("before\n"), 0);
@@ -233,8 +216,7 @@ TEST_F(CryptoLogTest, ReaderResumesAfterABlockTornAtAnyByte) {
     }
 }
 
-// Writers of one shared file, logging through the log core, are SIGKILLed at random points
-// while others finish normally: every record of those others is read back, whole and in order.
+// Writers of one file SIGKILLed at random points cost no record of the others, who finish normally.
 TEST(CryptoLogKill, WritersKilledAtAnyMomentCostOnlyTheirOwnRecords) {
     constexpr int kSurvivors = 2, kVictims = 6, kRecords = 60, kKills = 200;
     const unsigned seed = std::random_device{}();
@@ -244,8 +226,7 @@ TEST(CryptoLogKill, WritersKilledAtAnyMomentCostOnlyTheirOwnRecords) {
     const auto message = [](int survivor, int i) {
         return "survivor " + std::to_string(survivor) + " record " + std::to_string(i) + std::string(i * 7 % 40, '.');
     };
-    // A forked writer: survivor `id` writes kRecords records; a victim (id < 0) writes until a
-    // timer of its own kills it, at a random point however slowly the machine runs it.
+    // Survivor `id` writes kRecords records; a victim (id < 0) writes until its own timer kills it.
     const auto writer = [&](const std::string& identity, int id) {
         const unsigned writer_seed = random();
         const pid_t pid = ::fork();

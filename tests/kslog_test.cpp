@@ -1,5 +1,4 @@
-// Log core: levels, identity, channels, records stamped and cut, per-output levels, rotation,
-// threads sharing a file, the fork hook, and the all-or-nothing writers.
+// Log core: levels, channels, records stamped and cut, rotation, threads, fork, all-or-nothing writes.
 #include <ksfork.h>
 #include <kslog.h>
 #include <kswrite.h>
@@ -62,7 +61,6 @@ TEST_F(LoggerTest, StampsRecordsInPlaceIgnoresShortOnesAndCutsLongOnes) {
     std::snprintf(pid, sizeof pid, "%6d", static_cast<int>(::getpid()));
     std::vector<std::string> stamped;
     for (int level = 0; level <= 4; ++level) {
-        // The caller's buffer itself carries the stamp, and the file holds exactly that buffer.
         std::string text = kslogtest::record("level " + std::to_string(level));
         kslog_log_full(0, level, text.data(), text.size());
         EXPECT_TRUE(std::regex_match(text.substr(0, 24), stamp)) << text;
@@ -70,8 +68,7 @@ TEST_F(LoggerTest, StampsRecordsInPlaceIgnoresShortOnesAndCutsLongOnes) {
                                        std::to_string(level) + "\n");
         stamped.push_back(text);
     }
-    // Below 37 bytes nothing is written; the bare header, having no newline, runs straight
-    // into the next record, which is cut to 4095 bytes.
+    // Below 37 bytes nothing is written; the bare header runs into the next record, cut to 4095 bytes.
     std::string short_record(36, 'x'), bare = kslogtest::record("").substr(0, 37);
     std::string long_record = kslogtest::record(std::string(5000, 'm'));
     for (std::string* r : {&short_record, &bare, &long_record}) kslog_log_full(0, 0, r->data(), r->size());
@@ -93,8 +90,7 @@ TEST_F(LoggerTest, ChannelsOpenCloseCopy) {
     EXPECT_EQ(a, 1);
     EXPECT_EQ(kslog_channel_open(name31.c_str()), a);
 
-    // A new channel starts as a copy of the default channel's outputs; closed, it logs
-    // nothing and refuses copies until it is opened again.
+    // A new channel copies the default's outputs; closed, it logs nothing and refuses copies until reopened.
     EXPECT_EQ(kschlog_get_max_level(a), 0);
     kslog_channel_close(a);
     EXPECT_FALSE(kslog_can_log(a, 0));
@@ -164,10 +160,8 @@ TEST_F(LoggerTest, RotatesByRenamingAndKeepsAtMostNumFiles) {
     }
 }
 
-// It starts with the default channel writing errors to the identity's file, and stops at the
-// last of as many stops as starts. Stopped, every call answers with its default (whatever the
-// configuration was) and nothing is written; a failed start leaves it stopped; a restart
-// begins from a clean table.
+// The default channel writes errors to the identity's file; the last of as many stops as starts stops
+// it, and then every call answers its default and nothing is written. A failed start leaves it stopped.
 TEST_F(LoggerTest, StartsWithTheDefaultChannelAndStopsAtTheLastStop) {
     start("/opt/kestrum/bin/ksdevmgmt");
     start("/opt/kestrum/bin/ksdevmgmt");
@@ -192,8 +186,8 @@ TEST_F(LoggerTest, StartsWithTheDefaultChannelAndStopsAtTheLastStop) {
     EXPECT_TRUE(ok);
 
     const std::string long_root(4096, 'r');
-    for (const auto& [identity, install] : {std::pair{"/bin/", root.path().c_str()}, {nullptr, root.path().c_str()},
-                                            {"/bin/kstestd", long_root.c_str()}})
+    const char* r = root.path().c_str();
+    for (const auto& [identity, install] : {std::pair{"/bin/", r}, {nullptr, r}, {"/bin/kstestd", long_root.c_str()}})
         EXPECT_EQ(kslog_init(identity, install, nullptr), -1);
     EXPECT_FALSE(kslog_initialized());
     EXPECT_EQ(kslog_get_num_channels(), 0);
@@ -205,14 +199,12 @@ TEST_F(LoggerTest, StartsWithTheDefaultChannelAndStopsAtTheLastStop) {
     EXPECT_FALSE(kslog_initialized());
 }
 
-// Threads of one process never interleave inside a record, and the file stays open between
-// records: a current file removed by another hand, then left with part of a header by a
-// writer killed while starting it, is made again at the next record.
+// Threads never interleave inside a record; a kept-open file removed, then left with part of a header
+// (a writer killed while starting it), is made again at the next record.
 TEST_F(LoggerTest, ThreadsWriteWholeRecordsToAFileMadeAgainWhenRemoved) {
     start();
     ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"mt","level":"info"}]}})"), 0);
     const std::string file = root / "var/log/kstestd.mt.0";
-    // "writer <who> seq <seq> " and `who * 30` fill characters.
     const auto numbered = [](int who, int seq) {
         return "writer " + std::to_string(who) + " seq " + std::to_string(seq) + " " + std::string(who * 30, '#');
     };
@@ -228,14 +220,12 @@ TEST_F(LoggerTest, ThreadsWriteWholeRecordsToAFileMadeAgainWhenRemoved) {
             });
         for (auto& th : pool) th.join();
     }
-    // The file decrypts whole, one line a record block, every record exactly as written and
-    // each thread's in order.
+    // Whole, one line a record block; sorted by writer, each writer's records keep their order.
     bool ok = false;
     const std::string text = decrypt(file, &ok);
     const auto types = kslogtest::block_types(file);
     EXPECT_TRUE(ok);
     EXPECT_EQ(static_cast<size_t>(std::count(types.begin(), types.end(), 2)), kslogtest::lines(text).size());
-    // Sorted by writer, each writer's records keep their order.
     auto got = kslogtest::lines(kslogtest::messages(text));
     std::stable_sort(got.begin(), got.end(),
                      [](const std::string& a, const std::string& b) { return a.compare(0, 8, b, 0, 8) < 0; });
@@ -251,8 +241,7 @@ TEST_F(LoggerTest, ForkedChildCanLogWhileAParentThreadHeldTheLocks) {
     ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"fork","level":"info"}]}})"), 0);
     std::atomic<bool> stop{false};
     std::thread busy([&stop] {
-        // Mostly the table's write lock; now and then a record, which takes the file's
-        // mutex, without writing enough to rotate the children's records away.
+        // Mostly the table's write lock; now and then a record (the file's mutex), too few to rotate.
         for (unsigned i = 0; !stop; ++i) {
             kslog_channel_open("busy");
             if (i % 4096 == 0) kslogtest::log(0, 2, "parent thread");
@@ -279,9 +268,7 @@ TEST_F(LoggerTest, ForkedChildCanLogWhileAParentThreadHeldTheLocks) {
     EXPECT_EQ(std::count(records.begin(), records.end(), "child record\n"), 30);
 }
 
-// Fills a 64 KiB filesystem with 1000-byte records: every write that fails with ENOSPC
-// leaves a whole number of records behind, with the offset at the end. Result codes name
-// the fault for the parent; 77 where mounting is not allowed.
+// 1000-byte records into a 64 KiB filesystem: each ENOSPC leaves whole records, the offset at the end.
 TEST(KslogWrite, FullDiskLeavesNoPartialRecord) {
     kstest::TempDir dir;
     const int rc = kstest::in_child([&] {
@@ -293,14 +280,10 @@ TEST(KslogWrite, FullDiskLeavesNoPartialRecord) {
             ks::unique_fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
             int written = 0, failures = 0;
             while (failures < 3 && written < 1000) {
-                const ssize_t n =
-                    vectored ? writev_all(fd.get(), parts, 3) : write_all(fd.get(), chunk.data(), 1000, 0);
-                if (n == 1000)
-                    ++written;
-                else if (n == -1 && errno == ENOSPC)
-                    ++failures;
-                else
-                    return 3;
+                const int f = fd.get();
+                const ssize_t n = vectored ? writev_all(f, parts, 3) : write_all(f, chunk.data(), 1000, 0);
+                if (n != 1000 && (n != -1 || errno != ENOSPC)) return 3;
+                (n == 1000 ? written : failures) += 1;
                 if (file_size(path) != written * 1000 || ::lseek(fd.get(), 0, SEEK_CUR) != written * 1000) return 4;
             }
             if (failures == 0) return 5;  // the filesystem never filled
@@ -312,31 +295,30 @@ TEST(KslogWrite, FullDiskLeavesNoPartialRecord) {
     EXPECT_EQ(rc, 0);
 }
 
-// Errors other than ENOSPC (here EFBIG past the file-size limit): all-or-nothing writes
-// take their partial bytes back, the others report what they wrote.
+// Other errors (EFBIG past the file-size limit): all-or-nothing writes take their partial bytes back,
+// the others report what they wrote.
 TEST(KslogWrite, OtherErrorsHonourTheAllOrNothingFlag) {
     kstest::TempDir dir;
-    EXPECT_EQ(kstest::in_child([&] {
-                  ::signal(SIGXFSZ, SIG_IGN);
-                  const struct rlimit limit = {2500, 2500};
-                  if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
-                  char chunk[1000] = {};
-                  const struct iovec parts[2] = {{chunk, 400}, {chunk, 600}};
-                  ks::unique_fd file(::open((dir / "f").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
-                  const int fd = file.get();
-                  if (write_all(fd, chunk, 1000, 1) != 1000 || write_all(fd, chunk, 1000, 1) != 1000) return 3;
-                  if (write_all(fd, chunk, 1000, 1) != -1 || ::lseek(fd, 0, SEEK_END) != 2000) return 4;
-                  if (write_all(fd, chunk, 1000, 0) != 500 || ::lseek(fd, 0, SEEK_END) != 2500) return 5;
-                  // At the limit nothing goes in; an O_APPEND descriptor stands at 0 until it
-                  // writes, which must not be taken for where its failed write began.
-                  ks::unique_fd appender(::open((dir / "f").c_str(), O_WRONLY | O_APPEND));
-                  if (write_all(appender.get(), chunk, 1000, 1) != -1 || writev_all(appender.get(), parts, 2) != -1 ||
-                      ::lseek(fd, 0, SEEK_END) != 2500)
-                      return 8;
-                  if (::ftruncate(fd, 2000) != 0 || ::lseek(fd, 2000, SEEK_SET) != 2000) return 6;
-                  return writev_all(fd, parts, 2) == -1 && ::lseek(fd, 0, SEEK_END) == 2000 ? 0 : 7;
-              }),
-              0);
+    const int rc = kstest::in_child([&] {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const struct rlimit limit = {2500, 2500};
+        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+        char chunk[1000] = {};
+        const struct iovec parts[2] = {{chunk, 400}, {chunk, 600}};
+        ks::unique_fd file(::open((dir / "f").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644));
+        const int fd = file.get();
+        if (write_all(fd, chunk, 1000, 1) != 1000 || write_all(fd, chunk, 1000, 1) != 1000) return 3;
+        if (write_all(fd, chunk, 1000, 1) != -1 || ::lseek(fd, 0, SEEK_END) != 2000) return 4;
+        if (write_all(fd, chunk, 1000, 0) != 500 || ::lseek(fd, 0, SEEK_END) != 2500) return 5;
+        // At the limit nothing goes in; an O_APPEND descriptor's offset 0 is not where its write began.
+        ks::unique_fd appender(::open((dir / "f").c_str(), O_WRONLY | O_APPEND));
+        if (write_all(appender.get(), chunk, 1000, 1) != -1 || writev_all(appender.get(), parts, 2) != -1 ||
+            ::lseek(fd, 0, SEEK_END) != 2500)
+            return 8;
+        if (::ftruncate(fd, 2000) != 0 || ::lseek(fd, 2000, SEEK_SET) != 2000) return 6;
+        return writev_all(fd, parts, 2) == -1 && ::lseek(fd, 0, SEEK_END) == 2000 ? 0 : 7;
+    });
+    EXPECT_EQ(rc, 0);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-// Logging facade: the log statement's header and source position, level mapping, the
-// JSON overloads, print's signal mask, log_json and backtrace.
+// Logging facade: statement header and source, level mapping, print's signal mask, log_json, backtrace.
 #include <ksutils/kslog.h>
-#include <ksutils/miscutl.h>
 
 #include <pthread.h>
 #include <signal.h>

@@ -1,22 +1,10 @@
-// The operators' log reader program, run as operators run it: files in, plain text and
-// per-file complaints out, and an exit status that says whether anything was lost.
-#include <kscryptolog.h>
-#include <ksutils/crypto.h>
-#include <ksutils/unique_fd.h>
-
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
+// The log reader program run as operators run it: plain text, per-file complaints, and a status
+// that says whether anything was lost.
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "kslog_fixture.h"
 
@@ -55,10 +43,8 @@ protected:
     // The reader run with `arguments`, its standard input piped from `input` when given.
     Result reader(const std::string& arguments, const std::string& input = "") {
         Result r;
-        const std::string program = quoted(kstest::tool_path("kslogreader"));
-        r.status = kstest::run((input.empty() ? "" : input + " | ") + program + " " + arguments + " 2>" +
-                                   quoted(root / "err"),
-                               &r.out);
+        const std::string program = quoted(kstest::tool_path("kslogreader")), err = quoted(root / "err");
+        r.status = kstest::run((input.empty() ? "" : input + " | ") + program + " " + arguments + " 2>" + err, &r.out);
         r.err = kstest::read_file(root / "err");
         return r;
     }
@@ -67,9 +53,7 @@ protected:
     const std::string key = quoted(root.private_key());
 };
 
-// Every filter, the last records, and the JSON form of the records, against one journal of
-// hand-stamped records in three outputs (one record holds two lines). Processes sharing a file
-// leave it nearly in time order: "daemon.main.0" is out of order.
+// Filters, -n and JSON over hand-stamped records in three outputs; "daemon.main.0" is out of time order.
 TEST_F(LogReaderTool, FiltersChooseRecords) {
     const std::string records[] = {
         stamped(300, "error", "two days old", nullptr, 2 * 86400),          // 0
@@ -82,28 +66,17 @@ TEST_F(LogReaderTool, FiltersChooseRecords) {
     make_log("daemon.main.1", {records[1], records[3]});
     make_log("daemon.main.0", {records[5], records[0]});
     make_log("other.x.0", {records[2], records[4]});
-    const struct {
-        std::string options;
-        std::vector<int> expected;
-    } cases[] = {{"", {1, 2, 3, 4, 0, 5}},
-                 {"--level warning", {1, 0}},
-                 {"--level=2", {1, 2, 0, 5}},
-                 {"--level trace --pid 200", {2, 4}},
-                 {"--pid 100 --pid 300", {1, 3, 0, 5}},
-                 {"--grep 'link (up|down)'", {1, 2}},
-                 {"--grep '^f'", {4, 5}},
-                 {"--output 'daemon.*'", {1, 3, 0, 5}},
-                 {"--since '2024-03-01 12:00:06' --until '2024-03-01 12:00:07'", {3, 4}},
-                 {"--since -1d", {5}},
-                 {"--since -3d --until -10min", {0}},
-                 {"--since -2h --level 1", {}},
-                 {"-n 2", {0, 5}},
-                 {"-n 1 --pid 200", {4}}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.options);
+    const std::pair<std::string, std::vector<int>> cases[] = {
+        {"", {1, 2, 3, 4, 0, 5}}, {"--level warning", {1, 0}}, {"--level=2", {1, 2, 0, 5}},
+        {"--level trace --pid 200", {2, 4}}, {"--pid 100 --pid 300", {1, 3, 0, 5}}, {"--grep 'link (up|down)'", {1, 2}},
+        {"--grep '^f'", {4, 5}}, {"--output 'daemon.*'", {1, 3, 0, 5}},
+        {"--since '2024-03-01 12:00:06' --until '2024-03-01 12:00:07'", {3, 4}}, {"--since -1d", {5}},
+        {"--since -3d --until -10min", {0}}, {"--since -2h --level 1", {}}, {"-n 2", {0, 5}}, {"-n 1 --pid 200", {4}}};
+    for (const auto& [options, indices] : cases) {
+        SCOPED_TRACE(options);
         std::string expected;
-        for (int i : c.expected) expected += records[i];
-        const Result r = reader(c.options + " " + key + " " + quoted(root.path()));
+        for (int i : indices) expected += records[i];
+        const Result r = reader(options + " " + key + " " + quoted(root.path()));
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_EQ(r.out, expected);
     }
@@ -112,8 +85,7 @@ TEST_F(LogReaderTool, FiltersChooseRecords) {
               R"("function":"fn","message":"link up\nsecond line"})" "\n");
 }
 
-// -f prints what is there, then the records written while it runs, across rotations, each
-// once and in order; SIGTERM ends it with status 0.
+// -f prints what is there, then new records across rotations, each once and in order; SIGTERM ends it (0).
 TEST_F(LogReaderTool, FollowsWritersAcrossRotations) {
     ASSERT_TRUE(kstest::write_file(root / "etc/logging/followed.json",
                                    R"({"action":"update","channels":{"default":)"
@@ -148,9 +120,8 @@ TEST_F(LogReaderTool, FollowsWritersAcrossRotations) {
     EXPECT_EQ(kslogtest::messages(kstest::read_file(out)), all);
 }
 
-// Files are read in the order given, a pipe by the library's own reader rather than whole.
-// Each bad file gets one line on standard error, naming it, and the good files are still read
-// (status 1); a usage mistake gets its line and a pointer to the help (status 2).
+// Files in the order given, a pipe streamed; a bad file costs one line naming it and status 1 (the good
+// files are still read); a usage mistake gets its line and a pointer to the help (status 2).
 TEST_F(LogReaderTool, StatusOutputAndComplaints) {
     const Result help = reader("--help");
     EXPECT_EQ(help.status, 0);
@@ -198,8 +169,8 @@ TEST_F(LogReaderTool, StatusOutputAndComplaints) {
     }
 }
 
-// Write faults injected with strace into two processes taking turns on one rotating log file
-// (daemons/kslog_turns.cpp): only the records hit are lost, and writing goes on after the fault.
+// Write faults injected with strace into two processes taking turns on one rotating file
+// (daemons/kslog_turns.cpp) lose only the records hit; writing goes on.
 TEST_F(LogReaderTool, WriteFaultsLoseRecordsNeverTheFile) {
     if (std::getenv("KS_TEST_EMULATED")) GTEST_SKIP() << "strace cannot trace emulated programs";
     constexpr int kRounds = 16;
