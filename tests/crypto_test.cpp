@@ -151,10 +151,9 @@ TEST_F(CryptoTest, RefusesBadInputAndKeys) {
 // The edges of the own table; codes above 100 take the text of errno; truncation keeps the terminator.
 TEST(KscryptoStrerror, OwnLibraryAndErrnoTexts) {
     char buffer[64];
-    EXPECT_STREQ(kscrypto_strerror(0, buffer, sizeof buffer), "No error");
-    EXPECT_STREQ(kscrypto_strerror(100, buffer, sizeof buffer), "Unknown error");
     errno = ENOSPC;
-    EXPECT_STREQ(kscrypto_strerror(101, buffer, sizeof buffer), std::strerror(ENOSPC));
+    for (const auto& [code, text] : {std::pair{0, "No error"}, {100, "Unknown error"}, {101, std::strerror(ENOSPC)}})
+        EXPECT_STREQ(kscrypto_strerror(code, buffer, sizeof buffer), text) << code;
     const std::string library_text = kscrypto_strerror(-0x3E00, buffer, sizeof buffer);
     EXPECT_TRUE(library_text != "" && library_text != "Unknown error") << library_text;
     char tiny[5] = {'z', 'z', 'z', 'z', 'z'};

@@ -88,14 +88,12 @@ TEST_F(CryptoLogTest, LayoutOnDisk) {
     ASSERT_EQ(append("new key\n"), 0);
     ASSERT_EQ(append("same key\n"), 0);
     const std::string file = kstest::read_file(log);
-    EXPECT_EQ(file.substr(0, 5), "KSCL\x01");
-    EXPECT_EQ(file.substr(9, 23), std::string(23, '\0'));
+    EXPECT_EQ(file.substr(0, 5) + file.substr(9, 23), "KSCL\x01" + std::string(23, '\0'));
     EXPECT_EQ(layout(file), types + "1:256 2:16 2:16 ");
     expected += "new key\nsame key\n";
     EXPECT_EQ(read_back(log), expected);
     EXPECT_EQ(openssl_read(log), expected);
-    ASSERT_EQ(aes_keys.size(), 2u);
-    EXPECT_NE(aes_keys[0], aes_keys[1]);
+    EXPECT_NE(aes_keys.at(0), aes_keys.at(1));
 
     // Longer than the writer's record buffer: refused, nothing written.
     EXPECT_EQ(append(std::string(4112, 'x')), -1);
@@ -132,9 +130,8 @@ TEST_F(CryptoLogTest, EachProcessStartsItsRunWithItsOwnKey) {
         EXPECT_EQ(le32(file, 5), static_cast<uint32_t>(::getpid()));
         EXPECT_EQ(layout(file), "1:256 2:16 1:256 2:16 2:16 1:256 2:16 2:16 ");
         EXPECT_EQ(openssl_read(log), "parent 1\nchild 1\nchild 2\nparent 2\nparent 3\n");
-        ASSERT_EQ(aes_keys.size(), 3u);
-        EXPECT_EQ(aes_keys[0], aes_keys[2]);
-        EXPECT_EQ(aes_keys[0] != aes_keys[1], own_writer);
+        EXPECT_EQ(aes_keys.at(0), aes_keys.at(2));
+        EXPECT_EQ(aes_keys.at(0) != aes_keys.at(1), own_writer);
     }
 }
 
@@ -155,11 +152,8 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
                std::to_string(to);
     };
 
-    const struct {  // damage, the text read, the whole error message
-        const char* name;
-        std::function<std::string(std::string)> damage;
-        std::string plain, message;
-    } cases[] = {
+    // Name, damage, the text read, the whole error message.
+    const std::tuple<const char*, std::function<std::string(std::string)>, std::string, std::string> cases[] = {
         {"empty", [](std::string) { return std::string(); }, "", "log file shorter than its header"},
         {"magic", [](std::string f) { return f.replace(0, 4, "KSCX"); }, "", "bad header: not an encrypted log file"},
         {"version", [](std::string f) { return f.replace(4, 1, "\x02"); }, "",
@@ -184,12 +178,12 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
          "", "the private key does not match the key block" + skipped(32, key_b - 1) + "\ntruncated block" +
                  skipped(third, end - 4)},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        ASSERT_TRUE(kstest::write_file(dir / "damaged", c.damage(good)));
+    for (const auto& [name, damage, plain, expected_message] : cases) {
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(kstest::write_file(dir / "damaged", damage(good)));
         std::string message;
-        EXPECT_EQ(read_back(dir / "damaged", &message), c.plain);
-        EXPECT_EQ(message, c.message);
+        EXPECT_EQ(read_back(dir / "damaged", &message), plain);
+        EXPECT_EQ(message, expected_message);
     }
 }
 
@@ -259,10 +253,8 @@ TEST(CryptoLogKill, WritersKilledAtAnyMomentCostOnlyTheirOwnRecords) {
         for (size_t w = 0; w < children.size(); ++w) {
             int status = 0;
             ASSERT_EQ(::waitpid(children[w], &status, 0), children[w]);
-            if (w < kSurvivors)
-                EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-            else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
-                ++kills;
+            EXPECT_TRUE(w >= kSurvivors || (WIFEXITED(status) && WEXITSTATUS(status) == 0));
+            kills += w >= kSurvivors && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
         }
         ASSERT_LT(::access((file + "1").c_str(), F_OK), 0) << "the file rotated: records went out";
         const std::string text = kslogtest::messages(kslogtest::decrypt(file + "0", root.private_key()));
