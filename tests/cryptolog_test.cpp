@@ -12,7 +12,6 @@
 
 namespace {
 
-using kstest::blocks_of;
 using kstest::le32;
 using kstest::quoted;
 using kstest::test_key;
@@ -20,7 +19,7 @@ using kstest::test_key;
 // "type:payload size " for each block.
 std::string layout(const std::string& file) {
     std::string types;
-    for (const auto& [type, payload] : blocks_of(file))
+    for (const auto& [type, payload] : kstest::blocks_of(file))
         types += std::to_string(type) + ":" + std::to_string(payload.size()) + " ";
     return types;
 }
@@ -57,7 +56,7 @@ protected:
         const std::string rsa = "openssl pkeyutl -decrypt -pkeyopt rsa_padding_mode:pkcs1 -inkey ";
         std::string plain, aes_key;
         aes_keys.clear();
-        for (const auto& [type, payload] : blocks_of(kstest::read_file(file))) {
+        for (const auto& [type, payload] : kstest::blocks_of(kstest::read_file(file))) {
             EXPECT_TRUE(kstest::write_file(dir / "payload", payload));
             const std::string in = " -in " + quoted(dir / "payload");
             std::string out;

@@ -24,7 +24,7 @@ std::string stamped(int pid, const char* level, const std::string& message, cons
     return header + ("[src.cpp:" + std::to_string(pid) + "][fn()]: ") + message + "\n";
 }
 
-class LogReaderTool : public ::testing::Test {
+class LogReaderTool : public kslogtest::LoggerTest {
 protected:
     // An encrypted log file holding `records`, written as the log core writes them.
     std::string make_log(const std::string& name, const std::vector<std::string>& records) {
@@ -49,7 +49,6 @@ protected:
         return r;
     }
 
-    kstest::InstallRoot root;
     const std::string key = quoted(root.private_key());
 };
 
@@ -90,7 +89,7 @@ TEST_F(LogReaderTool, FollowsWritersAcrossRotations) {
     ASSERT_TRUE(kstest::write_file(root / "etc/logging/followed.json",
                                    R"({"action":"update","channels":{"default":)"
                                    R"([{"file":"f","level":"info","size":4096,"num":2}]}})"));
-    ASSERT_EQ(kslog_init("/usr/bin/followed", root.path().c_str(), nullptr), 0);
+    start("/usr/bin/followed");
     const std::string padding(400, '.');
     kslogtest::log(0, 2, "before 0" + padding);
     const std::string out = root / "followed.out";
@@ -116,7 +115,6 @@ TEST_F(LogReaderTool, FollowsWritersAcrossRotations) {
     int status = -1;
     EXPECT_EQ(::waitpid(follower, &status, 0), follower);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    kslog_uninit();
     EXPECT_EQ(kslogtest::messages(kstest::read_file(out)), all);
 }
 
