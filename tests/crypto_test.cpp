@@ -28,7 +28,6 @@ Bytes pattern(size_t size, unsigned seed = 1) {
 Bytes as_bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
 std::string as_string(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
-// The output of the allocating forms.
 struct Malloced {
     unsigned char* p = nullptr;
     size_t n = 0;
@@ -138,8 +137,7 @@ TEST_F(CryptoTest, RefusesBadInputAndKeys) {
 
     EXPECT_EQ(rsa_encrypt(in, 32, out_block, kstest::test_key("ecpub.pem").c_str()), KSCRYPTO_EKEYTYPE);
     EXPECT_EQ(rsa_decrypt(in, out_block, &len, kstest::test_key("ec.pem").c_str()), KSCRYPTO_EKEYTYPE);
-    // The crypto library's own (negative) codes: no file, a public key for a private one, too long an
-    // input, a block not made for this key.
+    // Crypto library codes (negative): no file, public key as private, input too long, a foreign block.
     EXPECT_LT(rsa_encrypt(in, 32, out_block, (dir / "missing.pem").c_str()), 0);
     EXPECT_LT(rsa_decrypt(in, out_block, &len, pub.c_str()), 0);
     EXPECT_LT(rsa_encrypt(in, 246, out_block, pub.c_str()), 0);

@@ -98,8 +98,7 @@ TEST_F(CryptoLogTest, LayoutOnDisk) {
     EXPECT_EQ(append(std::string(4112, 'x')), -1);
     EXPECT_EQ(kstest::read_file(log), file);
 
-    // A payload the caller encrypted itself is framed as it is, under the key last written or
-    // behind a key block of its own.
+    // A payload the caller encrypted goes as it is, under the key last written or behind its own key block.
     ks::unique_fd fd(::open(log.c_str(), O_WRONLY | O_APPEND));
     const std::vector<unsigned char> opaque(48, 0xab);
     EXPECT_TRUE(writer.write_without_key(fd.get(), opaque));
@@ -186,8 +185,7 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
     }
 }
 
-// A writer killed mid-block leaves it torn with the next process's key block behind it: cut at every
-// byte of a key block and of a record, all else is read and exactly the torn bytes are reported.
+// A block torn at any byte (writer killed) before the next key block: exactly the torn bytes are lost.
 TEST_F(CryptoLogTest, ReaderResumesAfterABlockTornAtAnyByte) {
     ks::CryptoLogWriter torn(test_key("pub.pem").c_str()), next(test_key("pub.pem").c_str());
     ASSERT_EQ(append("before\n"), 0);

@@ -1,6 +1,5 @@
 // Log core: levels, channels, records stamped and cut, rotation, threads, fork, all-or-nothing writes.
 #include <ksfork.h>
-#include <kslog.h>
 #include <kswrite.h>
 
 #include <signal.h>
@@ -9,7 +8,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <regex>
@@ -111,7 +109,6 @@ TEST_F(LoggerTest, ChannelsOpenCloseCopy) {
     EXPECT_FALSE(kslog_can_log(64, 0));
 }
 
-// Each output filters by its own level; sizes and counts are clamped to the global limits.
 TEST_F(LoggerTest, EachOutputFiltersByItsOwnLevelWithinTheGlobalLimits) {
     start();
     ASSERT_EQ(execute(R"({"action":"update","global":{"size":8192},"channels":{
@@ -158,8 +155,7 @@ TEST_F(LoggerTest, RotatesByRenamingAndKeepsAtMostNumFiles) {
     }
 }
 
-// The default channel writes errors to the identity's file; the last of as many stops as starts stops
-// it, and then every call answers its default and nothing is written. A failed start leaves it stopped.
+// Stopped, every call answers its default and nothing is written; a failed start leaves it stopped.
 TEST_F(LoggerTest, StartsWithTheDefaultChannelAndStopsAtTheLastStop) {
     start("/opt/kestrum/bin/ksdevmgmt");
     start("/opt/kestrum/bin/ksdevmgmt");
@@ -195,8 +191,7 @@ TEST_F(LoggerTest, StartsWithTheDefaultChannelAndStopsAtTheLastStop) {
     EXPECT_FALSE(kslog_initialized());
 }
 
-// Threads never interleave inside a record; a kept-open file removed, then left with part of a header
-// (a writer killed while starting it), is made again at the next record.
+// A kept-open file removed, then left with a torn header (writer killed), is made again at the next record.
 TEST_F(LoggerTest, ThreadsWriteWholeRecordsToAFileMadeAgainWhenRemoved) {
     start();
     ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"mt","level":"info"}]}})"), 0);
@@ -230,7 +225,6 @@ TEST_F(LoggerTest, ThreadsWriteWholeRecordsToAFileMadeAgainWhenRemoved) {
     EXPECT_EQ(got, expected);
 }
 
-// A child forked while another thread holds the table lock can still log.
 TEST_F(LoggerTest, ForkedChildCanLogWhileAParentThreadHeldTheLocks) {
     start();
     ASSERT_EQ(execute(R"({"action":"update","channels":{"default":[{"file":"fork","level":"info"}]}})"), 0);
@@ -290,8 +284,7 @@ TEST(KslogWrite, FullDiskLeavesNoPartialRecord) {
     EXPECT_EQ(rc, 0);
 }
 
-// Other errors (EFBIG past the file-size limit): all-or-nothing writes take their partial bytes back,
-// the others report what they wrote.
+// EFBIG past the file-size limit: all-or-nothing writes take their partial bytes back, the others do not.
 TEST(KslogWrite, OtherErrorsHonourTheAllOrNothingFlag) {
     kstest::TempDir dir;
     const int rc = kstest::in_child([&] {

@@ -1,5 +1,4 @@
-// The log reader program run as operators run it: plain text, per-file complaints, and a status
-// that says whether anything was lost.
+// The log reader program as operators run it: plain text, per-file complaints, a status saying what was lost.
 #include <sys/wait.h>
 
 #include <csignal>
@@ -15,11 +14,10 @@ using kstest::quoted;
 // A stamped record as the log core writes it, `seconds_ago` before now unless `time` is given.
 std::string stamped(int pid, const char* level, const std::string& message, const char* time = nullptr,
                     long seconds_ago = 0) {
-    char stamp[32];
+    char stamp[32], header[64];
     const time_t when = std::time(nullptr) - seconds_ago;
     struct tm local;
     std::strftime(stamp, sizeof stamp, "%F %T", localtime_r(&when, &local));
-    char header[64];
     std::snprintf(header, sizeof header, "%s.%03d %6d %5s ", time ? time : stamp, pid % 1000, pid, level);
     return header + ("[src.cpp:" + std::to_string(pid) + "][fn()]: ") + message + "\n";
 }
@@ -118,8 +116,7 @@ TEST_F(LogReaderTool, FollowsWritersAcrossRotations) {
     EXPECT_EQ(kslogtest::messages(kstest::read_file(out)), all);
 }
 
-// Files in the order given, a pipe streamed; a bad file costs one line naming it and status 1 (the good
-// files are still read); a usage mistake gets its line and a pointer to the help (status 2).
+// Files in order, a pipe streamed; a bad file costs a line naming it (status 1), a usage mistake status 2.
 TEST_F(LogReaderTool, StatusOutputAndComplaints) {
     const std::string old = quoted(make_log("app.1", {"old one\n", "old two\n"})),
                       young = quoted(make_log("app.0", {"new one\n"})), app = "old one\nold two\nnew one\n";
@@ -160,8 +157,7 @@ TEST_F(LogReaderTool, StatusOutputAndComplaints) {
     }
 }
 
-// Write faults injected with strace into two processes taking turns on one rotating file
-// (daemons/kslog_turns.cpp) lose only the records hit; writing goes on.
+// Write faults injected by strace into two processes sharing a rotating file lose only the records hit.
 TEST_F(LogReaderTool, WriteFaultsLoseRecordsNeverTheFile) {
     if (std::getenv("KS_TEST_EMULATED")) GTEST_SKIP() << "strace cannot trace emulated programs";
     constexpr int kRounds = 16;

@@ -19,8 +19,7 @@ inline uint32_t le32(const std::string& bytes, size_t at) {
     return v;
 }
 
-// (type, payload) of each block of an encrypted log file, parsed independently of the library;
-// `whole`: the header was ours and no block was torn.
+// (type, payload) of each log block, parsed independently; `whole`: our header and no torn block.
 inline std::vector<std::pair<int, std::string>> blocks_of(const std::string& file, bool* whole = nullptr) {
     std::vector<std::pair<int, std::string>> blocks;
     size_t pos = 32;
