@@ -1,30 +1,17 @@
-// The encrypted log format: bytes on disk, a second reader built from the openssl command
-// line alone, several processes sharing one file, and damaged files.
-#include <kscryptolog.h>
-#include <ksutils/crypto.h>
+// The encrypted log format: bytes on disk, an openssl-only second reader, shared and damaged files.
 #include <ksutils/error.h>
-#include <ksutils/miscutl.h>
-#include <ksutils/unique_fd.h>
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
 #include <signal.h>
-#include <time.h>
 #include <sys/wait.h>
-#include <unistd.h>
+#include <time.h>
 
-#include <random>
-#include <cstdint>
 #include <functional>
-#include <string>
-#include <vector>
+#include <random>
 
 #include "kslog_fixture.h"
 
 namespace {
 
-using kstest::blocks_of;
 using kstest::le32;
 using kstest::quoted;
 using kstest::test_key;
@@ -32,7 +19,7 @@ using kstest::test_key;
 // "type:payload size " for each block.
 std::string layout(const std::string& file) {
     std::string types;
-    for (const auto& [type, payload] : blocks_of(file))
+    for (const auto& [type, payload] : kstest::blocks_of(file))
         types += std::to_string(type) + ":" + std::to_string(payload.size()) + " ";
     return types;
 }
@@ -54,8 +41,7 @@ protected:
         return crypto_log_writer_encrypt(w ? w : writer.get(), fd.get(), record.data(), record.size());
     }
 
-    // Our reader's plain text; `message` gets the error of a read that was not whole, and
-    // without it the read must be whole.
+    // Our reader's plain text; `message` gets the error of a read that was not whole (else it must be).
     std::string read_back(const std::string& file, std::string* message = nullptr) {
         bool whole = false;
         const std::string plain = kslogtest::decrypt(file, test_key("priv.pem"), &whole);
@@ -64,14 +50,13 @@ protected:
         return plain;
     }
 
-    // The second reader: framing parsed here, every decryption done by the openssl command;
-    // `aes_keys` gets the hexadecimal AES key of each key block.
+    // The second reader: framing parsed here, decryption by openssl; `aes_keys` gets each key block's key.
     std::vector<std::string> aes_keys;
     std::string openssl_read(const std::string& file) {
         const std::string rsa = "openssl pkeyutl -decrypt -pkeyopt rsa_padding_mode:pkcs1 -inkey ";
         std::string plain, aes_key;
         aes_keys.clear();
-        for (const auto& [type, payload] : blocks_of(kstest::read_file(file))) {
+        for (const auto& [type, payload] : kstest::blocks_of(kstest::read_file(file))) {
             EXPECT_TRUE(kstest::write_file(dir / "payload", payload));
             const std::string in = " -in " + quoted(dir / "payload");
             std::string out;
@@ -102,21 +87,18 @@ TEST_F(CryptoLogTest, LayoutOnDisk) {
     ASSERT_EQ(append("new key\n"), 0);
     ASSERT_EQ(append("same key\n"), 0);
     const std::string file = kstest::read_file(log);
-    EXPECT_EQ(file.substr(0, 5), "KSCL\x01");
-    EXPECT_EQ(file.substr(9, 23), std::string(23, '\0'));
+    EXPECT_EQ(file.substr(0, 5) + file.substr(9, 23), "KSCL\x01" + std::string(23, '\0'));
     EXPECT_EQ(layout(file), types + "1:256 2:16 2:16 ");
     expected += "new key\nsame key\n";
     EXPECT_EQ(read_back(log), expected);
     EXPECT_EQ(openssl_read(log), expected);
-    ASSERT_EQ(aes_keys.size(), 2u);
-    EXPECT_NE(aes_keys[0], aes_keys[1]);
+    EXPECT_NE(aes_keys.at(0), aes_keys.at(1));
 
     // Longer than the writer's record buffer: refused, nothing written.
     EXPECT_EQ(append(std::string(4112, 'x')), -1);
     EXPECT_EQ(kstest::read_file(log), file);
 
-    // A payload the caller encrypted itself is framed as it is, under the key last written or
-    // behind a key block of its own.
+    // A payload the caller encrypted goes as it is, under the key last written or behind its own key block.
     ks::unique_fd fd(::open(log.c_str(), O_WRONLY | O_APPEND));
     const std::vector<unsigned char> opaque(48, 0xab);
     EXPECT_TRUE(writer.write_without_key(fd.get(), opaque));
@@ -126,9 +108,8 @@ TEST_F(CryptoLogTest, LayoutOnDisk) {
 }
 
 TEST_F(CryptoLogTest, EachProcessStartsItsRunWithItsOwnKey) {
-    // The other process either makes its own writer or uses the one inherited over fork;
-    // both times its records must follow a key block and the header must name it. The parent
-    // then appends with O_APPEND: its header rewrite must still land at offset 0.
+    // Own writer or one inherited over fork, the child's records follow a key block and the header names
+    // it; the parent's header rewrite lands at offset 0 even through O_APPEND.
     for (bool own_writer : {true, false}) {
         SCOPED_TRACE(own_writer ? "own writer" : "inherited writer");
         ::unlink(log.c_str());
@@ -143,13 +124,12 @@ TEST_F(CryptoLogTest, EachProcessStartsItsRunWithItsOwnKey) {
         ASSERT_EQ(append("parent 2\n", O_APPEND), 0);
         ASSERT_EQ(append("parent 3\n"), 0);
 
-        const std::string file = kstest::read_file(log), expected = "parent 1\nchild 1\nchild 2\nparent 2\nparent 3\n";
+        const std::string file = kstest::read_file(log);
         EXPECT_EQ(le32(file, 5), static_cast<uint32_t>(::getpid()));
         EXPECT_EQ(layout(file), "1:256 2:16 1:256 2:16 2:16 1:256 2:16 2:16 ");
-        EXPECT_EQ(openssl_read(log), expected);
-        ASSERT_EQ(aes_keys.size(), 3u);
-        EXPECT_EQ(aes_keys[0], aes_keys[2]);
-        EXPECT_EQ(aes_keys[0] != aes_keys[1], own_writer);
+        EXPECT_EQ(openssl_read(log), "parent 1\nchild 1\nchild 2\nparent 2\nparent 3\n");
+        EXPECT_EQ(aes_keys.at(0), aes_keys.at(2));
+        EXPECT_EQ(aes_keys.at(0) != aes_keys.at(1), own_writer);
     }
 }
 
@@ -170,12 +150,8 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
                std::to_string(to);
     };
 
-    // Each damage, the text read and the whole error message.
-    const struct {
-        const char* name;
-        std::function<std::string(std::string)> damage;
-        std::string plain, message;
-    } cases[] = {
+    // Name, damage, the text read, the whole error message.
+    const std::tuple<const char*, std::function<std::string(std::string)>, std::string, std::string> cases[] = {
         {"empty", [](std::string) { return std::string(); }, "", "log file shorter than its header"},
         {"magic", [](std::string f) { return f.replace(0, 4, "KSCX"); }, "", "bad header: not an encrypted log file"},
         {"version", [](std::string f) { return f.replace(4, 1, "\x02"); }, "",
@@ -200,18 +176,16 @@ TEST_F(CryptoLogTest, ReaderSkipsDamageUpToTheNextKeyBlock) {
          "", "the private key does not match the key block" + skipped(32, key_b - 1) + "\ntruncated block" +
                  skipped(third, end - 4)},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        ASSERT_TRUE(kstest::write_file(dir / "damaged", c.damage(good)));
+    for (const auto& [name, damage, plain, expected_message] : cases) {
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(kstest::write_file(dir / "damaged", damage(good)));
         std::string message;
-        EXPECT_EQ(read_back(dir / "damaged", &message), c.plain);
-        EXPECT_EQ(message, c.message);
+        EXPECT_EQ(read_back(dir / "damaged", &message), plain);
+        EXPECT_EQ(message, expected_message);
     }
 }
 
-// A writer killed in the middle of a block leaves it torn, the next process's key block right
-// behind it. Cut at every byte of a key block and of a record: all else is read, and exactly
-// the torn bytes are reported.
+// A block torn at any byte (writer killed) before the next key block: exactly the torn bytes are lost.
 TEST_F(CryptoLogTest, ReaderResumesAfterABlockTornAtAnyByte) {
     ks::CryptoLogWriter torn(test_key("pub.pem").c_str()), next(test_key("pub.pem").c_str());
     ASSERT_EQ(append("before\n"), 0);
@@ -233,8 +207,7 @@ TEST_F(CryptoLogTest, ReaderResumesAfterABlockTornAtAnyByte) {
     }
 }
 
-// Writers of one shared file, logging through the log core, are SIGKILLed at random points
-// while others finish normally: every record of those others is read back, whole and in order.
+// Writers of one file SIGKILLed at random points cost no record of the others, who finish normally.
 TEST(CryptoLogKill, WritersKilledAtAnyMomentCostOnlyTheirOwnRecords) {
     constexpr int kSurvivors = 2, kVictims = 6, kRecords = 60, kKills = 200;
     const unsigned seed = std::random_device{}();
@@ -244,8 +217,7 @@ TEST(CryptoLogKill, WritersKilledAtAnyMomentCostOnlyTheirOwnRecords) {
     const auto message = [](int survivor, int i) {
         return "survivor " + std::to_string(survivor) + " record " + std::to_string(i) + std::string(i * 7 % 40, '.');
     };
-    // A forked writer: survivor `id` writes kRecords records; a victim (id < 0) writes until a
-    // timer of its own kills it, at a random point however slowly the machine runs it.
+    // Survivor `id` writes kRecords records; a victim (id < 0) writes until its own timer kills it.
     const auto writer = [&](const std::string& identity, int id) {
         const unsigned writer_seed = random();
         const pid_t pid = ::fork();
@@ -278,10 +250,8 @@ TEST(CryptoLogKill, WritersKilledAtAnyMomentCostOnlyTheirOwnRecords) {
         for (size_t w = 0; w < children.size(); ++w) {
             int status = 0;
             ASSERT_EQ(::waitpid(children[w], &status, 0), children[w]);
-            if (w < kSurvivors)
-                EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-            else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
-                ++kills;
+            EXPECT_TRUE(w >= kSurvivors || (WIFEXITED(status) && WEXITSTATUS(status) == 0));
+            kills += w >= kSurvivors && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
         }
         ASSERT_LT(::access((file + "1").c_str(), F_OK), 0) << "the file rotated: records went out";
         const std::string text = kslogtest::messages(kslogtest::decrypt(file + "0", root.private_key()));

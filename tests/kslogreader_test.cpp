@@ -1,22 +1,9 @@
-// The operators' log reader program, run as operators run it: files in, plain text and
-// per-file complaints out, and an exit status that says whether anything was lost.
-#include <kscryptolog.h>
-#include <ksutils/crypto.h>
-#include <ksutils/unique_fd.h>
-
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
+// The log reader program as operators run it: plain text, per-file complaints, a status saying what was lost.
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "kslog_fixture.h"
 
@@ -27,16 +14,15 @@ using kstest::quoted;
 // A stamped record as the log core writes it, `seconds_ago` before now unless `time` is given.
 std::string stamped(int pid, const char* level, const std::string& message, const char* time = nullptr,
                     long seconds_ago = 0) {
-    char stamp[32];
+    char stamp[32], header[64];
     const time_t when = std::time(nullptr) - seconds_ago;
     struct tm local;
     std::strftime(stamp, sizeof stamp, "%F %T", localtime_r(&when, &local));
-    char header[64];
     std::snprintf(header, sizeof header, "%s.%03d %6d %5s ", time ? time : stamp, pid % 1000, pid, level);
     return header + ("[src.cpp:" + std::to_string(pid) + "][fn()]: ") + message + "\n";
 }
 
-class LogReaderTool : public ::testing::Test {
+class LogReaderTool : public kslogtest::LoggerTest {
 protected:
     // An encrypted log file holding `records`, written as the log core writes them.
     std::string make_log(const std::string& name, const std::vector<std::string>& records) {
@@ -55,21 +41,16 @@ protected:
     // The reader run with `arguments`, its standard input piped from `input` when given.
     Result reader(const std::string& arguments, const std::string& input = "") {
         Result r;
-        const std::string program = quoted(kstest::tool_path("kslogreader"));
-        r.status = kstest::run((input.empty() ? "" : input + " | ") + program + " " + arguments + " 2>" +
-                                   quoted(root / "err"),
-                               &r.out);
+        const std::string program = quoted(kstest::tool_path("kslogreader")), err = quoted(root / "err");
+        r.status = kstest::run((input.empty() ? "" : input + " | ") + program + " " + arguments + " 2>" + err, &r.out);
         r.err = kstest::read_file(root / "err");
         return r;
     }
 
-    kstest::InstallRoot root;
     const std::string key = quoted(root.private_key());
 };
 
-// Every filter, the last records, and the JSON form of the records, against one journal of
-// hand-stamped records in three outputs (one record holds two lines). Processes sharing a file
-// leave it nearly in time order: "daemon.main.0" is out of order.
+// Filters, -n and JSON over hand-stamped records in three outputs; "daemon.main.0" is out of time order.
 TEST_F(LogReaderTool, FiltersChooseRecords) {
     const std::string records[] = {
         stamped(300, "error", "two days old", nullptr, 2 * 86400),          // 0
@@ -82,28 +63,17 @@ TEST_F(LogReaderTool, FiltersChooseRecords) {
     make_log("daemon.main.1", {records[1], records[3]});
     make_log("daemon.main.0", {records[5], records[0]});
     make_log("other.x.0", {records[2], records[4]});
-    const struct {
-        std::string options;
-        std::vector<int> expected;
-    } cases[] = {{"", {1, 2, 3, 4, 0, 5}},
-                 {"--level warning", {1, 0}},
-                 {"--level=2", {1, 2, 0, 5}},
-                 {"--level trace --pid 200", {2, 4}},
-                 {"--pid 100 --pid 300", {1, 3, 0, 5}},
-                 {"--grep 'link (up|down)'", {1, 2}},
-                 {"--grep '^f'", {4, 5}},
-                 {"--output 'daemon.*'", {1, 3, 0, 5}},
-                 {"--since '2024-03-01 12:00:06' --until '2024-03-01 12:00:07'", {3, 4}},
-                 {"--since -1d", {5}},
-                 {"--since -3d --until -10min", {0}},
-                 {"--since -2h --level 1", {}},
-                 {"-n 2", {0, 5}},
-                 {"-n 1 --pid 200", {4}}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.options);
+    const std::pair<std::string, std::vector<int>> cases[] = {
+        {"", {1, 2, 3, 4, 0, 5}}, {"--level warning", {1, 0}}, {"--level=2", {1, 2, 0, 5}},
+        {"--level trace --pid 200", {2, 4}}, {"--pid 100 --pid 300", {1, 3, 0, 5}}, {"--grep 'link (up|down)'", {1, 2}},
+        {"--grep '^f'", {4, 5}}, {"--output 'daemon.*'", {1, 3, 0, 5}},
+        {"--since '2024-03-01 12:00:06' --until '2024-03-01 12:00:07'", {3, 4}}, {"--since -1d", {5}},
+        {"--since -3d --until -10min", {0}}, {"--since -2h --level 1", {}}, {"-n 2", {0, 5}}, {"-n 1 --pid 200", {4}}};
+    for (const auto& [options, indices] : cases) {
+        SCOPED_TRACE(options);
         std::string expected;
-        for (int i : c.expected) expected += records[i];
-        const Result r = reader(c.options + " " + key + " " + quoted(root.path()));
+        for (int i : indices) expected += records[i];
+        const Result r = reader(options + " " + key + " " + quoted(root.path()));
         EXPECT_EQ(r.status, 0) << r.err;
         EXPECT_EQ(r.out, expected);
     }
@@ -112,13 +82,12 @@ TEST_F(LogReaderTool, FiltersChooseRecords) {
               R"("function":"fn","message":"link up\nsecond line"})" "\n");
 }
 
-// -f prints what is there, then the records written while it runs, across rotations, each
-// once and in order; SIGTERM ends it with status 0.
+// -f prints what is there, then new records across rotations, each once and in order; SIGTERM ends it (0).
 TEST_F(LogReaderTool, FollowsWritersAcrossRotations) {
     ASSERT_TRUE(kstest::write_file(root / "etc/logging/followed.json",
                                    R"({"action":"update","channels":{"default":)"
                                    R"([{"file":"f","level":"info","size":4096,"num":2}]}})"));
-    ASSERT_EQ(kslog_init("/usr/bin/followed", root.path().c_str(), nullptr), 0);
+    start("/usr/bin/followed");
     const std::string padding(400, '.');
     kslogtest::log(0, 2, "before 0" + padding);
     const std::string out = root / "followed.out";
@@ -144,17 +113,11 @@ TEST_F(LogReaderTool, FollowsWritersAcrossRotations) {
     int status = -1;
     EXPECT_EQ(::waitpid(follower, &status, 0), follower);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    kslog_uninit();
     EXPECT_EQ(kslogtest::messages(kstest::read_file(out)), all);
 }
 
-// Files are read in the order given, a pipe by the library's own reader rather than whole.
-// Each bad file gets one line on standard error, naming it, and the good files are still read
-// (status 1); a usage mistake gets its line and a pointer to the help (status 2).
+// Files in order, a pipe streamed; a bad file costs a line naming it (status 1), a usage mistake status 2.
 TEST_F(LogReaderTool, StatusOutputAndComplaints) {
-    const Result help = reader("--help");
-    EXPECT_EQ(help.status, 0);
-    EXPECT_NE(help.out.find("Usage: kslogreader"), std::string::npos);
     const std::string old = quoted(make_log("app.1", {"old one\n", "old two\n"})),
                       young = quoted(make_log("app.0", {"new one\n"})), app = "old one\nold two\nnew one\n";
     const std::string good = make_log("good.0", {"good\n"}), truncated = make_log("cut.0", {"kept\n", "cut\n"});
@@ -164,12 +127,8 @@ TEST_F(LogReaderTool, StatusOutputAndComplaints) {
     ASSERT_TRUE(kstest::make_rsa_keypair(root / "other.pem", root / "otherpub.pem"));
     make_log("last.0", {"last\n"});
     const std::string log = quoted(good), usage = "Try 'kslogreader --help'";
-    const struct {
-        std::string input, arguments;
-        int status;
-        std::string out;
-        std::vector<std::string> errors;
-    } cases[] = {
+    // Input piped in, arguments, status, standard output, what standard error's lines hold.
+    const std::tuple<std::string, std::string, int, std::string, std::vector<std::string>> cases[] = {
         {"", key + " " + old + " " + young, 0, app, {}},
         {"", "-k " + key + " " + old + " " + young, 0, app, {}},
         {"cat " + young, "-k " + key + " -", 0, "new one\n", {}},
@@ -188,18 +147,17 @@ TEST_F(LogReaderTool, StatusOutputAndComplaints) {
         {"", "-o xml " + key + " " + log, 2, "", {"bad format", usage}},
         {"", quoted(root.public_key()) + " " + log, 2, "", {"cannot load the private key"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.arguments);
-        const Result r = reader(c.arguments, c.input);
-        EXPECT_EQ(r.status, c.status) << r.err;
-        EXPECT_EQ(r.out, c.out);
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), static_cast<long>(c.errors.size())) << r.err;
-        for (const std::string& error : c.errors) EXPECT_NE(r.err.find(error), std::string::npos) << r.err;
+    for (const auto& [input, arguments, status, out, errors] : cases) {
+        SCOPED_TRACE(arguments);
+        const Result r = reader(arguments, input);
+        EXPECT_EQ(r.status, status) << r.err;
+        EXPECT_EQ(r.out, out);
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), static_cast<long>(errors.size())) << r.err;
+        for (const std::string& error : errors) EXPECT_NE(r.err.find(error), std::string::npos) << r.err;
     }
 }
 
-// Write faults injected with strace into two processes taking turns on one rotating log file
-// (daemons/kslog_turns.cpp): only the records hit are lost, and writing goes on after the fault.
+// Write faults injected by strace into two processes sharing a rotating file lose only the records hit.
 TEST_F(LogReaderTool, WriteFaultsLoseRecordsNeverTheFile) {
     if (std::getenv("KS_TEST_EMULATED")) GTEST_SKIP() << "strace cannot trace emulated programs";
     constexpr int kRounds = 16;
@@ -217,11 +175,11 @@ TEST_F(LogReaderTool, WriteFaultsLoseRecordsNeverTheFile) {
         SCOPED_TRACE(fault);
         for (const char* n : {"0", "1"}) ::unlink((base + n).c_str());
         // (LeakSanitizer, in sanitizer builds, cannot work under a tracer.)
+        const std::string turns = quoted(std::string(KS_BINARY_DIR) + "/tests/kslog_turns") + " " +
+                                  quoted(root.path()) + " " + std::to_string(kRounds);
         ASSERT_EQ(kstest::run("ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0 strace -f -qq -o " +
-                              quoted(root / "trace") + " -e trace=pwrite64,write -P " +
-                              quoted(base + "0") + " --inject=" + fault + " " +
-                              quoted(std::string(KS_BINARY_DIR) + "/tests/kslog_turns") + " " +
-                              quoted(root.path()) + " " + std::to_string(kRounds)),
+                              quoted(root / "trace") + " -e trace=pwrite64,write -P " + quoted(base + "0") +
+                              " --inject=" + fault + " " + turns),
                   0);
         EXPECT_NE(kstest::read_file(root / "trace").find("INJECTED"), std::string::npos);
         const bool rotated = ::access((base + "1").c_str(), F_OK) == 0;
@@ -237,8 +195,7 @@ TEST_F(LogReaderTool, WriteFaultsLoseRecordsNeverTheFile) {
             EXPECT_GE(number, next[child]) << line;
             next[child] = number + 1;
         }
-        EXPECT_EQ(next[0], kRounds);
-        EXPECT_EQ(next[1], 2 * kRounds);
+        EXPECT_EQ(std::pair(next[0], next[1]), std::pair(kRounds, 2 * kRounds));
     }
 }
 

@@ -1,7 +1,5 @@
-// kslog_turns INSTALL_ROOT ROUNDS: two processes take turns logging into one file, each
-// round one record by the parent ("parent <i>") and two by the child ("child <i>"), numbered
-// from 0 in each. The log reader tests run it under strace to fail chosen writes. Exit
-// status 1 when logging could not start or the turns broke off.
+// kslog_turns INSTALL_ROOT ROUNDS: two processes take turns logging into one file, each round one record
+// "parent <i>" and two "child <i>" (numbered from 0 in each); status 1 when the turns broke off.
 #include <kslog.h>
 
 #include <sys/wait.h>

@@ -1,5 +1,4 @@
-// Scaffolding shared by the crypto and encrypted-log tests: key files made at test time and
-// the openssl command lines that act as the independent peer.
+// Crypto and encrypted-log tests: key files made at test time, and openssl as the independent peer.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,8 +19,7 @@ inline uint32_t le32(const std::string& bytes, size_t at) {
     return v;
 }
 
-// The framing of an encrypted log file, parsed independently of the library: (type,
-// payload) of each block. `whole` says whether the header was ours and no block was torn.
+// (type, payload) of each log block, parsed independently; `whole`: our header and no torn block.
 inline std::vector<std::pair<int, std::string>> blocks_of(const std::string& file, bool* whole = nullptr) {
     std::vector<std::pair<int, std::string>> blocks;
     size_t pos = 32;
@@ -31,8 +29,7 @@ inline std::vector<std::pair<int, std::string>> blocks_of(const std::string& fil
     return blocks;
 }
 
-// Key files made once per test program: the RSA pair "priv.pem"/"pub.pem" and an EC pair
-// "ec.pem"/"ecpub.pem" (a key of the wrong type).
+// Key files made once per program: RSA "priv.pem"/"pub.pem", EC "ec.pem"/"ecpub.pem" (the wrong type).
 inline std::string test_key(const char* name) {
     static TempDir keys;
     static const bool made = make_rsa_keypair(keys / "priv.pem", keys / "pub.pem") &&

@@ -1,5 +1,4 @@
-// Logging tests: a logger started in a throw-away install root, log files decrypted with
-// its private key, and their block structure.
+// Logging tests: a logger in a throw-away install root, its files decrypted and their blocks listed.
 #pragma once
 
 #include <kscryptolog.h>
@@ -22,8 +21,7 @@
 
 namespace kslogtest {
 
-// Plain text of an encrypted log file ("" when missing); `ok` says whether the reader
-// accepted the whole file.
+// Plain text of an encrypted log file ("" when missing); `ok`: the reader accepted all of it.
 inline std::string decrypt(const std::string& path, const std::string& private_key, bool* ok = nullptr) {
     ks::unique_fd in(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), out(::memfd_create("plain", MFD_CLOEXEC));
     const bool whole = in && ks::CryptoLogReader(private_key.c_str()).decrypt(out.get(), in.get());
@@ -56,8 +54,7 @@ inline std::string messages(const std::string& text) {
     return result;
 }
 
-// Block types of a log file in order (1 key, 2 record); empty when the header is bad or
-// a block is torn.
+// Block types of a log file in order (1 key, 2 record); empty when the header is bad or a block torn.
 inline std::vector<int> block_types(const std::string& path) {
     bool whole = false;
     std::vector<int> types;
@@ -80,8 +77,7 @@ inline int execute(const std::string& json) {
     return doc ? kslog_execute_config(doc.get()) : -2;
 }
 
-// The running configuration as JSON text, keys sorted; with `channel`, only `key` of its
-// first output.
+// The running configuration as JSON text, keys sorted; with `channel`, only `key` of its first output.
 inline std::string config_text(const char* channel = nullptr, const char* key = nullptr) {
     const ks::unique_c_ptr<json_t> config(kslog_get_config());
     const json_t* value = channel ? json_object_get(

@@ -11,8 +11,7 @@ namespace kstest {
 // Whether `text` holds `pattern`, where '*' stands for any run of characters within a line.
 bool has_record(const std::string& text, const std::string& pattern);
 
-// The logger started as `identity` in a throw-away install root, `channel` at trace level on
-// standard error; stopped on destruction.
+// The logger as `identity` in a throw-away root, `channel` at trace on standard error, until destroyed.
 class LogCapture {
 public:
     explicit LogCapture(const std::string& identity, const std::string& channel = "default");
