@@ -1,5 +1,4 @@
-// Connection buffer: growth limits, descriptor I/O with its log records, a randomized run
-// against a plain byte queue over a socket pair, and two threads sharing one buffer.
+// Connection buffer: descriptor I/O with its log records, a byte-queue model, two threads.
 #include <ksutils/cbuffer.h>
 
 #include <gtest/gtest.h>
@@ -41,12 +40,8 @@ TEST(ConnectionBuffer, DescriptorIoAndLogRecords) {
     bool called = false;
     auto spy = [&](char*, unsigned long) -> long { return called = true, 1; };
 
-    const struct {
-        const char* what;
-        std::function<long()> run;
-        long result;
-        std::string records;  // after the header; '*' is any text within a line
-    } cases[] = {
+    // The records after the header; '*' is any text within a line.
+    const struct { const char* what; std::function<long()> run; long result; std::string records; } cases[] = {
         {"send empty", [&] { return out.send_or_write(spy); }, 0, "trace [cbuffer.cpp:*]: [sb-ctl] send on empty connection buffer\n"},
         {"put", [&] { return long(put(out, "abc")); }, 3, "]: [sb-ctl] put 3 bytes, new count = 3, capacity = 4\n"},
         {"partial send", [&] { return out.send_or_write([](char*, unsigned long) { return 2L; }); }, 2,
@@ -89,9 +84,8 @@ TEST(ConnectionBuffer, DescriptorIoAndLogRecords) {
     EXPECT_FALSE(called) << "empty send and full receive do not call the descriptor";
 }
 
-// Random puts, gets, sends and receives against a plain byte queue. Phases of filling and
-// draining drive the buffer to its maximum and back, through every wrap-around shape. The
-// maximum is checked before a doubling, so the last doubling passes an odd maximum.
+// Random use against a plain byte queue, filling and draining to the maximum and back through
+// every wrap-around shape; the last doubling passes the odd maximum, checked before doubling.
 TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
     constexpr size_t kInitial = 8, kMaximum = 500;
     kstest::SocketPair sp;
@@ -142,8 +136,7 @@ TEST(ConnectionBuffer, MatchesAByteQueueUnderRandomUse) {
             if (!has_room || in_flight.empty()) {
                 ASSERT_EQ(got, has_room ? -1 : 0);
             } else {
-                ASSERT_GT(got, 0);
-                ASSERT_LE(static_cast<size_t>(got), in_flight.size());
+                ASSERT_TRUE(got > 0 && static_cast<size_t>(got) <= in_flight.size()) << got;
                 model += in_flight.substr(0, static_cast<size_t>(got));
                 in_flight.erase(0, static_cast<size_t>(got));
             }

@@ -1,5 +1,4 @@
-// JSON helpers: every getter on present, absent and wrong-typed members, parse errors with
-// their position, arrays from vectors, and response statuses.
+// JSON getters on present, absent and wrong-typed members, parse errors, arrays, statuses.
 #include <ksutils/error.h>
 #include <ksutils/jsonutl.h>
 
@@ -54,11 +53,8 @@ TEST(JsonArrays, FromVectorsAndResponseStatus) {
                  dumped(ks::to_json_array(std::vector<std::string>{"a", std::string("b\0c", 3)})).get());
     EXPECT_STREQ("[1,-2,9223372036854775807]", dumped(ks::to_json_array(std::vector<int64_t>{1, -2, INT64_MAX})).get());
 
-    const struct {
-        const char* response;
-        int64_t status;  // 0 when refused
-        int code;
-    } cases[] = {{R"({"status":200})", 200, ks::E_OK},  {R"({"status":"404"})", 404, ks::E_OK},
+    // The status is 0 when refused.
+    const struct { const char* response; int64_t status; int code; } cases[] = {{R"({"status":200})", 200, ks::E_OK},  {R"({"status":"404"})", 404, ks::E_OK},
                  {R"({"status":"40x"})", 0, ks::E_INVAL}, {R"({"status":""})", 0, ks::E_INVAL},
                  {R"({"status":true})", 0, ks::E_INVAL},  {R"({})", 0, ks::E_NOENT}, {R"([200])", 0, ks::E_NOENT}};
     for (const auto& c : cases) {

@@ -1,5 +1,4 @@
-// The category table: a generated file of 1,000 categories against an independent index
-// computation and an encode/decode round trip, the table's edge cases, and its log texts.
+// The category table against an independent index computation, its edge cases and log texts.
 #include <ksutils/error.h>
 #include <ksutils/parentalcategorytranslator.h>
 
@@ -45,8 +44,7 @@ TEST_F(CategoryTest, ThousandCategoriesRoundTrip) {
     Translator t;
     ASSERT_TRUE(load(t, json + "]"));
     EXPECT_EQ(expected, (std::map<std::string, uint64_t>(t.nameToIndex.begin(), t.nameToIndex.end())));
-    EXPECT_EQ(all, t.decode(t.encode(all)));
-    EXPECT_EQ(some, t.decode(t.encode(some)));
+    for (const auto* names : {&all, &some}) EXPECT_EQ(*names, t.decode(t.encode(*names)));
     t.uninit();
     EXPECT_TRUE(t.nameToIndex.empty() && t.indexToName.empty() && t.wordCount == 0);
 }

@@ -1,6 +1,4 @@
-// ks::path joining, the standard directories, directory and temp-file operations, and the
-// install-root search (run in a private mount namespace so the machine's /etc and /opt are
-// never looked at, let alone changed).
+// Paths, standard directories and the install-root search (in a private mount namespace).
 #include <kspath.h>
 #include <ksutils/error.h>
 #include <ksutils/iptablesutl.h>
@@ -18,34 +16,24 @@
 
 namespace {
 
-struct RootGuard {
+struct RootGuard {  // sets the install root for a scope
     explicit RootGuard(const char* root) { kspath_set_install_path(root); }
     ~RootGuard() { kspath_set_install_path(nullptr); }
 };
 
 TEST(Path, JoinsPiecesWithSingleSlashesAndSplitsThemAgain) {
-    struct Case {
-        std::vector<std::string> pieces;
-        bool reset_each;  // the reset flag on every piece, not only the first
-        const char *joined, *base, *dir;
-    } cases[] = {
-        {{"name"}, false, "name", "name", "."},
-        {{"a", "b/"}, false, "a/b", "b", "a"},
-        {{"/", "x//y"}, false, "/x/y", "y", "/x"},
-        {{"a", "/x"}, false, "a/x", "x", "a"},
-        {{"//", "etc"}, false, "/etc", "etc", "/"},
-        {{"//"}, false, "/", "/", "/"},
-        {{""}, false, "", "", "."},
+    // The pieces, the reset flag on every piece (not only the first), then joined, base and dir.
+    const std::tuple<std::vector<std::string>, bool, const char*> cases[] = {
+        {{"name"}, false, "name name ."},   {{"a", "b/"}, false, "a/b b a"},    {{"/", "x//y"}, false, "/x/y y /x"},
+        {{"a", "/x"}, false, "a/x x a"},    {{"//", "etc"}, false, "/etc etc /"}, {{"//"}, false, "/ / /"},
+        {{""}, false, "  ."},
         // Resetting restarts only at an absolute piece.
-        {{"a", "b", "c"}, true, "a/b/c", "c", "a/b"},
-        {{"a", "b", "/d", "e"}, true, "/d/e", "e", "/d"},
+        {{"a", "b", "c"}, true, "a/b/c c a/b"}, {{"a", "b", "/d", "e"}, true, "/d/e e /d"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [pieces, reset_each, expected] : cases) {
         ks::path p;
-        for (size_t i = 0; i < c.pieces.size(); ++i) p.add_piece(i == 0 || c.reset_each, c.pieces[i]);
-        EXPECT_EQ(p.view(), c.joined) << "pieces starting " << c.pieces[0];
-        EXPECT_EQ(p.basename(), c.base) << c.joined;
-        EXPECT_EQ(p.dirname(), c.dir) << c.joined;
+        for (size_t i = 0; i < pieces.size(); ++i) p.add_piece(i == 0 || reset_each, pieces[i]);
+        EXPECT_EQ(expected, std::string(p.view()) + " " + std::string(p.basename()) + " " + std::string(p.dirname()));
     }
 }
 
@@ -54,9 +42,7 @@ TEST(Path, CommonPathsUnderTheRoot) {
     // The names under the root are a table; these rows are the ones built another way.
     const std::pair<int, const char*> cases[] = {
         {0, "/opt/kestrum"},         {5, "/opt/kestrum/share/scripts"}, {8, "/tmp/kslogs/opt/kestrum/var/crash"},
-        {13, "/opt/kestrum/va/bin"}, {14, "/etc"},                       {15, "/tmp"},
-        {19, ""},
-    };
+        {13, "/opt/kestrum/va/bin"}, {14, "/etc"}, {15, "/tmp"}, {19, ""}};
     for (const auto& [value, expected] : cases) {
         std::ostringstream os;
         os << static_cast<ks::common_path>(value);
@@ -96,8 +82,7 @@ TEST(Path, DirectoriesTempFilesAndRefusals) {
     EXPECT_TRUE(file.unlink());
 }
 
-// Standard directories and installed-file constants name the files under the root in force
-// when they are read, however they are read; cpath interns equal texts.
+// Installed-file constants follow the root in force when read, however read; cpath interns texts.
 TEST(Path, NamesFollowTheRootAndCpathInternsThem) {
     for (const std::string root : {"/first/root", "/second"}) {
         RootGuard guard(root.c_str());
@@ -114,8 +99,7 @@ TEST(Path, NamesFollowTheRootAndCpathInternsThem) {
     EXPECT_STREQ(a, "/x/y");
 }
 
-// Runs `body` in a child inside a private mount namespace where dir's "etc" and "opt" are
-// bind-mounted over /etc and /opt; returns what the body answered, or "SKIP".
+// What `body` answers in a child whose /etc and /opt are dir's "etc" and "opt", or "SKIP".
 std::string in_private_namespace(const kstest::TempDir& dir, const std::function<std::string()>& body) {
     kstest::TempDir out;
     kstest::in_child([&] {
@@ -130,9 +114,8 @@ std::string in_private_namespace(const kstest::TempDir& dir, const std::function
     return kstest::read_file(out / "result");
 }
 
-// The install root is the target of the "/etc/kestrum-box" link less its "/etc", else the
-// "kestrum-box" user's home, else /opt/kestrum. Each step changes the fake /etc or /opt and
-// searches again.
+// The root is the "/etc/kestrum-box" link's target less "/etc", else the user's home, else
+// /opt/kestrum; each step changes the fake /etc or /opt and searches again.
 TEST(Path, InstallRootSearchOrderAndUserHomes) {
     kstest::TempDir dir;
     const std::string app = dir / "data/app";

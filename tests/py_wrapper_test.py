@@ -1,9 +1,6 @@
 #!/usr/bin/env python3
-"""The settings client's plain functions as a Python program sees them through ctypes.
-
-Usage: py_wrapper_test.py LIBKSUTILS INSTALL_ROOT  (a settings server must serve the root
-and hold /py/name = "box", /py/list/one and /py/list/two). Exits 0 when all checks pass.
-"""
+"""The settings client's plain functions through ctypes. Usage: py_wrapper_test.py LIBKSUTILS ROOT
+(a server on ROOT holding /py/name = "box", /py/list/one and /py/list/two)."""
 import ctypes
 import sys
 
@@ -45,7 +42,6 @@ def main():
         ("uninit", lib.uninit_py_wrapper(), 0),
     ]
     lib.kslog_uninit()
-    # None when every check passed; sys.exit prints anything else and exits with 1.
     return "\n".join(f"{what}: got {got!r}, expected {want!r}" for what, got, want in checks if got != want) or None
 
 

@@ -1,8 +1,5 @@
-"""Independent answers for the address tests, from Python's ipaddress module: one answer line
-per case line, in the C++ test's own format, to compare line by line. Cases: P text (parse),
-M bits prefix (netmask), N text (prefix length, netmask or not), S text net prefix (in the
-subnet, subnet address), C hex (RFC 1071 checksum of the bytes, big-endian, as a number).
-"""
+"""Python's ipaddress answers to the address test's cases, one line each (P parse, M netmask,
+N prefix of a mask, S subnet membership, C RFC 1071 checksum of hex bytes)."""
 import ipaddress
 import sys
 
@@ -10,13 +7,10 @@ LINK_LOCAL = ipaddress.ip_network("fe80::/64")
 
 
 def text(a):
-    """As the C library's inet_ntop writes it: IPv4-compatible and -mapped IPv6 addresses
-    with a dotted tail (RFC 4291), where Python writes hex groups."""
-    w = [int.from_bytes(a.packed[i:i + 2], "big") for i in range(0, 16, 2)] if a.version == 6 else []
-    if w[:6] == [0] * 6 and w[6] != 0:
-        return "::" + str(ipaddress.IPv4Address(a.packed[12:]))
-    if w[:6] == [0] * 5 + [0xFFFF]:
-        return "::ffff:" + str(ipaddress.IPv4Address(a.packed[12:]))
+    """As inet_ntop writes it: IPv4-compatible and -mapped IPv6 addresses with a dotted tail."""
+    mapped = a.version == 6 and a.ipv4_mapped is not None
+    if mapped or (a.version == 6 and 0x10000 <= int(a) < 1 << 32):
+        return ("::ffff:" if mapped else "::") + str(ipaddress.IPv4Address(a.packed[12:]))
     return str(a)
 
 
