@@ -1,5 +1,5 @@
 // Command line: registration aborts, parsing and count checks against whole messages and
-// codes, the synopsis and help of a program with sub-commands, and arbitrary argv.
+// codes, and the synopsis and help of a program with sub-commands.
 #include <ksutils/cmdline.h>
 #include <ksutils/error.h>
 
@@ -70,10 +70,8 @@ struct daemon_line {
     }
 };
 
-struct parse_row {
-    std::vector<std::string> args;
-    std::string expected;  // parse_with()
-};
+// Arguments and what parse_with() makes of them.
+using parse_row = std::pair<std::vector<std::string>, std::string>;
 
 // What a fresh `Line` makes of `args`: its dump() after success, else "<code name> <message>".
 template <class Line>
@@ -83,8 +81,7 @@ std::string parse_with(const std::vector<std::string>& args) {
     return line.parser->parse(a.argc(), a.argv()) ? line.dump() : error_text();
 }
 
-// Declarations through the option types (the guards of the detail layer beneath them cannot
-// be reached from there).
+// Declarations through the option types (the detail layer's own guards cannot be reached from them).
 TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
     // Under an emulator the test program cannot be executed again: the fork-only style is all there is.
     if (!std::getenv("KS_TEST_EMULATED")) GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -151,8 +148,7 @@ TEST(CmdlineRegistration, OptionsJoinTheSubCommandsDeclaredBeforeThemAndLeaveWhe
     EXPECT_EQ(parse({"-stop"}), "ok");
 }
 
-// A program without sub-commands, for the mechanics of parsing. dump() shows every option
-// that was given, with its value.
+// A program without sub-commands; dump() shows every option that was given, with its value.
 struct tool_line {
     parser_ptr parser = std::make_shared<cl::command_line_parser>();
     cl::parser_choice on = cl::register_with(parser);
@@ -199,7 +195,6 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-xyv"}, "x=1 y=1 v=1"},
         {{"-vxx"}, "x=0 v=1"},
         {{"-xyz"}, "E_NOENT Parameter 1: unknown option '-z'"},
-        // Values after "=", as the next argument, or glued to a Prefix name.
         {{"-name=a"}, "name=a"},
         {{"-name", "a"}, "name=a"},
         {{"-n=a", "-name="}, "name="},
@@ -215,7 +210,6 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-color=true"}, "color=1"}, {{"-color=yes"}, "color=1"}, {{"-color=1"}, "color=1"},
         {{"-color=false"}, "color=0"}, {{"-color=0"}, "color=0"}, {{"-color=no", "-color="}, "color=1"},
         {{"-color=TRUE"}, "E_INVAL Parameter 1: 'TRUE' invalid value for parameter 'color'"},
-        // Named values.
         {{"-level=high"}, "level=9"},
         {{"-level", "mid"}, "E_INVAL Parameter 2: 'mid' invalid value for parameter 'level'"},
         {{"-slow"}, "mode=2"},
@@ -225,7 +219,6 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-tags="}, ""},
         {{"-nums=1:2", "-nums=3"}, "nums=[1|2|3]"},
         {{"-nums=1:"}, "E_INVAL Parameter 1: '' invalid value for parameter 'nums'"},
-        // Positionals, "--" and the lone dash.
         {{"a", "80"}, "src=a port=80"},
         {{"", "-x", "1"}, "x=1 src= port=1"},
         {{"--", "-x", "-1"}, "src=-x port=-1"},
@@ -234,8 +227,9 @@ TEST(CmdlineParse, ArgumentsBecomeValuesOrOneNamedMistake) {
         {{"-"}, "E_INVAL Parameter 1: expected parameter name after '-'"},
         {{"--x"}, "E_NOENT Parameter 1: unknown option '--'"},
     };
-    for (const auto& r : rows) EXPECT_EQ(parse_with<tool_line>(r.args), r.expected) << ::testing::PrintToString(r.args);
-    // A program may be started with no argv at all. (Arbitrary argv: fuzz/cmdline_fuzz.cpp.)
+    for (const auto& [args, expected] : rows)
+        EXPECT_EQ(parse_with<tool_line>(args), expected) << ::testing::PrintToString(args);
+    // A program may be started with no argv at all.
     tool_line t;
     EXPECT_TRUE(t.parser->parse(0, nullptr));
     EXPECT_EQ(t.parser->command_line_strings(), std::vector<std::string>{" [options] [--] [src] [port]"});
@@ -251,8 +245,8 @@ TEST(CmdlineParse, TheSelectorChoosesTheSubCommandWhereverItStands) {
         {{"-startx"}, "E_INVAL Parameter 1: '-start' does not take a value"},
         {{"-start", "-stop"}, "E_NOENT Parameter 2: unknown option '-p'"},
     };
-    for (const auto& r : rows)
-        EXPECT_EQ(parse_with<daemon_line>(r.args), r.expected) << ::testing::PrintToString(r.args);
+    for (const auto& [args, expected] : rows)
+        EXPECT_EQ(parse_with<daemon_line>(args), expected) << ::testing::PrintToString(args);
 }
 
 TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
@@ -327,64 +321,63 @@ TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
     }
 }
 
+// Each layout once: values with and without help, prefix and plain values, positionals, lists, a sink.
 TEST(CmdlineHelp, SynopsisAndHelpOfAProgramWithSubCommands) {
-    daemon_line d;
-    cl::parser_choice on = cl::register_with(d.parser);
+    parser_ptr parser = std::make_shared<cl::command_line_parser>();
+    cl::parser_choice on = cl::register_with(parser);
+    cl::sub_commands<int> what{on, cl::help("Actions:"),
+                               cl::values(cl::value("start", 0, "start it"), cl::value("stop", 1))};
     cl::opt<int> level{on, "level", "L", cl::in("start"), cl::required, cl::Prefix, cl::value_name("N"),
                        cl::help("how much to say")};
+    cl::flag no_detach{on, "no-detach", cl::in("start"), cl::help("do not detach from the controlling terminal")};
     cl::opt<int> mode{on, "mode", cl::in("stop"), cl::required,
                       cl::values(cl::value("soft", 0, "ask nicely"), cl::value("hard", 1, "insist"))};
+    cl::opt<ks::string_view> config{on, "log-config", cl::in("stop"), cl::required};
     cl::list<ks::string_view> keys{on, "key", cl::Positional, cl::SeparatedList, cl::in("stop"), cl::required,
                                    cl::value_name("KEY")};
     cl::opt<ks::string_view> out{on, "out", cl::Positional, cl::in("stop")};
     cl::list<ks::string_view> rest{on, "rest", cl::Positional, cl::Sink, cl::in("stop")};
     argv_holder a({}, "ksd");
-    ASSERT_TRUE(d.parser->parse(a.argc(), a.argv())) << error_text();
+    ASSERT_TRUE(parser->parse(a.argc(), a.argv())) << error_text();
 
     char* data = nullptr;
     size_t size = 0;
     FILE* help = open_memstream(&data, &size);
-    d.parser->print_help(help);  // the synopsis first, as print_usage() writes it
+    parser->print_help(help);  // the synopsis first, as print_usage() writes it
     fclose(help);
     EXPECT_EQ(std::string(data, size),
               "Usage:\n"
               "  ksd [options]\n"
               "  ksd -start -level|L <N> [options]\n"
-              "  ksd -stop -mode =<soft|hard> [--] <KEY>... [out] [rest]...\n"
-              "  ksd -execute-log-config -log-config =<VALUE>\n"
+              "  ksd -stop -mode =<soft|hard> -log-config =<VALUE> [--] <KEY>... [out] [rest]...\n"
               "\n"
               "Parameters:\n"
               "  Optional:\n"
-              "    To specify the action you want performed use one of the following:\n"
-              "      start - start the daemon\n"
-              "      stop - stop the daemon\n"
-              "      execute-log-config - execute action from log config\n"
+              "    Actions:\n"
+              "      start - start it\n"
+              "      stop\n"
               "\n"
               "Parameters for the '-start' sub-command:\n"
               "  Required:\n"
               "    -level,-L<N>              how much to say\n"
               "  Optional:\n"
               "    -no-detach                do not detach from the controlling terminal\n"
-              "    -log-config <VALUE>       startup log config\n"
               "\n"
               "Parameters for the '-stop' sub-command:\n"
               "  Required:\n"
               "    -mode <VALUE>\n"
               "      soft - ask nicely\n"
               "      hard - insist\n"
+              "    -log-config <VALUE>\n"
               "    <KEY>...\n"
               "  Optional:\n"
               "    <out>\n"
-              "    <rest>...\n"
-              "\n"
-              "Parameters for the '-execute-log-config' sub-command:\n"
-              "  Required:\n"
-              "    -log-config <VALUE>       log config at runtime\n");
+              "    <rest>...\n");
     free(data);
 
     FILE* read_only = fopen("/dev/null", "r");
     ASSERT_NE(read_only, nullptr);
-    EXPECT_THROW(d.parser->print_help(read_only), std::system_error);
+    EXPECT_THROW(parser->print_help(read_only), std::system_error);
     fclose(read_only);
 }
 

@@ -10,18 +10,18 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <signal.h>
+#include <csignal>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -56,8 +56,8 @@ protected:
     }
 
     // A crash collector's listening socket at its place in the install root.
-    int listen_as_collector(int flags = 0) {
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+    int listen_as_collector() {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", collector_path().c_str());
@@ -118,8 +118,8 @@ TEST_F(CrashTest, EachCrashSignalWritesAReportAndKillsWithThatSignal) {
         EXPECT_EQ(c.sig, crash_child(ks::ExceptionHandlerMethod::report_file, c.crash, pid)) << sigabbrev_np(c.sig);
         const auto names = reports();
         ASSERT_EQ(1u, names.size()) << sigabbrev_np(c.sig);
-        EXPECT_EQ(0u, names[0].find("crashtest-" + std::to_string(pid) + "-")) << names[0];
-        EXPECT_NE(names[0].find(".crash"), std::string::npos) << names[0];
+        const std::regex name("crashtest-" + std::to_string(pid) + "-.*\\.crash");
+        EXPECT_TRUE(std::regex_match(names[0], name)) << names[0];
         const std::string report = kstest::read_file(crash_dir() + "/" + names[0]);
         expect_complete(report, pid, c.sig);
         EXPECT_NE(report.find(c.also), std::string::npos) << c.also;
@@ -127,7 +127,7 @@ TEST_F(CrashTest, EachCrashSignalWritesAReportAndKillsWithThatSignal) {
 }
 
 TEST_F(CrashTest, CollectorTakesReportsKeepsItsConnectionAndFilesAreTheFallback) {
-    const int listener = listen_as_collector(SOCK_NONBLOCK);
+    const int listener = listen_as_collector();
     ASSERT_GE(listener, 0);
     auto accept_one = [&] {
         pollfd p{listener, POLLIN, 1000};

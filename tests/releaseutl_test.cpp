@@ -1,5 +1,4 @@
-// Release files under a temporary install root, and version comparison against a table of
-// known answers.
+// Release files under a temporary install root, and version comparison against known answers.
 #include <ksutils/releaseutl.h>
 
 #include <gtest/gtest.h>
