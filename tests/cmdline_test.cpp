@@ -1,5 +1,4 @@
-// Command line: registration aborts, parsing and count checks against whole messages and
-// codes, and the synopsis and help of a program with sub-commands.
+// Command line: registration aborts, parsing, count checks (whole messages and codes), synopsis and help.
 #include <ksutils/cmdline.h>
 #include <ksutils/error.h>
 
@@ -70,7 +69,6 @@ struct daemon_line {
     }
 };
 
-// Arguments and what parse_with() makes of them.
 using parse_row = std::pair<std::vector<std::string>, std::string>;
 
 // What a fresh `Line` makes of `args`: its dump() after success, else "<code name> <message>".
@@ -117,9 +115,8 @@ TEST(CmdlineRegistration, DeclarationMistakesAbortWithTheirMessage) {
         {"cl::separator() takes exactly one character",
          [] { D().add<ints>("a", cl::SeparatedList, cl::separator("::")); }},
     };
-    for (const auto& r : rows) {
+    for (const auto& r : rows)
         EXPECT_DEATH(r.declare(), kstest::death_message(r.message + std::string("\n"))) << r.message;
-    }
 }
 
 TEST(CmdlineRegistration, OptionsJoinTheSubCommandsDeclaredBeforeThemAndLeaveWhenDestroyed) {
@@ -329,10 +326,8 @@ TEST(CmdlineHelp, SynopsisAndHelpOfAProgramWithSubCommands) {
                                cl::values(cl::value("start", 0, "start it"), cl::value("stop", 1))};
     cl::opt<int> level{on, "level", "L", cl::in("start"), cl::required, cl::Prefix, cl::value_name("N"),
                        cl::help("how much to say")};
-    cl::flag no_detach{on, "no-detach", cl::in("start"), cl::help("do not detach from the controlling terminal")};
     cl::opt<int> mode{on, "mode", cl::in("stop"), cl::required,
                       cl::values(cl::value("soft", 0, "ask nicely"), cl::value("hard", 1, "insist"))};
-    cl::opt<ks::string_view> config{on, "log-config", cl::in("stop"), cl::required};
     cl::list<ks::string_view> keys{on, "key", cl::Positional, cl::SeparatedList, cl::in("stop"), cl::required,
                                    cl::value_name("KEY")};
     cl::opt<ks::string_view> out{on, "out", cl::Positional, cl::in("stop")};
@@ -348,8 +343,8 @@ TEST(CmdlineHelp, SynopsisAndHelpOfAProgramWithSubCommands) {
     EXPECT_EQ(std::string(data, size),
               "Usage:\n"
               "  ksd [options]\n"
-              "  ksd -start -level|L <N> [options]\n"
-              "  ksd -stop -mode =<soft|hard> -log-config =<VALUE> [--] <KEY>... [out] [rest]...\n"
+              "  ksd -start -level|L <N>\n"
+              "  ksd -stop -mode =<soft|hard> [--] <KEY>... [out] [rest]...\n"
               "\n"
               "Parameters:\n"
               "  Optional:\n"
@@ -360,15 +355,12 @@ TEST(CmdlineHelp, SynopsisAndHelpOfAProgramWithSubCommands) {
               "Parameters for the '-start' sub-command:\n"
               "  Required:\n"
               "    -level,-L<N>              how much to say\n"
-              "  Optional:\n"
-              "    -no-detach                do not detach from the controlling terminal\n"
               "\n"
               "Parameters for the '-stop' sub-command:\n"
               "  Required:\n"
               "    -mode <VALUE>\n"
               "      soft - ask nicely\n"
               "      hard - insist\n"
-              "    -log-config <VALUE>\n"
               "    <KEY>...\n"
               "  Optional:\n"
               "    <out>\n"

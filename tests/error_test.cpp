@@ -45,8 +45,7 @@ TEST(ErrorRecord, EachThreadHasItsOwnRecordAndUnknownCodesAreNamedInHex) {
     }
 }
 
-// A message is taken verbatim when nothing is formatted into it; the record keeps its storage,
-// so after a long message a shorter one leaves no remnant and repeated errors allocate nothing.
+// Verbatim messages; the record keeps its storage: no remnant after a long text, no allocation when repeated.
 TEST(ErrorRecord, MessagesOfAnyLengthReuseTheirStorage) {
     auto& e = _get_kserrno();
     const std::string long_text(2000, 'x');

@@ -1,6 +1,5 @@
-// Crash reporter tests: children of the test process install the handler and die of each
-// crash signal; the report must be complete and the child must die of that same signal,
-// whether the report goes to a file or to a crash collector listening on its socket.
+// Crash reporter: children install the handler and die of each crash signal; the report, in a file or
+// sent to a crash collector listening on its socket, must be complete, and the child die of that signal.
 #include "kstest.h"
 
 #include <ksutils/error.h>
@@ -66,8 +65,7 @@ protected:
     }
     std::string collector_path() const { return root_ / "var/run/kscrash.skt"; }
 
-    // Forks a child that installs the handler and runs `crash`; returns the signal it died
-    // of (0 when it exited) and its pid.
+    // A child installs the handler and runs `crash`: the signal it died of (0 when it exited), and its pid.
     int crash_child(ks::ExceptionHandlerMethod method, const std::function<void()>& crash, pid_t& pid) {
         pid = ::fork();
         if (pid == 0) {
@@ -98,8 +96,7 @@ void expect_complete(const std::string& report, pid_t pid, int sig) {
 }
 
 TEST_F(CrashTest, EachCrashSignalWritesAReportAndKillsWithThatSignal) {
-    // The handler ends every report by raising the signal again, so a fault the hardware
-    // raised and one sent by raise() or abort() differ only in the fault address.
+    // The handler re-raises the signal either way: a raised fault differs only in the fault address.
     const struct {
         int sig;
         std::function<void()> crash;

@@ -172,8 +172,7 @@ TEST_F(DaemonTest, BadStartupEnvironments) {
     for (const auto& line : events()) EXPECT_EQ(std::string::npos, line.find("run pid")) << line;
 }
 
-// The daemon's whole life, with the settings server running: start, refused second start,
-// default-settings callbacks, a log configuration at run time, stop.
+// The daemon's whole life beside the settings server: start, second start, callbacks, log config, stop.
 TEST_F(DaemonTest, LifeFromDetachedStartToStop) {
     const pid_t server = background(kstest::quoted(kstest::tool_path("kssetter")) + " -root " + kstest::quoted(root_.path()),
                                     root_ / "kssetter.out");
@@ -227,8 +226,7 @@ TEST_F(DaemonTest, LifeFromDetachedStartToStop) {
                                R"({"file":"$INSTALL_PATH/var/log/runtime-output","level":"trace"}]}})");
     EXPECT_EQ(0, daemon("-execute-log-config -log-config='" + config + "'", &out)) << out;
     EXPECT_EQ("Static log config validation OK. Sending log config '" + config + "' to daemon ...\n", out);
-    const std::string new_output = root_ / "var/log/runtime-output.0";
-    ASSERT_TRUE(wait_until([&] { return ::access(new_output.c_str(), F_OK) == 0; }));
+    ASSERT_TRUE(wait_until([&] { return ::access((root_ / "var/log/runtime-output.0").c_str(), F_OK) == 0; }));
 
     // A file that is not a log configuration is refused before it reaches the daemon.
     kstest::write_file(root_ / "bad.json", "not json");
@@ -245,8 +243,7 @@ TEST_F(DaemonTest, LifeFromDetachedStartToStop) {
     EXPECT_TRUE(wait_until([&] { return !alive(pid); }));
     EXPECT_EQ(-1, pidfile_holder());
     ks::setMgmt::uninit();
-    // The stop signal reached every notification, and the run callback returned after them;
-    // the run loop and the stop callback run on different threads, so compare as sets.
+    // Every stop notification, then the run callback's return; two threads record them, so compare as sets.
     const auto all = events();
     const auto exit = std::find(all.begin(), all.end(), "exit 3 pid=" + std::to_string(pid));
     ASSERT_GE(exit - all.begin(), 2);

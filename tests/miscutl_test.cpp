@@ -1,5 +1,4 @@
-// Foundation utilities: string splitting, hex text, sizes, fork hooks, process
-// locks between processes, and the environment block.
+// Foundation utilities: splitting, hex text, sizes, fork hooks, process locks, the environment block.
 #include <ksplock.h>
 #include <ksutils/buffer.h>
 #include <ksutils/environ.h>
