@@ -249,27 +249,25 @@ TEST(CmdlineParse, TheSelectorChoosesTheSubCommandWhereverItStands) {
 TEST(CmdlineValidate, EveryCountMistakeHasItsMessageAndCode) {
     using decl = std::function<void(D&)>;
     int slot = 0;  // storage shared by "a" and "b" makes them one occurrence group
-    auto shared = [&slot](cl::occurrence_bounds b) -> decl {
-        return [&slot, b](D& d) {
-            d.add<cl::opt<int, true>>("a", cl::storage(slot), b);
-            d.add<cl::opt<int, true>>("b", cl::storage(slot), b);
-        };
+    using bounds = cl::occurrence_bounds;
+    using ext = cl::opt<int, true>;
+    using ints = cl::list<int>;
+    auto shared = [&slot](bounds b) -> decl {
+        return [&slot, b](D& d) { d.add<ext>("a", cl::storage(slot), b).add<ext>("b", cl::storage(slot), b); };
     };
-    auto named = [](cl::occurrence_bounds b) -> decl { return [b](D& d) { d.add<cl::opt<int>>("a", b); }; };
-    auto listed = [](cl::occurrence_bounds b) -> decl { return [b](D& d) { d.add<cl::list<int>>("l", b); }; };
-    auto unnamed = [](cl::occurrence_bounds b) -> decl {
+    auto named = [](bounds b) -> decl { return [b](D& d) { d.add<cl::opt<int>>("a", b); }; };
+    auto listed = [](bounds b) -> decl { return [b](D& d) { d.add<ints>("l", b); }; };
+    auto unnamed = [](bounds b) -> decl {
         return [b](D& d) { d.add<cl::opt<int>>(cl::values(cl::value("fast", 1), cl::value("slow", 2)), b); };
     };
-    auto sink = [](cl::occurrence_bounds b) -> decl {
-        return [b](D& d) { d.add<cl::list<int>>("files", cl::Positional, cl::Sink, b); };
-    };
+    auto sink = [](bounds b) -> decl { return [b](D& d) { d.add<ints>("files", cl::Positional, cl::Sink, b); }; };
     auto positionals = [](std::vector<std::pair<const char*, bool>> required) -> decl {
         return [required](D& d) {
             for (auto [name, needed] : required)
                 d.add<cl::opt<ks::string_view>>(name, cl::Positional, needed ? cl::required : cl::optional);
         };
     };
-    auto point = [](D& d) { d.add<cl::list<int>>("point", cl::Positional, cl::SeparatedList, cl::exactly(3)); };
+    auto point = [](D& d) { d.add<ints>("point", cl::Positional, cl::SeparatedList, cl::exactly(3)); };
     const struct {
         decl declare;
         std::vector<std::string> args;

@@ -54,17 +54,6 @@ protected:
         return names;
     }
 
-    // A crash collector's listening socket at its place in the install root.
-    int listen_as_collector() {
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", collector_path().c_str());
-        const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 && ::listen(fd, 4) == 0;
-        return ok ? fd : -1;
-    }
-    std::string collector_path() const { return root_ / "var/run/kscrash.skt"; }
-
     // A child installs the handler and runs `crash`: the signal it died of (0 when it exited), and its pid.
     int crash_child(ks::ExceptionHandlerMethod method, const std::function<void()>& crash, pid_t& pid) {
         pid = ::fork();
@@ -124,8 +113,14 @@ TEST_F(CrashTest, EachCrashSignalWritesAReportAndKillsWithThatSignal) {
 }
 
 TEST_F(CrashTest, CollectorTakesReportsKeepsItsConnectionAndFilesAreTheFallback) {
-    const int listener = listen_as_collector();
-    ASSERT_GE(listener, 0);
+    // A crash collector's listening socket at its place in the install root.
+    const std::string collector = root_ / "var/run/kscrash.skt";
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", collector.c_str());
+    ASSERT_EQ(0, ::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    ASSERT_EQ(0, ::listen(listener, 4));
     auto accept_one = [&] {
         pollfd p{listener, POLLIN, 1000};
         if (::poll(&p, 1, 1000) != 1) return -1;
@@ -154,7 +149,7 @@ TEST_F(CrashTest, CollectorTakesReportsKeepsItsConnectionAndFilesAreTheFallback)
     EXPECT_GE(second, 0) << "reconnected";
     ::close(second);
     ::close(listener);
-    ::unlink(collector_path().c_str());
+    ::unlink(collector.c_str());
     EXPECT_EQ(-1, ks::check_exception_handler_connection()) << "collector gone";
     ks::uninit_exception_handler();
     EXPECT_EQ(0, ks::check_exception_handler_connection()) << "nothing to check without a collector";
