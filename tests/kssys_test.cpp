@@ -1,8 +1,6 @@
-// The system-call layer through the library calls built on it: a signal that interrupts a
-// blocking call (a handler installed without SA_RESTART) must not turn into a failure. The
-// signal is sent only once /proc shows the caller blocked inside the system call, so it
-// interrupts that call instead of arriving before it, and what the call waits for comes
-// only after the handler ran.
+// The system-call layer through the library calls built on it: a signal (handler without SA_RESTART)
+// that interrupts a blocking call must not turn into a failure. It is sent once /proc shows the
+// caller blocked inside the call, and what the call waits for comes only after the handler ran.
 #include <kssetter/ksconnection.h>
 #include <ksutils/executl.h>
 #include <ksutils/unique_fd.h>
@@ -94,8 +92,7 @@ TEST(SysLayer, InterruptedCallsCarryOn) {
             while (!returned && blocked_in(self) != c.syscall) std::this_thread::sleep_for(1ms);
             const int before = g_interruptions;
             ::pthread_kill(caller, SIGUSR1);
-            // Released only after the handler ran: a wake-up that came first would let the
-            // call finish without seeing the signal.
+            // A wake-up before the handler ran would let the call finish without seeing the signal.
             while (g_interruptions == before) std::this_thread::sleep_for(1ms);
             c.release();
         });

@@ -1,5 +1,4 @@
-// Foundation utilities: string splitting, hex text, sizes, fork hooks, process
-// locks between processes, and the environment block.
+// Foundation utilities: splitting, hex text, sizes, fork hooks, process locks, the environment block.
 #include <ksplock.h>
 #include <ksutils/buffer.h>
 #include <ksutils/environ.h>
@@ -21,7 +20,7 @@
 namespace {
 
 TEST(StringView, Split) {
-    struct Case {
+    const struct {
         const char* text;
         char sep;
         size_t max;
@@ -32,7 +31,7 @@ TEST(StringView, Split) {
         {"a b c d", ' ', 2, {"a", "b c d"}},
         {"a b", ' ', 1, {"a b"}},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         std::vector<std::string> got;
         for (auto piece : ks::string_view(c.text).split(c.sep, c.max)) got.emplace_back(piece);
         EXPECT_EQ(got, c.pieces) << '"' << c.text << "\" max " << c.max;
@@ -63,12 +62,7 @@ TEST(Hex, AgreesWithCoreutilsAndRefusesBadText) {
 
 TEST(HumanSize, Units) {
     const std::pair<uint64_t, const char*> cases[] = {
-        {1023, "1023 B"},
-        {1024, "1.0 KiB"},
-        {1536, "1.5 KiB"},
-        {3ull << 40, "3.0 TiB"},
-        {UINT64_MAX, "16.0 EiB"},
-    };
+        {1023, "1023 B"}, {1024, "1.0 KiB"}, {1536, "1.5 KiB"}, {3ull << 40, "3.0 TiB"}, {UINT64_MAX, "16.0 EiB"}};
     for (const auto& [bytes, text] : cases) EXPECT_EQ(ks::human_size(bytes), text) << bytes;
 }
 

@@ -1,14 +1,10 @@
-// A daemon for the black-box tests of ks::daemon::Instance. It records what happens to it,
-// one line per event, into the file named by KSTEST_EVENTS, and behaves as KSTEST_MODE says:
-//   normal       stop pipe, descriptor, flag and callback, three default-settings callbacks
-//                (every mode has them), and a run callback that returns on the stop byte
-//   ignore-term  stop notifications arrive, but the run callback never returns
-//   crash        writes through a null pointer once running
-//   fail-prerun  the pre-run callback refuses to start
-// KS_INSTALL_ROOT names the install root.
+// A daemon for the black-box tests of ks::daemon::Instance: it records its events, one a line, into
+// the file KSTEST_EVENTS names. KSTEST_MODE: normal (its run callback returns on the stop byte),
+// ignore-term (it never returns), crash (once running), fail-prerun (refuses to start).
 #include <kspath.h>
 #include <ksutils/error.h>
 #include <ksutils/ksdaemon.h>
+#include <ksutils/unique_fd.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -28,15 +24,12 @@ int g_probe_fd[2] = {-1, -1};  // a stop descriptor of our own that nobody reads
 void record(const std::string& line) {
     const char* file = std::getenv("KSTEST_EVENTS");
     if (!file) return;
-    const int fd = ::open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd < 0) return;
+    ks::unique_fd fd(::open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     const std::string text = line + "\n";
-    (void)!::write(fd, text.data(), text.size());
-    ::close(fd);
+    (void)!::write(fd.get(), text.data(), text.size());
 }
 
-// Crashes in a function of its own, so the backtrace has a frame to show; a real fault
-// even under the undefined-behaviour sanitizer.
+// A function of its own gives the backtrace a frame; a real fault even under the UB sanitizer.
 __attribute__((noinline, no_sanitize("undefined"))) void crash_now(volatile int* target) { *target = 42; }
 
 }  // namespace
