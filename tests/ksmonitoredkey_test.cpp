@@ -1,5 +1,4 @@
-// Monitored keys against the settings server we ship: lazy subscription, the start-up
-// call, callbacks per changed key, and resubscription after a server restart.
+// Monitored keys against our server: lazy subscription, the start-up call, resubscription.
 #include "kssetter_fixture.h"
 
 #include <kssetter/ksmonitoredkey>

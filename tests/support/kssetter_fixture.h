@@ -1,6 +1,5 @@
-// Fixtures of the settings client and server tests: one install root per test program (the
-// client computes its socket path once per process), the server as a child on it, raw frames,
-// and a scripted stand-in server for exact request bytes and broken replies.
+// Settings client and server tests: one install root per program (the client computes its
+// socket path once per process), the server as a child on it, raw frames, a scripted stand-in.
 #pragma once
 
 #include "kstest.h"
@@ -33,8 +32,7 @@ namespace kssetter_test {
 
 using namespace std::string_literals;  // "\0/a"s keeps the NUL
 
-// The process's install root, with logging started on it so that the client can open its
-// log channel. Created by the first test that asks, kept until the program ends.
+// The program's install root, with logging started on it for the client's log channel.
 inline kstest::InstallRoot& root() {
     struct Holder {
         kstest::InstallRoot installRoot;
@@ -97,7 +95,6 @@ public:
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     void restart() { stop(), start(); }
-    // SIGKILL: the server gets no chance to save anything.
     void crash() { stop(SIGKILL); }
 
 private:
@@ -107,24 +104,24 @@ private:
 // Runs `fn` on a new thread and waits for it: a fresh per-thread connection each time.
 inline void inThread(const std::function<void()>& fn) { std::thread(fn).join(); }
 
-// Moves exactly `n` bytes over a blocking stream socket (which waits for all of them); false
-// when the peer went away first.
+// Moves exactly `n` bytes over a blocking stream socket; false when the peer went away first.
 inline bool readAll(int fd, void* out, size_t n) { return ::recv(fd, out, n, MSG_WAITALL) == static_cast<ssize_t>(n); }
 inline bool writeAll(int fd, const std::string& bytes) {
     return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
-// A request frame: command, body length, body.
-inline std::string frame(uint32_t command, const std::string& body) {
-    const uint64_t length = body.size();
-    return std::string(reinterpret_cast<const char*>(&command), 4) +
-           std::string(reinterpret_cast<const char*>(&length), 8) + body;
+// The bytes of `v` as they lie in memory.
+template <class T>
+std::string raw(T v) {
+    return std::string(reinterpret_cast<const char*>(&v), sizeof v);
 }
+// A request frame: command, body length, body.
+inline std::string frame(uint32_t command, const std::string& body) { return raw(command) + raw(uint64_t{body.size()}) + body; }
 // A CMD_SET body after its lock byte and key.
 inline std::string setBody(const std::string& lockAndKey, uint32_t type, const std::string& value) {
-    return lockAndKey + '\0' + std::string(reinterpret_cast<const char*>(&type), 4) + value;
+    return lockAndKey + '\0' + raw(type) + value;
 }
-inline std::string result(int64_t r) { return std::string(reinterpret_cast<const char*>(&r), 8); }
+inline std::string result(int64_t r) { return raw(r); }
 
 // The next whole request frame on `fd`, or "" when the connection ended.
 inline std::string readFrame(int fd) {
@@ -136,8 +133,7 @@ inline std::string readFrame(int fd) {
     return readAll(fd, &f[12], length) ? f : "";
 }
 
-// Waits until `expected` notifications came on `h` (their keys added to `keys`) or a wait
-// fails; returns how many came.
+// How many of `expected` notifications came on `h` before a wait failed (keys added to `keys`).
 inline int collect(ks::setMgmt::NotifyHandle* h, int expected, std::set<std::string>* keys = nullptr) {
     int total = 0;
     for (int n = 1; n > 0 && total < expected; total += std::max(n, 0))
@@ -145,8 +141,7 @@ inline int collect(ks::setMgmt::NotifyHandle* h, int expected, std::set<std::str
     return total;
 }
 
-// A stand-in server listening on the settings socket: each accepted connection is handed
-// to the next scripted handler, on a thread of its own.
+// A stand-in server on the settings socket, serving connections on a thread of its own.
 class FakeServer {
 public:
     FakeServer() : listen_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -178,7 +173,6 @@ private:
     std::thread thread_;
 };
 
-// Initialises the client for the test and uninitialises it afterwards.
 struct ClientScope {
     ClientScope() {
         root();
