@@ -176,11 +176,12 @@ int64_t Connection::recv(unsigned char* out, unsigned long length, bool resetOnE
 
 namespace {
 
-// A reply from a server that is not busy elsewhere arrives a few microseconds after the
-// request: less than a sleep and wake-up of the waiting thread costs. So a thread whose last
-// reply came that quickly polls for the next one for a short while before it sleeps; one whose
-// replies keep it waiting longer (a busy server, many clients on few processors) sleeps at once.
-constexpr auto kReplyPoll = std::chrono::microseconds(20);
+// A reply from a server that is not waiting for the disk arrives microseconds after the
+// request: less than a sleep and wake-up of the waiting thread cost. So a thread whose last
+// reply came that quickly polls for the next one for a short while, yielding the processor
+// between tries (to the server itself, on a small machine), before it sleeps; one whose
+// replies keep it waiting longer (a durable write, a loaded machine) sleeps at once.
+constexpr auto kReplyPoll = std::chrono::microseconds(50);
 thread_local bool t_repliesComeQuickly = true;
 
 }  // namespace
