@@ -5,8 +5,8 @@
 // rotate it once.
 //
 // A log file stays open between records, and each record asks stat() under the
-// cross-process lock whether the path (its name in its directory) still names it (see write_file_record): cheaper
-// than opening it for every record, and deciding exactly as that would.
+// cross-process lock whether the path (its name in its directory) still names it (see
+// write_file_record): cheaper than opening it for every record, and deciding as that would.
 #include "kslog_tables.h"
 
 #include "kscryptolog_internal.h"
