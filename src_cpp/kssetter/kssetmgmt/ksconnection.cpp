@@ -192,12 +192,12 @@ int64_t Connection::recvAtLeast(unsigned char* out, unsigned long least, unsigne
     const Clock::time_point start = Clock::now();
     if (t_repliesComeQuickly) {
         while (got < least) {
-            const ssize_t n = ::recv(fd, out + got, most - got, MSG_NOSIGNAL | MSG_DONTWAIT);
+            const ssize_t n = sys::recv_some(fd, out + got, most - got, MSG_NOSIGNAL | MSG_DONTWAIT);
             if (n > 0) {
                 got += static_cast<unsigned long>(n);
                 continue;
             }
-            if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) break;
+            if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) break;
             if (Clock::now() - start > kReplyPoll) break;
             sched_yield();
         }
